@@ -1,0 +1,113 @@
+#ifndef VELMOT_DATASET_DATASET_H
+#define VELMOT_DATASET_DATASET_H
+
+// MemoryDataSet: the one data model of learner and predictor, stored column
+// by column (one vector per feature) because every later step reads one
+// feature for many instances.
+//
+// F: feature type (int, double, float, unsigned char).
+// L: label type (int for classes; double or float for real labels).
+// The source of copy_from needs: nc, nf, ltype, labels, get_num_instances()
+// and operator()(i, j).
+
+#include <algorithm>
+#include <cstdint>
+#include <type_traits>
+#include <vector>
+
+#include "velmot/defs/labeling.h"
+
+namespace Velmot {
+
+template <class F, class L>
+class MemoryDataSet {
+public:
+  typedef F feature_type;
+  typedef L label_type;
+  typedef typename std::vector<F>::const_iterator const_iterator;
+
+  MemoryDataSet() = default;
+  explicit MemoryDataSet(size_t num_features) : nf(num_features), features(num_features) {}
+
+  void set_num_features(size_t n) {
+    nf = n;
+    features.resize(n);
+  }
+  void set_num_classes(size_t n) { nc = n; }
+  // The integer is unused: the labeling kind alone decides.
+  void set_labeling(int, LabelingType labeling) { ltype = labeling; }
+
+  size_t get_num_instances() const { return labels.size(); }
+  size_t get_num_features() const { return nf; }
+  size_t get_num_classes() const { return nc; }
+  LabelingType get_labeling() const { return ltype; }
+
+  const F& operator()(size_t i, size_t j) const { return features[j][i]; }
+  const L& get_label(size_t i) const { return labels[i]; }
+  void set_label(size_t i, const L& label) { labels[i] = label; }
+
+  const_iterator begin(size_t feature_index) const { return features[feature_index].begin(); }
+  const_iterator end(size_t feature_index) const { return features[feature_index].end(); }
+  // Contiguous column, for the hot loops that gather one feature.
+  const F* column(size_t feature_index) const { return features[feature_index].data(); }
+
+  template <class Source>
+  void copy_from(const Source& ds) {
+    nc = ds.nc;
+    nf = ds.nf;
+    ltype = ds.ltype;
+    features.resize(nf);
+    const size_t ni = ds.get_num_instances();
+    for (size_t j = 0; j < nf; ++j) {
+      std::vector<F>& column = features[j];
+      column.resize(ni);
+      for (size_t i = 0; i < ni; ++i) column[i] = ds(i, j);
+    }
+    labels.assign(ds.labels.begin(), ds.labels.end());
+  }
+
+  // Replaces not-a-number entries of floating-point features by the upper
+  // median (position k/2 of the k sorted present values; 0 when none is
+  // present). Present values, and integer features, are never changed.
+  void impute();
+
+  size_t nf = 0;
+  size_t nc = 2;
+  LabelingType ltype = DiscreteZeroOnward;
+  std::vector<std::vector<F>> features;
+  std::vector<L> labels;
+};
+
+template <class F, class L>
+void MemoryDataSet<F, L>::impute() {
+  if constexpr (std::is_floating_point<F>::value) {
+    std::vector<F> present(labels.size());
+    for (std::vector<F>& column : features) {
+      size_t k = 0;
+      bool missing = false;
+      for (const F value : column) {
+        if (value == value) {
+          present[k++] = value;
+        } else {
+          missing = true;
+        }
+      }
+      if (!missing) continue;
+      F replacement = 0;
+      if (k > 0) {
+        // The value at sorted position k/2; selection gives the same value
+        // as a full sort without its cost.
+        std::nth_element(present.begin(), present.begin() + k / 2, present.begin() + k);
+        replacement = present[k / 2];
+      }
+      for (F& value : column) {
+        if (!(value == value)) value = replacement;
+      }
+    }
+  }
+  // Integer and byte features cannot hold a missing value: nothing to do.
+}
+
+}  // namespace Velmot
+
+#endif
