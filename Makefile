@@ -1,4 +1,4 @@
-.PHONY: test demo setup
+.PHONY: test demo setup sanitize
 
 # Runs every test, C++ and Python, after the idempotent set-up.
 test:
@@ -10,3 +10,7 @@ demo:
 
 setup:
 	./scripts/setup.sh
+
+# The C++ and Python suites under AddressSanitizer and UBSan.
+sanitize:
+	./scripts/sanitize.sh
