@@ -1,0 +1,181 @@
+#ifndef VELMOT_DATASET_INDEX_DATASET_H
+#define VELMOT_DATASET_INDEX_DATASET_H
+
+// Views used while a tree grows, so that the data is never copied:
+// - IndexedDataSet: a list of instance numbers into a MemoryDataSet (a
+//   bootstrap sample; numbers may repeat), with a buffer of (value, label)
+//   pairs of one feature and the sort workspace;
+// - RangeDataSet: the positions [begin_i, end_i) of that list that reach one
+//   node.
+// A node buffers one feature over its own range, sorts the buffered pairs,
+// and once split, partitions its range of the index list in place so that
+// the instances going left come first.
+//
+// D must offer feature_type, label_type, get_num_instances/features/classes,
+// get_labeling, get_label(i) and column(j) (a pointer to feature j's values).
+
+#include <cstdint>
+#include <limits>
+#include <utility>
+#include <vector>
+
+#include "velmot/defs/exception.h"
+#include "velmot/defs/labeling.h"
+#include "velmot/defs/sort.h"
+
+namespace Velmot {
+
+template <class D>
+class IndexedDataSet {
+public:
+  typedef D dataset_type;
+  typedef typename D::feature_type feature_type;
+  typedef typename D::label_type label_type;
+  typedef std::pair<feature_type, label_type> pair_type;
+
+  explicit IndexedDataSet(const D* dataset) : dataset(dataset) {}
+
+  size_t get_num_instances() const { return indices.size(); }
+  size_t get_num_features() const { return dataset->get_num_features(); }
+  size_t get_num_classes() const { return dataset->get_num_classes(); }
+  LabelingType get_labeling() const { return dataset->get_labeling(); }
+  const D* get_dataset() const { return dataset; }
+
+  const feature_type& operator()(size_t i, size_t j) const { return (*dataset)(indices[i], j); }
+  const label_type& get_label(size_t i) const { return dataset->get_label(indices[i]); }
+  const pair_type& get_buffered_feature_label(size_t i) const { return feature_label_buffer[i]; }
+  const pair_type* buffered_pairs(size_t begin) const { return feature_label_buffer.data() + begin; }
+
+  // Refreshes the buffer at positions [begin, end) only; the rest keeps
+  // whatever it held.
+  void buffer_feature(size_t feature_index, size_t begin, size_t end) {
+    buffered_feature_index = feature_index;
+    if (feature_label_buffer.size() != indices.size()) feature_label_buffer.resize(indices.size());
+    const feature_type* column = dataset->column(feature_index);
+    for (size_t p = begin; p < end; ++p) {
+      const uint64_t instance = indices[p];
+      feature_label_buffer[p] = pair_type(column[instance], dataset->get_label(instance));
+    }
+  }
+
+  void sort_buffered_feature(size_t feature_index, size_t begin, size_t end) {
+    if (feature_index != buffered_feature_index) throw Exception("feature not in buffer");
+    flexi_sort.sort(feature_index, feature_label_buffer.begin() + begin, feature_label_buffer.begin() + end,
+                    FeatureLabelLessThan<pair_type>());
+  }
+
+  // Moves the instances whose value is below the threshold (compared in the
+  // feature type) to the front of [begin, end) and returns their number.
+  // Equal and not-a-number values go to the back, as in prediction.
+  size_t partition(size_t feature_index, size_t begin, size_t end, feature_type threshold) {
+    const feature_type* column = dataset->column(feature_index);
+    uint64_t* lo = indices.data() + begin;
+    uint64_t* hi = indices.data() + end;
+    // Two-ended: scan from the front for an instance that goes right and
+    // from the back for one that goes left, then swap them.
+    while (true) {
+      while (lo != hi && column[*lo] < threshold) ++lo;
+      if (lo == hi) break;
+      --hi;
+      while (lo != hi && !(column[*hi] < threshold)) --hi;
+      if (lo == hi) break;
+      std::swap(*lo, *hi);
+      ++lo;
+    }
+    return static_cast<size_t>(lo - (indices.data() + begin));
+  }
+
+  void use_all_instances() {
+    indices.resize(dataset->get_num_instances());
+    for (size_t i = 0; i < indices.size(); ++i) indices[i] = i;
+  }
+  void clear_indices() { indices.clear(); }
+  void add_index(uint64_t i) { indices.push_back(i); }
+  void set_dataset(const D* d) { dataset = d; }
+
+  const D* dataset;
+  std::vector<uint64_t> indices;
+  std::vector<pair_type> feature_label_buffer;
+  uint64_t buffered_feature_index = std::numeric_limits<uint64_t>::max();
+  FlexiSort<feature_type, label_type> flexi_sort;
+};
+
+template <class I>
+class RangeDataSet {
+public:
+  typedef typename I::feature_type feature_type;
+  typedef typename I::label_type label_type;
+  typedef typename I::pair_type pair_type;
+
+  explicit RangeDataSet(I* indexed) : dataset(indexed), begin_i(0), end_i(indexed->get_num_instances()) {}
+  RangeDataSet(I* indexed, size_t begin, size_t end) : dataset(indexed), begin_i(begin), end_i(end) {}
+
+  void set_range(size_t begin, size_t end) {
+    begin_i = begin;
+    end_i = end;
+  }
+
+  size_t get_num_instances() const { return end_i - begin_i; }
+  size_t get_num_features() const { return dataset->get_num_features(); }
+  size_t get_num_classes() const { return dataset->get_num_classes(); }
+  LabelingType get_labeling() const { return dataset->get_labeling(); }
+
+  const feature_type& operator()(size_t i, size_t j) const { return (*dataset)(begin_i + i, j); }
+  const label_type& get_label(size_t i) const { return dataset->get_label(begin_i + i); }
+  const pair_type& get_buffered_feature_label(size_t i) const { return dataset->get_buffered_feature_label(begin_i + i); }
+  // The range's buffered pairs, for the sweep.
+  const pair_type* buffered_pairs() const { return dataset->buffered_pairs(begin_i); }
+
+  void buffer_feature(size_t feature_index) { dataset->buffer_feature(feature_index, begin_i, end_i); }
+  void sort_buffered_feature(size_t feature_index) { dataset->sort_buffered_feature(feature_index, begin_i, end_i); }
+  size_t partition(size_t feature_index, feature_type threshold) {
+    return dataset->partition(feature_index, begin_i, end_i, threshold);
+  }
+
+  // Whether all instances of the range share one value of the feature; a
+  // not-a-number value never equals the first.
+  bool is_homogeneous(size_t feature_index) const {
+    if (end_i - begin_i <= 1) return true;
+    const feature_type* column = dataset->get_dataset()->column(feature_index);
+    const uint64_t* index = dataset->indices.data();
+    const feature_type first = column[index[begin_i]];
+    for (size_t p = begin_i + 1; p < end_i; ++p) {
+      if (!(column[index[p]] == first)) return false;
+    }
+    return true;
+  }
+
+  int get_parent_index(size_t i) const { return static_cast<int>(begin_i + i); }
+
+  I* dataset;
+  size_t begin_i;
+  size_t end_i;
+};
+
+// A bootstrap sample: floor(fraction_of_parent x instances) instance numbers
+// drawn uniformly with replacement, one generator step each, kept in drawing
+// order. The fraction must be 0 or more and the sample must fit an int.
+template <class D, class RNG>
+IndexedDataSet<D> random_subset_iid(const D* dataset, double fraction_of_parent, RNG& random_generator) {
+  IndexedDataSet<D> subset(dataset);
+  const int64_t num_instances = static_cast<int64_t>(dataset->get_num_instances());
+  const double wanted = fraction_of_parent * static_cast<double>(num_instances);
+  if (!(wanted >= 0.0) || !(wanted < 2147483648.0)) {
+    throw Exception("bootstrap sample size must be between 0 and 2147483647 instances");
+  }
+  const uint64_t num_sample_instances = static_cast<uint64_t>(wanted);
+  if (num_sample_instances == 0) return subset;
+  if (num_instances == 0) throw IncompatibleDataException("data set is empty");
+  subset.indices.reserve(num_sample_instances);
+  subset.feature_label_buffer.reserve(num_sample_instances);
+  for (uint64_t k = 0; k < num_sample_instances; ++k) {
+    const int32_t index = static_cast<int32_t>(random_generator.next_int(num_instances));
+    subset.indices.push_back(static_cast<uint64_t>(index));
+    subset.feature_label_buffer.emplace_back(typename D::feature_type(0), dataset->get_label(index));
+  }
+  return subset;
+}
+
+}  // namespace Velmot
+
+#endif

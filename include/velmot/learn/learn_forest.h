@@ -1,0 +1,168 @@
+#ifndef VELMOT_LEARN_LEARN_FOREST_H
+#define VELMOT_LEARN_LEARN_FOREST_H
+
+// learn_forest: a forest of trees on the default OpenMP team.
+//
+// Steps: check the input (everything that could fail inside the parallel
+// region is refused here, with an Exception, since an exception cannot
+// leave the region); then each thread t of T learns the contiguous block of
+// trees [t c, min((t+1) c, forest_size)), c = ceil(forest_size / T), each
+// from its own bootstrap sample drawn with the thread's generator. The
+// static schedule is deliberate: which generator learns which tree depends
+// only on T and forest_size, so a re-seeded pool reproduces the forest.
+// Importances are summed per thread and merged once per thread in one
+// critical section, then scaled by 1 / forest_size (0 trees: NaN).
+//
+// D is a MemoryDataSet; ImportanceVector is a vector of doubles sized by the
+// caller (normally one entry per feature).
+
+#include <omp.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <exception>
+#include <string>
+#include <type_traits>
+#include <vector>
+
+#include "velmot/dataset/index_dataset.h"
+#include "velmot/defs/exception.h"
+#include "velmot/defs/random.h"
+#include "velmot/learn/learn_tree.h"
+#include "velmot/learn/tree.h"
+#include "velmot/stats/label_accumulator.h"
+
+namespace Velmot {
+
+namespace learn_forest_detail {
+
+// Number of threads of a team of `team` that get at least one tree.
+inline int threads_with_trees(int forest_size, int team) {
+  if (forest_size <= 0 || team <= 0) return 0;
+  const int chunk = forest_size / team + (forest_size % team != 0 ? 1 : 0);
+  return forest_size / chunk + (forest_size % chunk != 0 ? 1 : 0);
+}
+
+// Labels must fall in the histogram: an integer label in [-1, nc], a real
+// one in (-1, nc + 1) so that both of its slot conversions stay inside.
+template <class L>
+bool label_fits_histogram(L label, size_t num_classes) {
+  if constexpr (std::is_integral<L>::value) {
+    return static_cast<int64_t>(label) >= -1 && static_cast<int64_t>(label) <= static_cast<int64_t>(num_classes);
+  } else {
+    return label > static_cast<L>(-1) && static_cast<double>(label) < static_cast<double>(num_classes) + 1.0;
+  }
+}
+
+template <class D>
+void check_forest_input(const D& data, int forest_size, double sample_prop, size_t importance_size,
+                        bool compute_feature_importances) {
+  const size_t ni = data.get_num_instances();
+  if (ni > 2147483647u) throw IncompatibleDataException("data set has more than 2147483647 instances");
+  const double sample_size = sample_prop * static_cast<double>(ni);
+  if (!(sample_size >= 0.0) || !(sample_size < 2147483648.0)) {
+    throw Exception("sample_prop must make a bootstrap sample of 0 to 2147483647 instances");
+  }
+  if (data.get_num_features() > 2147483647u) throw IncompatibleDataException("data set has too many features");
+  if (data.get_num_classes() > 2147483645u) throw IncompatibleDataException("data set has too many classes");
+  for (size_t i = 0; i < ni; ++i) {
+    if (!label_fits_histogram(data.get_label(i), data.get_num_classes())) {
+      throw IncompatibleDataException("a label lies outside the range of classes");
+    }
+  }
+  if (compute_feature_importances && importance_size < data.get_num_features()) {
+    throw Exception("feature importances need one entry per feature");
+  }
+  // A histogram per node must be affordable; try one here, where a failure
+  // can still be reported.
+  NominalLabelPriorAccumulator<int> probe;
+  probe.set_num_classes(static_cast<int>(data.get_num_classes()));
+
+  // Every thread that learns a tree needs its own generator. Making the pool
+  // here (if it does not exist yet) also keeps threads from racing to make it.
+  const int needed = threads_with_trees(forest_size, omp_get_max_threads());
+  if (needed == 0) return;
+  XorShiftRNGPool* pool = get_pool("", 1, 0, false);
+  for (int t = 0; t < needed; ++t) {
+    if (static_cast<size_t>(t) >= pool->size() || pool->get_generator(static_cast<size_t>(t)) == nullptr) {
+      throw Exception("the random generator pool has no generator for thread " + std::to_string(t) +
+                      ": seed the pool (init_pool or set_seed) before learning on several threads");
+    }
+  }
+}
+
+}  // namespace learn_forest_detail
+
+template <class D, class Criterion, class ImportanceVector>
+std::vector<Node<typename D::label_type>*> learn_forest(const D& data, int forest_size, double sample_prop,
+                                                        int fte_per_split, int max_depth, int min_leaf_size,
+                                                        const Criterion& criteria, bool compute_feature_importances,
+                                                        ImportanceVector& feature_importances) {
+  typedef Node<typename D::label_type> NodeType;
+  if (data.get_num_instances() == 0) throw IncompatibleDataException("data set is empty");
+  // A negative size fails here, as an allocation error.
+  std::vector<NodeType*> retval(static_cast<size_t>(forest_size), nullptr);
+  for (auto& value : feature_importances) value = 0.0;
+  const size_t num_importances = feature_importances.size();
+  learn_forest_detail::check_forest_input(data, forest_size, sample_prop, num_importances,
+                                          compute_feature_importances);
+
+  // Failures inside the region (only allocation failures can remain) are
+  // carried out of it instead of ending the process.
+  std::exception_ptr failure;
+#pragma omp parallel
+  {
+    std::vector<double> tree_importances(num_importances, 0.0);
+    std::vector<double> scratch(num_importances, 0.0);
+    const int64_t team = omp_get_num_threads();
+    const int64_t t = omp_get_thread_num();
+    const int64_t chunk = forest_size / team + (forest_size % team != 0 ? 1 : 0);
+    const int64_t first = std::min<int64_t>(t * chunk, forest_size);
+    const int64_t last = std::min<int64_t>((t + 1) * chunk, forest_size);
+    bool failed = false;
+    for (int64_t k = first; k < last && !failed; ++k) {
+      try {
+        XorShiftRNG& rng = thread_generator();
+        const IndexedDataSet<D> sample = random_subset_iid(&data, sample_prop, rng);
+        if (compute_feature_importances) std::fill(tree_importances.begin(), tree_importances.end(), 0.0);
+        retval[static_cast<size_t>(k)] = learn_tree(sample, fte_per_split, max_depth, min_leaf_size, criteria,
+                                                    compute_feature_importances, tree_importances);
+        if (compute_feature_importances) {
+          for (size_t j = 0; j < num_importances; ++j) scratch[j] += tree_importances[j];
+        }
+      } catch (...) {
+        failed = true;
+#pragma omp critical
+        if (!failure) failure = std::current_exception();
+      }
+    }
+#pragma omp barrier
+#pragma omp critical
+    {
+      if (compute_feature_importances) {
+        size_t j = 0;
+        for (auto& value : feature_importances) value += scratch[j++];
+      }
+    }
+  }
+  if (failure) {
+    for (NodeType*& tree : retval) {
+      delete tree;
+      tree = nullptr;
+    }
+    std::rethrow_exception(failure);
+  }
+
+  if (compute_feature_importances) {
+    const double scale = 1.0 / forest_size;
+    for (auto& value : feature_importances) value *= scale;
+  }
+  return retval;
+}
+
+}  // namespace Velmot
+
+#include "velmot/learn/learn_forest_instances.h"
+
+#endif

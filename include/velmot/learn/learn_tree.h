@@ -1,0 +1,234 @@
+#ifndef VELMOT_LEARN_LEARN_TREE_H
+#define VELMOT_LEARN_LEARN_TREE_H
+
+// learn_tree: grows one decision tree from a sample, breadth-first.
+//
+// Glossary:
+//   task    a node to fill in and its slice [begin_i, end_i) of the private
+//           index list; tasks wait in a FIFO queue, so nodes are processed
+//           level by level, left before right;
+//   k       features evaluated per node: fte_per_split when 1 <= it < nf
+//           (random mode: distinct features drawn by rejection), else nf
+//           (all-features mode: features 0, 1, ... in order);
+//   leaf    a node with no children; its label comes from get_prediction,
+//           which breaks ties among the most frequent labels at random.
+//
+// Steps per task: count the slice's labels; an empty slice stays a bare
+// node, a pure or small slice becomes a leaf; otherwise search features
+// (skipping, without counting, features constant on the slice), keep the
+// best with random tie-breaking, partition the slice, credit the
+// importance, and queue two children if both get two instances or more and
+// the depth allows, else make the node a leaf.
+//
+// In all-features mode a feature constant on the slice is chosen again and
+// again: the search does not end. That is the library's behaviour and is
+// kept; the Python package never lets it happen.
+//
+// Random draws happen only in three places, always on the calling thread's
+// generator: feature choice (random mode), ties between features' best
+// scores, and leaf labels.
+
+#include <omp.h>
+
+#include <deque>
+#include <functional>
+#include <vector>
+
+#include "velmot/dataset/index_dataset.h"
+#include "velmot/defs/exception.h"
+#include "velmot/defs/random.h"
+#include "velmot/defs/tracker.h"
+#include "velmot/learn/split_search.h"
+#include "velmot/learn/tree.h"
+#include "velmot/stats/label_accumulator.h"
+
+namespace Velmot {
+
+template <class L>
+struct NodeLearnTask {
+  NodeLearnTask(Node<L>* node, int parent_feature_index, double parent_threshold, int begin_i, int end_i, int depth)
+      : node(node),
+        parent_feature_index(parent_feature_index),
+        parent_threshold(parent_threshold),
+        begin_i(begin_i),
+        end_i(end_i),
+        depth(depth) {}
+
+  Node<L>* node;
+  int parent_feature_index;
+  double parent_threshold;
+  int begin_i;
+  int end_i;
+  int depth;
+};
+
+namespace learn_tree_detail {
+
+// Marks of the features drawn at one node, cleared in O(drawn) afterwards.
+class DrawnFeatures {
+public:
+  explicit DrawnFeatures(size_t num_features) : marked(num_features, 0) {}
+
+  bool contains(int f) const { return marked[static_cast<size_t>(f)] != 0; }
+  void insert(int f) {
+    if (!marked[static_cast<size_t>(f)]) {
+      marked[static_cast<size_t>(f)] = 1;
+      drawn.push_back(f);
+    }
+  }
+  size_t size() const { return drawn.size(); }
+  void clear() {
+    for (const int f : drawn) marked[static_cast<size_t>(f)] = 0;
+    drawn.clear();
+  }
+
+private:
+  std::vector<char> marked;
+  std::vector<int> drawn;
+};
+
+// The best split over the features chosen for one node, or an uninitialized
+// tracker when no feature could be evaluated.
+template <class I, class A, class Criterion>
+Tracker<NodeResult<typename I::feature_type>, std::less<double>> search_features(
+    RangeDataSet<I>& range, const A& counts, int fte_per_split, const Criterion& criteria, XorShiftRNG& random,
+    DrawnFeatures& drawn) {
+  const int nf = static_cast<int>(range.get_num_features());
+  const int k = (fte_per_split >= 1 && fte_per_split < nf) ? fte_per_split : nf;
+  const bool random_mode = k != nf;
+  const size_t n = range.get_num_instances();
+  Tracker<NodeResult<typename I::feature_type>, std::less<double>> best_over_features;
+  drawn.clear();
+  for (int kk = 0; kk < k;) {
+    int fte;
+    if (random_mode) {
+      if (drawn.size() == static_cast<size_t>(nf)) break;
+      do {
+        fte = static_cast<int>(random.next_int(nf));
+      } while (drawn.contains(fte));
+    } else {
+      fte = kk;
+    }
+    drawn.insert(fte);
+    if (n < 2 || range.is_homogeneous(static_cast<size_t>(fte))) continue;
+    range.buffer_feature(static_cast<size_t>(fte));
+    range.sort_buffered_feature(static_cast<size_t>(fte));
+    const auto best_for_feature = learn_tree_node(random, range, counts, fte, criteria);
+    best_over_features.try_candidate_break_ties(best_for_feature.get_maximum(), best_for_feature.get_maximizer(),
+                                                random);
+    ++kk;
+  }
+  return best_over_features;
+}
+
+}  // namespace learn_tree_detail
+
+// The calling thread's generator, refused with an Exception where get_rng
+// would read past the pool or find an empty slot.
+inline XorShiftRNG& thread_generator() {
+  const size_t thread = static_cast<size_t>(omp_get_thread_num());
+  XorShiftRNGPool* pool = get_pool("", 1, 0, false);
+  if (thread >= pool->size() || pool->get_generator(thread) == nullptr) {
+    throw Exception("no random generator for this thread: seed the pool for the thread count first");
+  }
+  return *pool->get_generator(thread);
+}
+
+// Grows a tree on the sample `data` and returns its root, owned by the
+// caller. With compute_feature_importances, each split adds its impurity
+// decrease times its slice size to feature_importances (sized by the caller,
+// one entry per feature at least), which is then normalised to sum 1.
+template <class D, class Criterion>
+Node<typename D::label_type>* learn_tree(const IndexedDataSet<D>& data, int fte_per_split, int max_depth,
+                                         int min_leaf_size, const Criterion& criteria,
+                                         bool compute_feature_importances,
+                                         std::vector<double>& feature_importances) {
+  typedef typename D::label_type L;
+  typedef typename D::feature_type F;
+  typedef IndexedDataSet<D> I;
+
+  if (data.get_num_instances() > 2147483647u) throw Exception("a tree's sample must hold fewer than 2^31 instances");
+  if (compute_feature_importances && feature_importances.size() < data.get_num_features()) {
+    throw Exception("feature importances need one entry per feature");
+  }
+
+  // The pool cannot change while a tree grows, so the thread's generator is
+  // fetched once.
+  XorShiftRNG& random = thread_generator();
+  I indexed_data(data);
+  learn_tree_detail::DrawnFeatures drawn(data.get_num_features());
+  NominalLabelPriorAccumulator<int> counts;
+  std::deque<NodeLearnTask<L>> to_learn;
+  Node<L>* root = new Node<L>();
+  try {
+    to_learn.emplace_back(root, -1, 2.2250738585072014e-308, 0, static_cast<int>(data.get_num_instances()), 0);
+    while (!to_learn.empty()) {
+      const NodeLearnTask<L> task = to_learn.front();
+      to_learn.pop_front();
+      Node<L>* node = task.node;
+      RangeDataSet<I> range(&indexed_data, static_cast<size_t>(task.begin_i), static_cast<size_t>(task.end_i));
+      const size_t n = range.get_num_instances();
+
+      counts.set_labeling(indexed_data.get_labeling());
+      counts.set_num_classes(static_cast<int>(indexed_data.get_num_classes()));
+      if (n == 0) {
+        node->set_label(static_cast<L>(-2));
+        continue;
+      }
+      counts.add_count(range);
+      const bool pure = static_cast<size_t>(counts.get_mode().second) == counts.get_total_count();
+      if (pure || n <= static_cast<size_t>(min_leaf_size)) {
+        node->set_label(static_cast<L>(counts.get_prediction(random).first));
+        continue;
+      }
+
+      const auto winner = learn_tree_detail::search_features(range, counts, fte_per_split, criteria, random, drawn);
+      int f = -1;
+      F t = 0;
+      double g = 0.0;
+      int split_index = task.begin_i;
+      if (winner.is_initialized()) {
+        const NodeResult<F>& best = winner.get_maximizer();
+        f = best.feature_index;
+        t = best.threshold;
+        g = best.best_improvement;
+        split_index = task.begin_i + static_cast<int>(range.partition(static_cast<size_t>(f), t));
+      }
+      node->set_threshold(static_cast<double>(t));
+      node->set_label(static_cast<L>(-2));
+      node->set_feature_index(f);
+      // Credited before the children check: a node that then becomes a
+      // leaf still credits its feature.
+      if (compute_feature_importances && g > 0) feature_importances[static_cast<size_t>(f)] += g * static_cast<double>(n);
+
+      const bool depth_allows = !(max_depth > 0 && max_depth < task.depth + 1);
+      if (split_index - task.begin_i > 1 && task.end_i - split_index > 1 && depth_allows) {
+        Node<L>* left_child = new Node<L>();
+        node->set_left(left_child);
+        Node<L>* right_child = new Node<L>();
+        node->set_right(right_child);
+        const double threshold = static_cast<double>(t);
+        to_learn.emplace_back(left_child, f, threshold, task.begin_i, split_index, task.depth + 1);
+        to_learn.emplace_back(right_child, f, threshold, split_index, task.end_i, task.depth + 1);
+      } else {
+        // The threshold stays in the leaf; prediction ignores it.
+        node->set_label(static_cast<L>(counts.get_prediction(random).first));
+        node->set_feature_index(-1);
+      }
+    }
+  } catch (...) {
+    delete root;
+    throw;
+  }
+
+  if (compute_feature_importances && !feature_importances.empty()) {
+    double sum = 0.0;
+    for (const double v : feature_importances) sum += v;
+    for (double& v : feature_importances) v /= sum;
+  }
+  return root;
+}
+
+}  // namespace Velmot
+
+#endif

@@ -1,0 +1,115 @@
+#ifndef VELMOT_LEARN_SPLIT_SEARCH_H
+#define VELMOT_LEARN_SPLIT_SEARCH_H
+
+// learn_tree_node: the best threshold of one feature at one node.
+//
+// Glossary:
+//   pairs     the node's (value, label) pairs of the feature, buffered and
+//             sorted by value before the call;
+//   boundary  the gap between sorted positions i-1 and i; splitting there
+//             sends positions 0..i-1 left and i..n-1 right;
+//   seed      the unsplit node, offered first (threshold x[0], score of the
+//             unsplit node), so a feature without a better split returns it;
+//   label-change rule  a boundary is scored only if an instance of another
+//             label than the one opening the current run has been met since
+//             the last scored boundary: boundaries inside a pure run are
+//             skipped.
+//
+// Steps: seed the tracker; move pair 0 left; for ranges of more than two
+// instances whose first and last values differ, sweep the pairs, moving one
+// to the left per step (O(1) with the incremental histograms) and scoring
+// every admissible boundary between distinct values; finally turn the
+// maximum into the criterion's final score and the winner's impurity into
+// its impurity decrease.
+//
+// The range R needs buffered_pairs(), get_num_instances(), get_num_classes()
+// and get_labeling(); the criterion is one of stats/criteria.h.
+
+#include <algorithm>
+#include <functional>
+#include <type_traits>
+
+#include "velmot/defs/tracker.h"
+#include "velmot/stats/label_accumulator.h"
+
+namespace Velmot {
+
+// The threshold between two adjacent distinct sorted values: the midpoint
+// for floating-point features (computed in the feature's own precision), the
+// upper value for integer and byte features. Values below it go left.
+template <class F>
+struct ThresholdInfo {
+  static F get_less_than_threshold(F lower, F upper) {
+    if constexpr (std::is_floating_point<F>::value) {
+      return (lower + upper) * static_cast<F>(0.5);
+    } else {
+      (void)lower;
+      return upper;
+    }
+  }
+};
+
+// The class an instance is counted under: a real label's integer part.
+template <class L>
+inline int label_class(L label) {
+  return static_cast<int>(label);
+}
+
+template <class RNG, class R, class A, class Criterion>
+Tracker<NodeResult<typename R::feature_type>, std::less<double>> learn_tree_node(RNG& /*rng*/, R& data,
+                                                                                  const A& counts,
+                                                                                  int feature_index,
+                                                                                  const Criterion& criteria) {
+  typedef typename R::feature_type F;
+  typedef typename R::label_type L;
+  typedef NodeResult<F> Result;
+
+  Tracker<Result, std::less<double>> tracker;
+  const size_t ni = data.get_num_instances();
+  if (ni == 0) return tracker;
+  const typename R::pair_type* pairs = data.buffered_pairs();
+
+  const double initial = criteria.get_initial(counts);
+  const double node_impurity = criteria.get_impurity(counts);
+  A left_counts;
+  left_counts.set_labeling(data.get_labeling());
+  left_counts.set_num_classes(static_cast<int>(data.get_num_classes()));
+  A right_counts(counts);
+
+  tracker.try_candidate(criteria.get_initial_score(initial), Result(feature_index, pairs[0].first, 0.0));
+  left_counts.increment_count(label_class(pairs[0].second));
+  right_counts.decrement_count(label_class(pairs[0].second));
+
+  L first_label = pairs[0].second;
+  bool different_labels = false;
+  if (ni > 2 && pairs[0].first != pairs[ni - 1].first) {
+    for (size_t i = 1; i < ni; ++i) {
+      const F value = pairs[i].first;
+      const L label = pairs[i].second;
+      if (!different_labels) different_labels = label != first_label;
+      if (different_labels && pairs[i - 1].first != value) {
+        const F threshold = ThresholdInfo<F>::get_less_than_threshold(pairs[i - 1].first, value);
+        const double score = criteria(initial, left_counts, right_counts);
+        const double impurity = criteria.get_impurity(0.0, 0.0, left_counts, right_counts);
+        tracker.try_candidate(score, Result(feature_index, threshold, impurity));
+        different_labels = false;
+        first_label = label;
+      }
+      left_counts.increment_count(label_class(label));
+      right_counts.decrement_count(label_class(label));
+    }
+  }
+
+  tracker.get_maximum() = criteria.get_final_score(tracker.get_maximum(), initial);
+  tracker.get_minimum() = criteria.get_final_score(tracker.get_maximum(), initial);
+  Result& best = tracker.get_maximizer();
+  best.best_improvement = std::max(best.best_improvement - node_impurity, 0.0);
+  Result& worst = tracker.get_minimizer();
+  worst.best_improvement = std::max(worst.best_improvement - node_impurity, 0.0);
+  tracker.set_num_ties(1);
+  return tracker;
+}
+
+}  // namespace Velmot
+
+#endif
