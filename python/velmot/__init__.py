@@ -1,3 +1,14 @@
-"""Velmot: exact, reproducible random forests with an OpenMP C++ core."""
+"""Velmot: exact, reproducible random forests with an OpenMP C++ core.
+
+>>> from velmot import RandomForestClassifier
+>>> forest = RandomForestClassifier(random_state=0).fit(X, y)  # doctest: +SKIP
+>>> forest.save("forest.npz")  # doctest: +SKIP
+>>> velmot.load("forest.npz").predict(X)  # doctest: +SKIP
+"""
+
+from ._forest import RandomForestClassifier
+from ._persistence import load
 
 __version__ = "0.1.0"
+
+__all__ = ["RandomForestClassifier", "load", "__version__"]

@@ -1,0 +1,108 @@
+"""How feature matrices reach the compiled module.
+
+The module reads four element types (letters ``i``, ``d``, ``s``, ``b``) and
+takes matrices feature-major, with any strides. Everything here exists so that
+a matrix that already fits is handed over as a transposed view, never copied,
+and so that every other matrix is converted by one fixed, documented rule.
+"""
+
+import numpy as np
+
+# The module's letter for each element type it reads.
+MODULE_LETTERS = {
+    np.dtype(np.int32): "i",
+    np.dtype(np.float64): "d",
+    np.dtype(np.float32): "s",
+    np.dtype(np.uint8): "b",
+}
+
+_INT32_MIN = np.iinfo(np.int32).min
+_INT32_MAX = np.iinfo(np.int32).max
+
+# The imputation median is computed over blocks of columns so that memory
+# stays bounded by this many elements, whatever the matrix size.
+_MEDIAN_BLOCK_ELEMENTS = 1 << 22
+
+
+def as_module_dtype(X):
+    """Return X in an element type the module reads, copying only if needed.
+
+    The rule: int32, float64, float32 and uint8 are kept as they are; bool is
+    viewed as uint8; narrower integers become int32; wider integers become
+    int32 when every value fits, float64 otherwise; float16 becomes float32
+    and any other floating type float64. All of these except the last two
+    integer cases and long double are exact.
+    """
+    dtype = X.dtype
+    if dtype in MODULE_LETTERS:
+        return X
+    if dtype == np.bool_:
+        return X.view(np.uint8)
+    if dtype.kind in "iu":
+        if dtype.itemsize < 4:
+            return X.astype(np.int32)
+        if X.size == 0 or (X.min() >= _INT32_MIN and X.max() <= _INT32_MAX):
+            return X.astype(np.int32)
+        return X.astype(np.float64)
+    if dtype.kind == "f":
+        return X.astype(np.float32 if dtype.itemsize < 4 else np.float64)
+    raise TypeError(f"features of dtype {dtype} are not supported; pass a numeric matrix")
+
+
+def feature_major(X):
+    """The (n_features, n_samples) view the module expects; never a copy."""
+    return X.T
+
+
+def feature_major_with_constant_row(X):
+    """A feature-major copy of X with one extra, constant feature appended.
+
+    The module's all-features mode never ends its search on a node where a
+    feature is constant, so asking for every feature is turned into asking
+    for all real features out of one more: the random mode then evaluates
+    every real feature and stops once the constant one is exhausted too.
+    """
+    n_samples, n_features = X.shape
+    out = np.empty((n_features + 1, n_samples), dtype=X.dtype)
+    out[:n_features] = X.T
+    out[n_features] = 0
+    return out
+
+
+def upper_medians(X):
+    """Per-column median as the library imputes it.
+
+    The value at position k // 2 of the k sorted present values (the upper of
+    the two middle values for even k), 0 for a column with no present value.
+    Returns None for integer matrices, which cannot hold missing values.
+    """
+    if X.dtype.kind != "f":
+        return None
+    n_samples, n_features = X.shape
+    medians = np.zeros(n_features, dtype=np.float64)
+    block = max(1, _MEDIAN_BLOCK_ELEMENTS // max(n_samples, 1))
+    for start in range(0, n_features, block):
+        columns = np.array(X[:, start : start + block], dtype=X.dtype, order="F")
+        for offset in range(columns.shape[1]):
+            column = columns[:, offset]
+            present = column[~np.isnan(column)]
+            if present.size:
+                middle = present.size // 2
+                medians[start + offset] = np.partition(present, middle)[middle]
+    return medians
+
+
+def fill_missing(X, medians):
+    """X with each NaN replaced by its column's training median.
+
+    Returns X itself when nothing is missing, so the common case stays a view.
+    """
+    if medians is None or X.dtype.kind != "f":
+        return X
+    missing = np.isnan(X)
+    if not missing.any():
+        return X
+    filled = X.copy()
+    rows, columns = np.nonzero(missing)
+    filled[rows, columns] = medians[columns].astype(X.dtype)
+    return filled

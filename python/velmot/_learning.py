@@ -1,0 +1,105 @@
+"""Learning a forest through the compiled module, reproducibly.
+
+The module's generator pool is process-wide: ``set_seed`` rebuilds it and
+every learning call draws from it. A forest is therefore learnt as a fixed
+sequence of calls ("chunks"), each preceded by ``set_seed`` with a seed drawn
+from the estimator's ``random_state``, and each seed-and-learn pair runs under
+one lock so that fits from several Python threads cannot interleave inside it.
+The chunk plan depends only on the number of trees and threads, never on
+whether a progress bar is shown, so the forest is the same either way.
+"""
+
+import threading
+
+import numpy as np
+from sklearn.utils import check_random_state
+from tqdm import tqdm
+
+import PyVelmot_wrap
+
+from ._features import MODULE_LETTERS
+
+# The pool holds this many generators and a learning thread uses the one at
+# its thread number, so no call may run on more threads.
+POOL_SIZE = 32
+
+CRITERION_SUFFIXES = {
+    "gini": "gini",
+    "entropy": "infogain",
+    "log_loss": "infogain",
+    "gain_ratio": "gainratio",
+}
+
+# Seeds are drawn in [1, 2**31 - 1]: the module takes the low 32 bits of the
+# seed and treats 0 as "seed from the system's entropy source".
+_MAX_SEED = 2**31 - 1
+
+# About this many calls per forest: fine enough for a progress bar, coarse
+# enough that each call's fixed costs (copying the matrix, imputing, the
+# barrier at the end of its parallel region) stay negligible.
+_CALLS_PER_FOREST = 10
+
+_POOL_LOCK = threading.Lock()
+
+
+def plan_chunks(n_trees, n_threads):
+    """Sizes of the successive learning calls: each a multiple of n_threads
+    (so that every thread learns as many trees), the last one shorter."""
+    per_thread = -(-n_trees // (n_threads * _CALLS_PER_FOREST))
+    size = n_threads * per_thread
+    return [min(size, n_trees - start) for start in range(0, n_trees, size)]
+
+
+def draw_chunk_seeds(random_state, count):
+    """One non-zero pool seed per chunk; fresh entropy when random_state is None."""
+    if random_state is None:
+        return np.random.default_rng().integers(1, _MAX_SEED, size=count, endpoint=True)
+    return check_random_state(random_state).randint(1, _MAX_SEED + 1, size=count)
+
+
+def learn_forest(
+    features,
+    labels,
+    *,
+    n_classes,
+    n_trees,
+    sampling_prop,
+    fte_per_split,
+    max_depth,
+    n_threads,
+    criterion,
+    random_state,
+    verbose,
+):
+    """Learn n_trees trees; return (list of tree arrays, importances or None).
+
+    ``features`` is feature-major in one of the module's element types and
+    ``labels`` an int32 vector of codes below n_classes. Importances come back
+    per feature of ``features``: the mean over trees of each tree's normalised
+    importances. A tree that found no informative split has none (the module
+    reports NaN for the whole call that learnt it); such calls are left out of
+    the mean, and if every call is, the result is None.
+    """
+    learner = getattr(PyVelmot_wrap, f"learn_{MODULE_LETTERS[features.dtype]}i_{CRITERION_SUFFIXES[criterion]}")
+    chunks = plan_chunks(n_trees, n_threads)
+    seeds = draw_chunk_seeds(random_state, len(chunks))
+
+    trees = []
+    importance_sum = np.zeros(features.shape[0], dtype=np.float64)
+    trees_with_importances = 0
+    with tqdm(total=n_trees, unit="tree", desc="Learning trees", disable=verbose <= 0) as progress:
+        for size, seed in zip(chunks, seeds):
+            with _POOL_LOCK:
+                PyVelmot_wrap.set_seed(int(seed))
+                chunk_trees, importances = learner(
+                    features, labels, n_classes, size, sampling_prop, fte_per_split, max_depth, n_threads, 1
+                )
+            trees.extend(chunk_trees)
+            if not np.isnan(importances).any():
+                importance_sum += size * importances
+                trees_with_importances += size
+            progress.update(size)
+
+    if trees_with_importances == 0:
+        return trees, None
+    return trees, importance_sum / trees_with_importances
