@@ -6,10 +6,13 @@
 // ignored columns, the label column and the feature count. A passive record,
 // filled by the description file reader (velmot/io/dataset_io.h).
 
+#include <algorithm>
 #include <cstddef>
+#include <map>
 #include <set>
 #include <string>
 #include <unordered_map>
+#include <vector>
 
 #include "velmot/defs/labeling.h"
 
@@ -38,6 +41,14 @@ public:
   size_t size() const { return string_to_int.size(); }
   // Number of distinct codes.
   size_t num_codes() const { return int_to_string.size(); }
+  // The distinct codes, ascending (for listing a map).
+  std::vector<int> get_codes() const {
+    std::vector<int> codes;
+    codes.reserve(int_to_string.size());
+    for (const auto& entry : int_to_string) codes.push_back(entry.first);
+    std::sort(codes.begin(), codes.end());
+    return codes;
+  }
 
   friend bool operator==(const StringIntMap& a, const StringIntMap& b) {
     return a.string_to_int == b.string_to_int && a.int_to_string == b.int_to_string;
@@ -75,6 +86,10 @@ public:
   // Names are optional: an unnamed feature reads back as "" (no error), so a
   // caller may ask for every index without checking first.
   std::string get_feature_name(int feature) const;
+  // Every named feature, by ascending index.
+  std::map<int, std::string> get_feature_names() const {
+    return std::map<int, std::string>(feature_names.begin(), feature_names.end());
+  }
 
   void set_class_column(int column) { class_column = column; }
   int get_class_column() const { return class_column; }
