@@ -1,0 +1,112 @@
+"""Bad input is refused with a message naming the problem, before any call
+into the compiled module (which trusts its caller)."""
+
+import numpy as np
+import pytest
+from sklearn.exceptions import NotFittedError
+
+import PyVelmot_wrap
+from velmot import RandomForestClassifier
+
+
+@pytest.fixture
+def module_untouched(monkeypatch):
+    """Any learning or prediction call would fail the test."""
+
+    def forbidden(*args):
+        raise AssertionError("the module was called despite invalid input")
+
+    names = ["set_seed"]
+    for letter in "idsb":
+        names += [f"learn_{letter}i_{c}" for c in ("infogain", "gini", "gainratio")]
+        names += [f"test_{letter}i", f"prob_{letter}d", f"prob_{letter}s"]
+    for name in names:
+        monkeypatch.setattr(PyVelmot_wrap, name, forbidden, raising=False)
+
+
+X = np.arange(40.0).reshape(10, 4)
+y = np.arange(10) % 2
+
+
+@pytest.mark.parametrize(
+    "params, message",
+    [
+        ({"n_estimators": 0}, "'n_estimators' parameter of RandomForestClassifier must be an int in the range"),
+        ({"n_estimators": 2.5}, "'n_estimators' parameter"),
+        ({"criterion": "mse"}, "'criterion' parameter of RandomForestClassifier must be a str among"),
+        ({"max_features": "auto"}, "'max_features' parameter"),
+        ({"max_features": 0}, "'max_features' parameter"),
+        ({"max_features": 1.5}, "'max_features' parameter"),
+        ({"max_depth": 0}, "'max_depth' parameter"),
+        ({"max_samples": 0.0}, "'max_samples' parameter"),
+        ({"max_samples": 0}, "'max_samples' parameter"),
+        ({"n_jobs": 33}, "'n_jobs' parameter of RandomForestClassifier must be an int in the range [1, 32]"),
+        ({"n_jobs": 0}, "'n_jobs' parameter"),
+        ({"random_state": "seed"}, "'random_state' parameter"),
+        ({"verbose": -1}, "'verbose' parameter"),
+    ],
+)
+def test_out_of_range_parameters_are_rejected_at_fit(module_untouched, params, message):
+    with pytest.raises(ValueError) as raised:
+        RandomForestClassifier(**params).fit(X, y)
+    assert message in str(raised.value)
+
+
+@pytest.mark.parametrize(
+    "params, message",
+    [
+        ({"max_features": 5}, "max_features=5 is more than the 4 features of X"),
+        ({"max_samples": 11}, "max_samples=11 is more than the 10 samples of X"),
+    ],
+)
+def test_parameters_beyond_the_data_are_rejected_at_fit(module_untouched, params, message):
+    with pytest.raises(ValueError, match=message):
+        RandomForestClassifier(**params).fit(X, y)
+
+
+@pytest.mark.parametrize(
+    "X_bad, y_bad, error, message",
+    [
+        (np.arange(10.0), y, ValueError, "Expected 2D array, got 1D array"),
+        (np.zeros((2, 5, 2)), y[:2], ValueError, "Found array with dim 3"),
+        (X, y[:9], ValueError, "inconsistent numbers of samples: \\[10, 9\\]"),
+        (X[:0], y[:0], ValueError, "0 sample\\(s\\)"),
+        (X[:, :0], y, ValueError, "0 feature\\(s\\)"),
+        (X, np.linspace(0, 1, 10), ValueError, "Unknown label type: continuous"),
+        (X, np.stack([y, y], axis=1), ValueError, "y should be a 1d array"),
+        (np.where(X > 30, np.inf, X), y, ValueError, "Input X contains infinity"),
+        (X, np.where(y > 0, np.nan, 0.0), ValueError, "Input y contains NaN"),
+        (X.astype(complex), y, ValueError, "Complex data not supported"),
+        (np.array([["a", "b"]] * 10, dtype=object), y, ValueError, "could not convert string to float"),
+    ],
+)
+def test_bad_training_data_is_rejected(module_untouched, X_bad, y_bad, error, message):
+    with pytest.raises(error, match=message):
+        RandomForestClassifier().fit(X_bad, y_bad)
+
+
+def test_sparse_input_is_rejected_with_a_type_error(module_untouched):
+    scipy_sparse = pytest.importorskip("scipy.sparse")
+    with pytest.raises(TypeError, match="dense data is required"):
+        RandomForestClassifier().fit(scipy_sparse.csr_matrix(X), y)
+
+
+def test_prediction_checks_fit_state_shape_and_values(monkeypatch):
+    forest = RandomForestClassifier(n_estimators=2, random_state=0)
+    with pytest.raises(NotFittedError):
+        forest.predict(X)
+    forest.fit(X, y)
+    for method in (forest.predict, forest.predict_proba, forest.predict_log_proba):
+        with pytest.raises(ValueError, match="X has 3 features, but RandomForestClassifier is expecting 4"):
+            method(X[:, :3])
+        with pytest.raises(ValueError, match="Expected 2D array"):
+            method(X[0])
+        with pytest.raises(ValueError, match="Input X contains infinity"):
+            method(np.full((1, 4), -np.inf))
+        with pytest.raises(ValueError, match="0 sample"):
+            method(X[:0])
+
+
+def test_missing_values_are_accepted(module_untouched):
+    with pytest.raises(AssertionError, match="the module was called"):
+        RandomForestClassifier().fit(np.where(X > 30, np.nan, X), y)
