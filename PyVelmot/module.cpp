@@ -4,6 +4,7 @@
 #include "numpy_api.h"
 
 #include "entry_points.h"
+#include "method_list.h"
 
 namespace {
 
@@ -53,15 +54,26 @@ int import_numpy_c_api() {
   return 0;
 }
 
-#define VELMOT_ENTRY(name) {#name, reinterpret_cast<PyCFunction>(PyVelmot::name##_wrap), METH_VARARGS, nullptr}
+// Positional tuples only (METH_VARARGS): keyword arguments are refused by
+// the interpreter. No doc strings; the stub PyVelmot_wrap.pyi documents them.
+#define PYVELMOT_METHOD(name, function) {name, reinterpret_cast<PyCFunction>(function), METH_VARARGS, nullptr},
+#define PYVELMOT_LEARNER_METHOD(suffix, F, L, C) PYVELMOT_METHOD("learn_" #suffix, (PyVelmot::learn_wrap<F, L, C>))
+#define PYVELMOT_TESTER_METHOD(suffix, F, L) PYVELMOT_METHOD("test_" #suffix, (PyVelmot::test_wrap<F, L>))
+#define PYVELMOT_PROB_METHOD(suffix, F, L, T) PYVELMOT_METHOD("prob_" #suffix, (PyVelmot::prob_wrap<F, L, T>))
 
 PyMethodDef methods[] = {
-    VELMOT_ENTRY(init_pool),
-    VELMOT_ENTRY(set_seed),
+    PYVELMOT_LEARNERS(PYVELMOT_LEARNER_METHOD)
+    PYVELMOT_TESTERS(PYVELMOT_TESTER_METHOD)
+    PYVELMOT_PROBABILITY_FUNCTIONS(PYVELMOT_PROB_METHOD)
+    PYVELMOT_METHOD("init_pool", PyVelmot::init_pool_wrap)
+    PYVELMOT_METHOD("set_seed", PyVelmot::set_seed_wrap)
     {nullptr, nullptr, 0, nullptr},
 };
 
-#undef VELMOT_ENTRY
+#undef PYVELMOT_PROB_METHOD
+#undef PYVELMOT_TESTER_METHOD
+#undef PYVELMOT_LEARNER_METHOD
+#undef PYVELMOT_METHOD
 
 PyModuleDef module_definition = {
     PyModuleDef_HEAD_INIT, "PyVelmot_wrap", nullptr, -1, methods, nullptr, nullptr, nullptr, nullptr,

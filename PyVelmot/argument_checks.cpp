@@ -1,0 +1,55 @@
+#include "argument_checks.h"
+
+#include <string>
+
+#include "boundary.h"
+
+namespace PyVelmot {
+
+void require_ndim(const char* name, PyArrayObject* array, int ndim, const char* layout) {
+  if (PyArray_NDIM(array) == ndim) return;
+  throw ModuleError(std::string(name) + " must be a " + std::to_string(ndim) + "-dimensional array (" + layout +
+                    "), not " + std::to_string(PyArray_NDIM(array)) + "-dimensional");
+}
+
+void require_min_ndim(const char* name, PyArrayObject* array, int ndim) {
+  if (PyArray_NDIM(array) >= ndim) return;
+  throw ModuleError(std::string(name) + " must have at least " + std::to_string(ndim) + " dimension" +
+                    (ndim == 1 ? "" : "s") + ", not " + std::to_string(PyArray_NDIM(array)));
+}
+
+void require_element_size(const char* name, PyArrayObject* array, size_t size, const char* type_name) {
+  const size_t itemsize = static_cast<size_t>(PyArray_ITEMSIZE(array));
+  if (itemsize >= size) return;
+  throw ModuleError(std::string(name) + " has " + std::to_string(itemsize) + "-byte elements, too small for " +
+                    type_name + " (" + std::to_string(size) + " bytes): pass an array of " + type_name);
+}
+
+void require_dim_at_least(const char* name, PyArrayObject* array, int dim, npy_intp needed, const char* what) {
+  const npy_intp size = PyArray_DIM(array, dim);
+  if (size >= needed) return;
+  throw ModuleError(std::string(name) + " dimension " + std::to_string(dim) + " is " + std::to_string(size) +
+                    ", too small for " + std::to_string(needed) + " " + what);
+}
+
+void require_writeable(const char* name, PyArrayObject* array) {
+  if (PyArray_ISWRITEABLE(array)) return;
+  throw ModuleError(std::string(name) + " must be a writeable array");
+}
+
+void require_thread_count(int num_threads, int max_threads) {
+  if (num_threads < 1) {
+    throw ModuleError("num_threads must be at least 1, not " + std::to_string(num_threads));
+  }
+  if (max_threads >= 0 && num_threads > max_threads) {
+    throw ModuleError("num_threads must be at most " + std::to_string(max_threads) +
+                      " (one generator of the pool per thread), not " + std::to_string(num_threads));
+  }
+}
+
+void require_class_count(int num_classes) {
+  if (num_classes >= 0) return;
+  throw ModuleError("num_classes must be >= 0, not " + std::to_string(num_classes));
+}
+
+}  // namespace PyVelmot
