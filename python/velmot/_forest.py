@@ -226,7 +226,7 @@ class RandomForestClassifier(ClassifierMixin, BaseEstimator):
         features = self._prediction_features(X)
         codes = np.empty(features.shape[1], dtype=np.int32)
         predict = getattr(PyVelmot_wrap, f"test_{MODULE_LETTERS[features.dtype]}i")
-        predict(features, self.trees_, self.n_classes_, codes, _thread_count(self.n_jobs))
+        predict(features, self._module_forest(), self.n_classes_, codes, _thread_count(self.n_jobs))
         return self.classes_[codes]
 
     def predict_proba(self, X):
@@ -245,7 +245,7 @@ class RandomForestClassifier(ClassifierMixin, BaseEstimator):
         features = self._prediction_features(X)
         proba = np.empty((features.shape[1], self.n_classes_), dtype=np.float64)
         vote_fractions = getattr(PyVelmot_wrap, f"prob_{MODULE_LETTERS[features.dtype]}d")
-        vote_fractions(features, self.trees_, self.n_classes_, proba, _thread_count(self.n_jobs))
+        vote_fractions(features, self._module_forest(), self.n_classes_, proba, _thread_count(self.n_jobs))
         return proba
 
     def predict_log_proba(self, X):
@@ -292,6 +292,11 @@ class RandomForestClassifier(ClassifierMixin, BaseEstimator):
         check_is_fitted(self)
         X = validate_data(self, X, reset=False, dtype="numeric", ensure_all_finite="allow-nan")
         return feature_major(fill_missing(as_module_dtype(X), self._missing_value_fill_))
+
+    def _module_forest(self):
+        # The module silently skips array subclasses (a memory-mapped forest
+        # after joblib.load, for instance): hand it base-class views.
+        return [np.asarray(tree) for tree in self.trees_]
 
     def _features_per_split(self, n_features):
         if self.max_features is None:
