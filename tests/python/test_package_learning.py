@@ -1,0 +1,167 @@
+"""Forests learnt through the real module: reproducibility, labels, missing
+values, progress display, and data that could trap the module's search."""
+
+import subprocess
+import sys
+import textwrap
+import threading
+
+import numpy as np
+import pandas as pd
+import pytest
+from sklearn.datasets import make_classification
+
+from velmot import RandomForestClassifier
+
+
+def same_forest(first, second):
+    return len(first.trees_) == len(second.trees_) and all(
+        np.array_equal(a, b, equal_nan=True) for a, b in zip(first.trees_, second.trees_)
+    )
+
+
+@pytest.fixture(scope="module")
+def data():
+    return make_classification(n_samples=200, n_features=8, n_informative=5, n_classes=3, random_state=1)
+
+
+@pytest.mark.parametrize("n_jobs", [1, 2])
+@pytest.mark.parametrize("random_state", [0, 7])
+def test_an_int_seed_gives_the_same_forest_on_every_fit(data, random_state, n_jobs):
+    X, y = data
+    forest = RandomForestClassifier(n_estimators=24, random_state=random_state, n_jobs=n_jobs)
+    first = forest.fit(X, y).trees_
+    assert same_forest(forest, RandomForestClassifier(n_estimators=24, random_state=random_state, n_jobs=n_jobs).fit(X, y))
+    assert all(np.array_equal(a, b, equal_nan=True) for a, b in zip(first, forest.fit(X, y).trees_))
+
+
+def test_seeds_and_entropy_give_different_forests(data):
+    X, y = data
+    seeded = [RandomForestClassifier(n_estimators=5, random_state=seed).fit(X, y) for seed in (0, 1)]
+    assert not same_forest(*seeded)
+    unseeded = [RandomForestClassifier(n_estimators=5).fit(X, y) for _ in range(2)]
+    assert not same_forest(*unseeded)
+
+
+def test_a_random_state_instance_is_drawn_from(data):
+    X, y = data
+    shared = np.random.RandomState(3)
+    first = RandomForestClassifier(n_estimators=5, random_state=shared).fit(X, y)
+    second = RandomForestClassifier(n_estimators=5, random_state=shared).fit(X, y)
+    assert not same_forest(first, second)
+    replay = RandomForestClassifier(n_estimators=5, random_state=np.random.RandomState(3)).fit(X, y)
+    assert same_forest(first, replay)
+
+
+def test_fits_from_several_threads_at_once_stay_reproducible(data):
+    X, y = data
+    seeds = [11, 12, 13, 14]
+    expected = [RandomForestClassifier(n_estimators=30, random_state=s, n_jobs=2).fit(X, y) for s in seeds]
+    results = {}
+    start = threading.Barrier(len(seeds))
+
+    def fit(seed):
+        start.wait()
+        results[seed] = RandomForestClassifier(n_estimators=30, random_state=seed, n_jobs=2).fit(X, y)
+
+    threads = [threading.Thread(target=fit, args=(seed,)) for seed in seeds]
+    for thread in threads:
+        thread.start()
+    for thread in threads:
+        thread.join()
+    assert all(same_forest(results[seed], forest) for seed, forest in zip(seeds, expected))
+
+
+def test_the_progress_bar_does_not_change_the_forest(data, capsys):
+    X, y = data
+    quiet = RandomForestClassifier(n_estimators=23, random_state=5).fit(X, y)
+    assert capsys.readouterr().err == ""
+    shown = RandomForestClassifier(n_estimators=23, random_state=5, verbose=1).fit(X, y)
+    assert "23/23" in capsys.readouterr().err
+    assert same_forest(quiet, shown)
+
+
+@pytest.mark.parametrize(
+    "y",
+    [
+        np.array(["spam", "ham", "eggs"] * 20),
+        np.array([-5, 100, 7] * 20),
+        np.array([True, False, False] * 20),
+    ],
+)
+def test_any_labels_come_back_from_predict(y):
+    # Each class sits at its own feature value: a forest recovers them all.
+    X = np.column_stack([np.tile([0.0, 1.0, 2.0], 20), np.zeros(60)])
+    forest = RandomForestClassifier(n_estimators=10, random_state=0).fit(X, y)
+    np.testing.assert_array_equal(forest.predict(X), y)
+    assert forest.predict(X).dtype == y.dtype
+    np.testing.assert_array_equal(forest.classes_, np.unique(y))
+
+
+def test_probabilities_are_vote_fractions_consistent_with_predict(data):
+    X, y = data
+    forest = RandomForestClassifier(n_estimators=10, random_state=0).fit(X, y)
+    proba = forest.predict_proba(X)
+    np.testing.assert_allclose(proba.sum(axis=1), 1.0)
+    np.testing.assert_array_equal(proba * 10, np.round(proba * 10))
+    np.testing.assert_array_equal(forest.predict(X), forest.classes_[np.argmax(proba, axis=1)])
+    np.testing.assert_array_equal(forest.predict_log_proba(X), np.log(proba, where=proba > 0, out=np.full_like(proba, -np.inf)))
+    importances = forest.feature_importances_
+    assert importances.shape == (8,) and np.isclose(importances.sum(), 1.0) and np.all(importances >= 0)
+
+
+@pytest.mark.parametrize("dtype", [np.float64, np.float32, np.int32, np.uint8, np.int64, np.bool_])
+def test_every_dtype_learns_and_predicts(data, dtype):
+    X, y = data
+    X = (X > 0) if dtype is np.bool_ else np.asarray(np.abs(X) * 20, dtype=dtype)
+    forest = RandomForestClassifier(n_estimators=10, random_state=0).fit(X, y)
+    assert forest.score(X, y) > 0.7
+
+
+def test_predictions_with_missing_values_do_not_depend_on_the_other_rows(data):
+    X, y = data
+    X = X.copy()
+    X[::7, 2] = np.nan
+    forest = RandomForestClassifier(n_estimators=20, random_state=0).fit(X, y)
+    one_at_a_time = np.vstack([forest.predict_proba(X[i : i + 1]) for i in range(0, 200, 7)])
+    np.testing.assert_array_equal(forest.predict_proba(X[::7]), one_at_a_time)
+    np.testing.assert_array_equal(forest.predict_proba(X[::7][:1]), one_at_a_time[:1])
+
+
+def test_dataframes_keep_their_column_names(data):
+    X, y = data
+    frame = pd.DataFrame(X, columns=[f"f{i}" for i in range(8)])
+    forest = RandomForestClassifier(n_estimators=5, random_state=0).fit(frame, pd.Series(y))
+    np.testing.assert_array_equal(forest.feature_names_in_, frame.columns)
+    with pytest.warns(UserWarning, match="does not have valid feature names"):
+        from_array = forest.predict(X)
+    np.testing.assert_array_equal(forest.predict(frame), from_array)
+    with pytest.raises(ValueError, match="feature names"):
+        forest.predict(frame[frame.columns[::-1]])
+
+
+# The module's search over all features never leaves a node where a feature
+# is constant; these fits must finish all the same.
+TRAPS = {
+    "one feature with repeats": ("np.repeat([0.0, 1.0, 1.0, 2.0], 25)[:, None]", "None"),
+    "one feature, sqrt": ("np.repeat([3, 3, 5, 5, 7], 20)[:, None].astype(np.int32)", '"sqrt"'),
+    "all features, a constant column": ("np.column_stack([np.repeat([1.0, 2.0], 50), np.zeros(100)])", "None"),
+    "all features by count": ("np.repeat(np.arange(10, dtype=np.uint8), 10).reshape(50, 2)", "2"),
+}
+
+
+@pytest.mark.parametrize("trap", TRAPS)
+def test_fits_that_could_trap_the_feature_search_finish(trap):
+    X_code, max_features = TRAPS[trap]
+    code = textwrap.dedent(
+        f"""
+        import numpy as np
+        from velmot import RandomForestClassifier
+        X = {X_code}
+        y = np.arange(len(X)) % 3
+        forest = RandomForestClassifier(n_estimators=20, max_features={max_features}, random_state=0).fit(X, y)
+        print(forest.predict(X)[:3])
+        """
+    )
+    result = subprocess.run([sys.executable, "-c", code], capture_output=True, text=True, timeout=120)
+    assert result.returncode == 0, result.stderr
