@@ -1,0 +1,165 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <vector>
+
+#include "velmot/dataset/dataset.h"
+#include "velmot/dataset/index_dataset.h"
+
+namespace {
+
+template <class F, class L>
+Velmot::MemoryDataSet<F, L> one_feature(const std::vector<F>& values, const std::vector<L>& labels) {
+  Velmot::MemoryDataSet<F, L> data(1);
+  data.features[0] = values;
+  data.labels = labels;
+  return data;
+}
+
+template <class D>
+Velmot::IndexedDataSet<D> all_of(const D& data) {
+  Velmot::IndexedDataSet<D> indexed(&data);
+  indexed.use_all_instances();
+  return indexed;
+}
+
+TEST(IndexedDataSet, SortingAnotherFeatureThanTheBufferedOneThrows) {
+  Velmot::MemoryDataSet<double, int> data(4);
+  for (auto& column : data.features) column = {1, 2};
+  data.labels = {0, 1};
+  auto indexed = all_of(data);
+  indexed.buffer_feature(3, 0, 2);
+  try {
+    indexed.sort_buffered_feature(2, 0, 2);
+    FAIL();
+  } catch (const Velmot::Exception& e) {
+    EXPECT_EQ(e.get_message(), "feature not in buffer");
+  }
+}
+
+TEST(IndexedDataSet, BufferingRefreshesOnlyTheRange) {
+  const auto data = one_feature<int, int>({10, 20, 30, 40}, {0, 1, 0, 1});
+  auto indexed = all_of(data);
+  indexed.indices = {3, 0, 0, 2};
+  indexed.buffer_feature(0, 1, 3);
+  EXPECT_EQ(indexed.get_buffered_feature_label(1), std::make_pair(10, 0));
+  EXPECT_EQ(indexed.get_buffered_feature_label(2), std::make_pair(10, 0));
+  EXPECT_EQ(indexed.get_buffered_feature_label(0), std::make_pair(0, 0));  // untouched
+  EXPECT_EQ(indexed(0, 0), 40);
+  EXPECT_EQ(indexed.get_label(3), 0);
+}
+
+TEST(IndexedDataSet, SmallByteRangeUsesTheComparisonSort) {
+  // cells 3 x 2 = 6; 2 x 6 = 12 > 4 log2 4 = 8: comparison sort, no workspace.
+  const auto data = one_feature<unsigned char, int>({3, 1, 3, 2}, {1, 0, 0, 1});
+  auto indexed = all_of(data);
+  indexed.buffer_feature(0, 0, 4);
+  indexed.sort_buffered_feature(0, 0, 4);
+  EXPECT_TRUE(indexed.flexi_sort.counts.empty());
+  std::vector<unsigned char> values;
+  for (size_t i = 0; i < 4; ++i) values.push_back(indexed.get_buffered_feature_label(i).first);
+  EXPECT_EQ(values, (std::vector<unsigned char>{1, 2, 3, 3}));
+  EXPECT_EQ(indexed.get_buffered_feature_label(0).second, 0);
+  EXPECT_EQ(indexed.get_buffered_feature_label(1).second, 1);
+}
+
+TEST(IndexedDataSet, CountingSortOrdersEqualValuesByLabel) {
+  std::vector<unsigned char> values;
+  std::vector<int> labels;
+  for (int i = 0; i < 1000; ++i) {
+    values.push_back(static_cast<unsigned char>((i * 7) % 10));
+    labels.push_back((i * 13 + i / 10) % 2);
+  }
+  const auto data = one_feature(values, labels);
+  auto indexed = all_of(data);
+  indexed.buffer_feature(0, 0, 1000);
+  indexed.sort_buffered_feature(0, 0, 1000);
+  EXPECT_GE(indexed.flexi_sort.counts.size(), 20u);
+  std::vector<std::pair<unsigned char, int>> expected;
+  for (size_t i = 0; i < 1000; ++i) expected.emplace_back(values[i], labels[i]);
+  std::sort(expected.begin(), expected.end());
+  for (size_t i = 0; i < 1000; ++i) ASSERT_EQ(indexed.get_buffered_feature_label(i), expected[i]) << i;
+  // The workspace is kept and reused: a second sort does not shrink it.
+  const size_t workspace = indexed.flexi_sort.counts.size();
+  indexed.buffer_feature(0, 0, 500);
+  indexed.sort_buffered_feature(0, 0, 500);
+  EXPECT_EQ(indexed.flexi_sort.counts.size(), workspace);
+}
+
+TEST(IndexedDataSet, CountingSortChoiceRuleAtItsBoundary) {
+  // n = 16: n log2 n = 64. Values 0..31 with one label: cells 32, 2 x 32 = 64
+  // <= 64 counts; values 0..32 (cells 33) do not.
+  for (const int top : {31, 32}) {
+    std::vector<int> values, labels(16, 0);
+    for (int i = 0; i < 16; ++i) values.push_back(i == 15 ? top : 14 - i);
+    const auto data = one_feature(values, labels);
+    auto indexed = all_of(data);
+    indexed.buffer_feature(0, 0, 16);
+    indexed.sort_buffered_feature(0, 0, 16);
+    EXPECT_EQ(indexed.flexi_sort.counts.empty(), top == 32) << top;
+    EXPECT_EQ(indexed.get_buffered_feature_label(15).first, top);
+  }
+}
+
+TEST(IndexedDataSet, CountingSortMovesRealLabelsOntoItsGrid) {
+  // 64 instances, values 0..3, labels 0.5 and 2.7: lr = 3, cells 12, chosen.
+  std::vector<int> values;
+  std::vector<double> labels;
+  for (int i = 0; i < 64; ++i) {
+    values.push_back(i % 4);
+    labels.push_back(i % 3 == 0 ? 2.7 : 0.5);
+  }
+  const auto data = one_feature(values, labels);
+  auto indexed = all_of(data);
+  indexed.buffer_feature(0, 0, 64);
+  indexed.sort_buffered_feature(0, 0, 64);
+  ASSERT_FALSE(indexed.flexi_sort.counts.empty());
+  int moved = 0;
+  for (size_t i = 0; i < 64; ++i) {
+    const double label = indexed.get_buffered_feature_label(i).second;
+    EXPECT_TRUE(label == 0.5 || label == 1.5) << label;
+    moved += label == 1.5;
+  }
+  EXPECT_EQ(moved, 22);
+}
+
+TEST(IndexedDataSet, PartitionSendsValuesBelowTheThresholdFirst) {
+  const auto data = one_feature<double, int>({3, 1, 2.5, 2, std::nan("")}, {0, 0, 0, 0, 0});
+  auto indexed = all_of(data);
+  EXPECT_EQ(indexed.partition(0, 0, 5, 2.5), 2u);
+  std::vector<double> front{data(indexed.indices[0], 0), data(indexed.indices[1], 0)};
+  std::sort(front.begin(), front.end());
+  EXPECT_EQ(front, (std::vector<double>{1, 2}));
+  std::vector<uint64_t> all(indexed.indices);
+  std::sort(all.begin(), all.end());
+  EXPECT_EQ(all, (std::vector<uint64_t>{0, 1, 2, 3, 4}));
+
+  // Only the given range moves.
+  auto partial = all_of(data);
+  EXPECT_EQ(partial.partition(0, 1, 3, 2.0), 1u);
+  EXPECT_EQ(partial.indices[0], 0u);
+  EXPECT_EQ(partial.indices[3], 3u);
+}
+
+TEST(RangeDataSet, ViewsItsSliceAndTestsHomogeneity) {
+  const double nan = std::nan("");
+  const auto data = one_feature<double, int>({nan, nan, 4, 4, 4, 5}, {0, 1, 0, 1, 0, 1});
+  auto indexed = all_of(data);
+  using Range = Velmot::RangeDataSet<decltype(indexed)>;
+  EXPECT_FALSE(Range(&indexed, 0, 2).is_homogeneous(0));  // NaN never equals
+  EXPECT_TRUE(Range(&indexed, 2, 5).is_homogeneous(0));
+  EXPECT_TRUE(Range(&indexed, 5, 6).is_homogeneous(0));
+  EXPECT_FALSE(Range(&indexed, 4, 6).is_homogeneous(0));
+
+  Range range(&indexed, 2, 6);
+  EXPECT_EQ(range.get_num_instances(), 4u);
+  EXPECT_EQ(range(3, 0), 5.0);
+  EXPECT_EQ(range.get_label(1), 1);
+  EXPECT_EQ(range.get_parent_index(1), 3);
+  range.buffer_feature(0);
+  range.sort_buffered_feature(0);
+  EXPECT_EQ(range.get_buffered_feature_label(3).first, 5.0);
+  EXPECT_EQ(range.partition(0, 5.0), 3u);
+}
+
+}  // namespace

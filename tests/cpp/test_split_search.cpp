@@ -1,0 +1,155 @@
+#include <gtest/gtest.h>
+
+#include <vector>
+
+#include "velmot/dataset/dataset.h"
+#include "velmot/dataset/index_dataset.h"
+#include "velmot/learn/split_search.h"
+#include "velmot/stats/criteria.h"
+
+namespace {
+
+// Gini that records the left-side size of every boundary it scores.
+struct RecordingGini : Velmot::TwoSplitGiniImpurity {
+  explicit RecordingGini(std::vector<size_t>* scored) : scored(scored) {}
+  template <class A>
+  double operator()(double initial, const A& left, const A& right) const {
+    scored->push_back(left.get_total_count());
+    return Velmot::TwoSplitGiniImpurity::operator()(initial, left, right);
+  }
+  std::vector<size_t>* scored;
+};
+
+// Runs the split search on one feature over all instances, as the grower
+// would: buffer, sort, count, search.
+template <class F, class L, class Criterion>
+struct OneNode {
+  OneNode(const std::vector<F>& values, const std::vector<L>& labels, int num_classes) : indexed(&data) {
+    data.set_num_features(1);
+    data.nc = static_cast<size_t>(num_classes);
+    data.features[0] = values;
+    data.labels = labels;
+    indexed.use_all_instances();
+  }
+
+  Velmot::Tracker<Velmot::NodeResult<F>, std::less<double>> search(const Criterion& criterion) {
+    Velmot::RangeDataSet<Velmot::IndexedDataSet<Velmot::MemoryDataSet<F, L>>> range(&indexed);
+    range.buffer_feature(0);
+    range.sort_buffered_feature(0);
+    Velmot::NominalLabelPriorAccumulator<int> counts;
+    counts.set_num_classes(static_cast<int>(data.nc));
+    counts.add_count(range);
+    Velmot::XorShiftRNG rng(Velmot::XorShiftState{1, 2, 3, 4});
+    auto result = Velmot::learn_tree_node(rng, range, counts, 0, criterion);
+    EXPECT_EQ(rng.get_state().w, 4);  // the search never draws
+    return result;
+  }
+
+  Velmot::MemoryDataSet<F, L> data;
+  Velmot::IndexedDataSet<Velmot::MemoryDataSet<F, L>> indexed;
+};
+
+TEST(SplitSearch, LabelChangeRuleSkipsBoundariesInsideAPureRun) {
+  std::vector<size_t> scored;
+  OneNode<int, int, RecordingGini> node({1, 2, 3}, {0, 0, 1}, 2);
+  const auto best = node.search(RecordingGini(&scored));
+  EXPECT_EQ(scored, (std::vector<size_t>{2}));  // only 2 | 3
+  EXPECT_EQ(best.get_maximizer().threshold, 3);
+  EXPECT_EQ(best.get_maximizer().feature_index, 0);
+
+  // The flag set at an equal value waits for the next distinct value.
+  scored.clear();
+  OneNode<int, int, RecordingGini> equal({1, 1, 2}, {0, 1, 1}, 2);
+  equal.search(RecordingGini(&scored));
+  EXPECT_EQ(scored, (std::vector<size_t>{2}));
+
+  // After a scored boundary the run restarts from its right-hand label.
+  scored.clear();
+  OneNode<int, int, RecordingGini> runs({1, 2, 3, 4, 5, 6}, {0, 1, 1, 1, 0, 0}, 2);
+  runs.search(RecordingGini(&scored));
+  EXPECT_EQ(scored, (std::vector<size_t>{1, 4}));
+}
+
+TEST(SplitSearch, ThresholdsByFeatureType) {
+  EXPECT_EQ((OneNode<unsigned char, int, Velmot::TwoSplitGiniImpurity>({1, 2, 3}, {0, 0, 1}, 2)
+                 .search({}).get_maximizer().threshold),
+            3);
+  EXPECT_EQ((OneNode<double, int, Velmot::TwoSplitGiniImpurity>({1, 2, 3}, {0, 0, 1}, 2)
+                 .search({}).get_maximizer().threshold),
+            2.5);
+  // float midpoints are computed in single precision.
+  const float low = 0.1f, high = 0.7f;
+  const float single = (low + high) * 0.5f;
+  ASSERT_NE(static_cast<double>(single), (static_cast<double>(low) + static_cast<double>(high)) * 0.5);
+  EXPECT_EQ((OneNode<float, int, Velmot::TwoSplitGiniImpurity>({low, low, high}, {0, 0, 1}, 2)
+                 .search({}).get_maximizer().threshold),
+            single);
+  const double dlow = 0.1, dhigh = 0.7;
+  EXPECT_EQ((OneNode<double, int, Velmot::TwoSplitGiniImpurity>({dlow, dlow, dhigh}, {0, 0, 1}, 2)
+                 .search({}).get_maximizer().threshold),
+            (dlow + dhigh) * 0.5);
+}
+
+TEST(SplitSearch, ScoresAndImprovementOfAPerfectSplit) {
+  OneNode<double, int, Velmot::TwoSplitGiniImpurity> gini({1, 2, 3, 4}, {0, 0, 1, 1}, 2);
+  const auto g = gini.search({});
+  EXPECT_EQ(g.get_maximum(), 2.0);
+  EXPECT_EQ(g.get_minimum(), 0.0);  // overwritten from the finished maximum
+  EXPECT_EQ(g.get_maximizer().best_improvement, 2.0);
+  EXPECT_EQ(g.get_maximizer().threshold, 2.5);
+  EXPECT_EQ(g.get_num_ties(), 1);
+
+  OneNode<double, int, Velmot::TwoSplitInfoGain> info({1, 2, 3, 4}, {0, 0, 1, 1}, 2);
+  const auto i = info.search({});
+  EXPECT_EQ(i.get_maximum(), 1.0);
+  EXPECT_EQ(i.get_minimum(), 1.0);
+  EXPECT_EQ(i.get_maximizer().best_improvement, 2.0);
+
+  OneNode<double, int, Velmot::TwoSplitGainRatio> ratio({1, 2, 3, 4}, {1, 0, 0, 0}, 2);
+  const auto r = ratio.search({});
+  EXPECT_EQ(r.get_maximum(), 1.0);
+  EXPECT_EQ(r.get_maximizer().threshold, 1.5);
+}
+
+TEST(SplitSearch, SeedsWhereNothingIsScored) {
+  std::vector<size_t> scored;
+  // Two instances: never split by the search.
+  OneNode<double, int, RecordingGini> two({5, 9}, {0, 1}, 2);
+  const auto t = two.search(RecordingGini(&scored));
+  EXPECT_TRUE(scored.empty());
+  EXPECT_EQ(t.get_maximizer().threshold, 5.0);
+  EXPECT_EQ(t.get_maximizer().best_improvement, 0.0);
+  EXPECT_EQ(t.get_maximum(), 0.0);
+
+  // A constant feature keeps the seed.
+  OneNode<int, int, RecordingGini> constant({7, 7, 7, 7}, {0, 1, 0, 1}, 2);
+  const auto c = constant.search(RecordingGini(&scored));
+  EXPECT_TRUE(scored.empty());
+  EXPECT_EQ(c.get_maximizer().threshold, 7);
+}
+
+TEST(SplitSearch, EmptyRangeGivesAnEmptyTracker) {
+  OneNode<double, int, Velmot::TwoSplitGiniImpurity> empty({}, {}, 2);
+  const auto e = empty.search({});
+  EXPECT_FALSE(e.is_initialized());
+  EXPECT_THROW(e.get_maximizer(), Velmot::EmptyTrackerException);
+}
+
+TEST(SplitSearch, EqualScoresKeepTheLowestThreshold) {
+  // Splits 1|2 and 3|4 are equally good; the first one found stays.
+  OneNode<int, int, Velmot::TwoSplitGiniImpurity> node({1, 2, 3, 4}, {0, 1, 1, 0}, 2);
+  const auto best = node.search({});
+  EXPECT_EQ(best.get_maximizer().threshold, 2);
+}
+
+TEST(SplitSearch, RealLabelsAreSplitByTheirIntegerParts) {
+  // 0.2 and 0.9 are the same class, but different labels for the run rule.
+  std::vector<size_t> scored;
+  OneNode<double, float, RecordingGini> node({1, 2, 3, 4}, {0.2f, 0.9f, 1.5f, 1.7f}, 2);
+  const auto best = node.search(RecordingGini(&scored));
+  EXPECT_EQ(scored, (std::vector<size_t>{1, 2, 3}));
+  EXPECT_EQ(best.get_maximizer().threshold, 2.5);
+  EXPECT_EQ(best.get_maximum(), 2.0);
+}
+
+}  // namespace
