@@ -1,0 +1,188 @@
+"""Learning and prediction through the raw module: every function, strided
+arrays, vote fractions, determinism and memory."""
+
+import numpy as np
+import pytest
+
+import PyVelmot_wrap as wrap
+
+FEATURE_TYPES = {"i": np.int32, "d": np.float64, "s": np.float32, "b": np.uint8}
+LABEL_TYPES = {"i": np.int32, "d": np.float64, "s": np.float32}
+LEARNERS = [
+    f"learn_{f}{l}_{criterion}"
+    for l, criteria in (("i", ("infogain", "gini", "gainratio")), ("d", ("variance",)), ("s", ("variance",)))
+    for criterion in criteria
+    for f in "idsb"
+]
+
+
+def two_class_data(n=80, seed=0):
+    """Instance-major (n, 3) values in 0..200 and labels given by the first
+    two features, with one noise feature."""
+    rng = np.random.default_rng(seed)
+    X = rng.integers(0, 200, size=(n, 3))
+    y = (X[:, 0] + X[:, 1] > 200).astype(np.int32)
+    return X, y
+
+
+def leaf(label):
+    return np.array([[-1.0], [-1.0], [-1.0], [np.nan], [label]])
+
+
+def test_the_method_table_has_the_34_functions_in_order():
+    expected = LEARNERS[:12] + [f"learn_{f}{l}_variance" for l in "ds" for f in "idsb"]
+    expected += [f"test_{f}i" for f in "idsb"]
+    expected += [f"prob_{f}{t}" for f, t in ("dd", "ds", "sd", "ss", "id", "is", "bd", "bs")]
+    expected += ["init_pool", "set_seed"]
+    assert sorted(LEARNERS) == sorted(expected[:20])
+    functions = [name for name in vars(wrap) if callable(getattr(wrap, name))]
+    assert functions == expected
+
+
+@pytest.mark.parametrize("learner", LEARNERS)
+def test_every_learner_round_trips_through_test_and_prob(learner):
+    f, l = learner[6], learner[7]
+    X, y = two_class_data()
+    X_fm = np.ascontiguousarray(X.T.astype(FEATURE_TYPES[f]))
+    # Real labels carry a fraction; they count under their integer part.
+    labels = (y + 0.25).astype(LABEL_TYPES[l]) if l != "i" else y
+    wrap.set_seed(17)
+    trees, importances = getattr(wrap, learner)(X_fm, labels, 2, 15, 1.0, 2, 0, 2, 1)
+    assert len(trees) == 15
+    for tree in trees:
+        assert tree.dtype == np.float64 and tree.flags.c_contiguous
+        assert tree.shape[0] == 5 and tree.shape[1] >= 1
+    assert importances.dtype == np.float64 and importances.shape == (3,)
+    assert importances[2] < importances[0] and importances[2] < importances[1]
+
+    predicted = np.full(len(y), -7, dtype=np.int32)
+    result = getattr(wrap, f"test_{f}i")(X_fm, trees, 2, predicted, 2)
+    assert isinstance(result, float)
+    assert (predicted == y).mean() > 0.9
+
+    for out_type in "ds":
+        probabilities = np.full((len(y), 2), -1.0, dtype=FEATURE_TYPES[out_type])
+        getattr(wrap, f"prob_{f}{out_type}")(X_fm, trees, 2, probabilities, 2)
+        np.testing.assert_allclose(probabilities.sum(axis=1), 1.0, rtol=1e-6)
+        # The larger fraction is the predicted class (ties go to class 0).
+        np.testing.assert_array_equal(np.where(probabilities[:, 1] > probabilities[:, 0], 1, 0), predicted)
+
+
+def test_importances_only_on_request():
+    X, y = two_class_data()
+    wrap.set_seed(3)
+    trees, importances = wrap.learn_di_gini(np.ascontiguousarray(X.T, dtype=np.float64), y, 2, 4, 1.0, 2, 0, 1, 0)
+    assert importances is None and len(trees) == 4
+    assert wrap.learn_di_gini(np.ascontiguousarray(X.T, dtype=np.float64), y, 2, 0, 1.0, 2, 0, 1, 0) == ([], None)
+
+
+def test_vote_fractions_are_votes_over_trees_narrowed_to_the_output_type():
+    forest = [leaf(1)] * 3 + [leaf(0)] * 7
+    X = np.zeros((1, 2), dtype=np.float64)
+    single = np.zeros((2, 2), dtype=np.float32)
+    wrap.prob_ds(X, forest, 2, single, 1)
+    assert single[0, 1] == np.float32(0.3)
+    assert float(single[0, 1]) == 0.30000001192092896
+    double = np.zeros((2, 2), dtype=np.float64)
+    wrap.prob_dd(X, forest, 2, double, 1)
+    assert double[1, 1] == 0.3 and double[1, 0] == 0.7
+
+
+def test_strided_inputs_and_outputs():
+    X, y = two_class_data(60)
+    instance_major = X.astype(np.float64)  # (60, 3), C order
+    wrap.set_seed(5)
+    dense, _ = wrap.learn_di_gini(np.ascontiguousarray(instance_major.T), y, 2, 6, 1.0, 2, 0, 1, 0)
+    # The transposed view, and labels read every second element.
+    spaced_labels = np.zeros(2 * len(y), dtype=np.int32)
+    spaced_labels[::2] = y
+    wrap.set_seed(5)
+    strided, _ = wrap.learn_di_gini(instance_major.T, spaced_labels[::2], 2, 6, 1.0, 2, 0, 1, 0)
+    for a, b in zip(dense, strided):
+        np.testing.assert_array_equal(a, b)
+
+    # labels_out_ with an 8-byte stride fills every second int32.
+    spaced_out = np.full(2 * len(y), -9, dtype=np.int32)
+    wrap.test_di(instance_major.T, dense, 2, spaced_out[::2], 1)
+    reference = np.zeros(len(y), dtype=np.int32)
+    wrap.test_di(np.ascontiguousarray(instance_major.T), dense, 2, reference, 1)
+    np.testing.assert_array_equal(spaced_out[::2], reference)
+    assert (spaced_out[1::2] == -9).all()
+
+    # probs_out_ as the transpose of a classes x instances array.
+    classes_major = np.full((2, len(y)), -1.0)
+    wrap.prob_dd(instance_major.T, dense, 2, classes_major.T, 1)
+    expected = np.zeros((len(y), 2))
+    wrap.prob_dd(instance_major.T, dense, 2, expected, 1)
+    np.testing.assert_array_equal(classes_major.T, expected)
+
+    # Tree arrays are read through their strides too (Fortran order, float32).
+    fortran = [np.asfortranarray(t).astype(np.float32, order="F") for t in dense]
+    from_fortran = np.zeros(len(y), dtype=np.int32)
+    wrap.test_di(instance_major.T, fortran, 2, from_fortran, 1)
+    np.testing.assert_array_equal(from_fortran, reference)
+
+
+def test_missing_values_are_imputed_before_prediction():
+    # Stump on feature 0 at 2.5: NaN would go right, but the median of the
+    # present values (upper middle of [1, 2]) is 2, which goes left.
+    stump = np.array([[1, -1, -1], [2, -1, -1], [0, -1, -1], [2.5, 0, 0], [-2, 0, 1]], dtype=np.float64)
+    predicted = np.zeros(3, dtype=np.int32)
+    wrap.test_di(np.array([[1.0, 2.0, np.nan]]), [stump], 2, predicted, 1)
+    np.testing.assert_array_equal(predicted, [0, 0, 0])
+    # Three present values: the middle one, 3, goes right.
+    four = np.zeros(4, dtype=np.int32)
+    wrap.test_si(np.array([[1.0, 4.0, 3.0, np.nan]], dtype=np.float32), [stump], 2, four, 1)
+    np.testing.assert_array_equal(four, [0, 1, 1, 1])
+
+
+@pytest.mark.parametrize("num_threads", [1, 3])
+def test_same_seed_same_forest(num_threads):
+    X, y = two_class_data(50)
+    X_fm = np.ascontiguousarray(X.T, dtype=np.float32)
+    runs = []
+    for _ in range(2):
+        wrap.set_seed(2**32 + 12345)  # only the low 32 bits count
+        runs.append(wrap.learn_si_infogain(X_fm, y, 2, 7, 0.8, 2, 0, num_threads, 1))
+    wrap.set_seed(12345)
+    runs.append(wrap.learn_si_infogain(X_fm, y, 2, 7, 0.8, 2, 0, num_threads, 1))
+    for trees, importances in runs[1:]:
+        for a, b in zip(runs[0][0], trees):
+            np.testing.assert_array_equal(a, b)
+        np.testing.assert_array_equal(runs[0][1], importances)
+
+
+def _resident_kib():
+    with open("/proc/self/statm") as statm:
+        pages = int(statm.read().split()[1])
+    return pages * 4
+
+
+def test_resident_memory_stays_flat_over_many_calls():
+    X, y = two_class_data(40)
+    X_fm = np.ascontiguousarray(X.T, dtype=np.float64)
+    bad_labels = y.copy()
+    bad_labels[-1] = 5
+    predicted = np.zeros(len(y), dtype=np.int32)
+    probabilities = np.zeros((len(y), 2))
+    wrap.set_seed(1)
+
+    def calls(n):
+        for _ in range(n):
+            trees, importances = wrap.learn_di_gini(X_fm, y, 2, 5, 1.0, 2, 0, 2, 1)
+            wrap.test_di(X_fm, trees, 2, predicted, 2)
+            wrap.prob_dd(X_fm, trees + [leaf(1)], 2, probabilities, 2)
+            # Error paths: after a label check, and after trees were rebuilt.
+            with pytest.raises(RuntimeError):
+                wrap.learn_di_gini(X_fm, bad_labels, 2, 5, 1.0, 2, 0, 1, 0)
+            with pytest.raises(RuntimeError):
+                wrap.test_di(X_fm, trees + [np.zeros((5, 2), dtype=np.int32)], 2, predicted, 1)
+            with pytest.raises(RuntimeError):
+                wrap.test_di(X_fm, "(label 1) (label 0) (label", 2, predicted, 1)
+
+    calls(200)
+    before = _resident_kib()
+    calls(2000)
+    growth = _resident_kib() - before
+    # Keeping the trees of every call would add about 5 MiB here.
+    assert growth < 1536, f"resident memory grew by {growth} KiB"
