@@ -83,6 +83,9 @@ def load(path):
     from ._forest import RandomForestClassifier
 
     contents = _read_archive(path)
+    version = contents["format"]
+    _check(version.shape == () and version.dtype.kind in "iu", "format must be one integer")
+    _check(int(version) == FORMAT, f"format {int(version)} is not {FORMAT}, the one this version reads")
     metadata = _metadata(contents["metadata"])
     params = metadata["params"]
     n_features = metadata["n_features_in"]
@@ -118,16 +121,34 @@ def load(path):
 
 
 def _read_archive(path):
-    name = getattr(path, "name", path)
+    if hasattr(path, "read"):
+        return _read_open_archive(path, getattr(path, "name", "the file object"))
+    with open(path, "rb") as file:
+        return _read_open_archive(file, path)
+
+
+def _read_open_archive(file, name):
     try:
-        with np.load(path, allow_pickle=False) as archive:
+        with np.load(file, allow_pickle=False) as archive:
             if not isinstance(archive, np.lib.npyio.NpzFile):
                 raise ValueError("not an .npz archive")
             missing = [key for key in _REQUIRED if key not in archive.files]
             if missing:
                 raise ValueError(f"missing {', '.join(missing)}")
             return {key: archive[key] for key in archive.files}
-    except (ValueError, EOFError, KeyError, zipfile.BadZipFile, zlib.error, struct.error) as error:
+    # Everything a damaged archive makes zipfile, zlib or numpy raise; the
+    # file itself is open by now, so an OSError here is a damaged file too.
+    except (
+        ValueError,
+        EOFError,
+        KeyError,
+        OSError,
+        RuntimeError,
+        NotImplementedError,
+        zipfile.BadZipFile,
+        zlib.error,
+        struct.error,
+    ) as error:
         raise ValueError(f"{name!s} is not a readable velmot forest file: {error}") from error
 
 
