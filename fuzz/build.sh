@@ -7,6 +7,8 @@
 #   fuzz/build.sh run description [SECONDS] build, then fuzz the description
 #                                           reader for SECONDS (default 60)
 #   fuzz/build.sh run tree [SECONDS]        the same for the tree text reader
+#   fuzz/build.sh run tree 60 -max_len=100000
+#                                           further arguments go to libFuzzer
 #
 # A run uses fuzz/<name>.dict, when present, to splice in keywords.
 # A run starts from the saved corpus fuzz/corpus/<name>/ and keeps the inputs
@@ -36,18 +38,17 @@ build() {
 
 build description "$root/fuzz/fuzz_description_reader.cpp" \
   "$root/src/dataset_description.cpp" "$root/src/dataset_io.cpp"
-if [ -f "$root/fuzz/fuzz_tree_reader.cpp" ]; then
-  build tree "$root/fuzz/fuzz_tree_reader.cpp"
-fi
+build tree "$root/fuzz/fuzz_tree_reader.cpp" "$root/src/tree_io.cpp"
 
 if [ "${1:-}" = run ]; then
   name=${2:?"which target: description or tree"}
   seconds=${3:-60}
+  shift $(($# < 3 ? $# : 3))
   mkdir -p "$out/corpus/$name" "$out/artifacts"
   dict=""
   if [ -f "$root/fuzz/$name.dict" ]; then dict="-dict=$root/fuzz/$name.dict"; fi
   # shellcheck disable=SC2086
   "$out/fuzz_${name}_reader" -max_total_time="$seconds" -timeout=10 $dict \
     -artifact_prefix="$out/artifacts/" \
-    "$out/corpus/$name" "$root/fuzz/corpus/$name"
+    "$@" "$out/corpus/$name" "$root/fuzz/corpus/$name"
 fi
