@@ -57,6 +57,19 @@ def draw_chunk_seeds(random_state, count):
     return check_random_state(random_state).randint(1, _MAX_SEED + 1, size=count)
 
 
+def learn_chunk(
+    features, labels, *, n_classes, n_trees, seed, sampling_prop, fte_per_split, max_depth, n_threads, criterion
+):
+    """One learning call from a freshly seeded pool: (tree arrays, importances).
+
+    The importances are NaN when a tree of the call found no informative split.
+    """
+    learner = getattr(PyVelmot_wrap, f"learn_{MODULE_LETTERS[features.dtype]}i_{CRITERION_SUFFIXES[criterion]}")
+    with _POOL_LOCK:
+        PyVelmot_wrap.set_seed(int(seed))
+        return learner(features, labels, n_classes, n_trees, sampling_prop, fte_per_split, max_depth, n_threads, 1)
+
+
 def learn_forest(
     features,
     labels,
@@ -80,7 +93,6 @@ def learn_forest(
     reports NaN for the whole call that learnt it); such calls are left out of
     the mean, and if every call is, the result is None.
     """
-    learner = getattr(PyVelmot_wrap, f"learn_{MODULE_LETTERS[features.dtype]}i_{CRITERION_SUFFIXES[criterion]}")
     chunks = plan_chunks(n_trees, n_threads)
     seeds = draw_chunk_seeds(random_state, len(chunks))
 
@@ -89,11 +101,18 @@ def learn_forest(
     trees_with_importances = 0
     with tqdm(total=n_trees, unit="tree", desc="Learning trees", disable=verbose <= 0) as progress:
         for size, seed in zip(chunks, seeds):
-            with _POOL_LOCK:
-                PyVelmot_wrap.set_seed(int(seed))
-                chunk_trees, importances = learner(
-                    features, labels, n_classes, size, sampling_prop, fte_per_split, max_depth, n_threads, 1
-                )
+            chunk_trees, importances = learn_chunk(
+                features,
+                labels,
+                n_classes=n_classes,
+                n_trees=size,
+                seed=seed,
+                sampling_prop=sampling_prop,
+                fte_per_split=fte_per_split,
+                max_depth=max_depth,
+                n_threads=n_threads,
+                criterion=criterion,
+            )
             trees.extend(chunk_trees)
             if not np.isnan(importances).any():
                 importance_sum += size * importances
