@@ -35,10 +35,10 @@ class RandomForestClassifier(ClassifierMixin, BaseEstimator):
     chosen criterion, and the forest predicts by majority vote (ties go to the
     first class in ``classes_``). Trees are learnt on OpenMP threads in C++.
 
-    Some choices are fixed by the library: bootstrapping is always on, trees
-    are grown until their leaves are pure or hold too few instances to split
-    (a node needs two instances on each side), and there are no sample or
-    class weights. Missing values (NaN) are allowed in X: during ``fit`` the
+    Some choices are fixed by the library: bootstrapping is always on; trees
+    grow until a leaf is pure or holds a single instance, except that a split
+    is kept only when each side receives at least two instances; there are no
+    sample or class weights. Missing values (NaN) are allowed in X: during ``fit`` the
     library replaces them by each feature's median (the upper of the two
     middle values for an even count), and prediction replaces them by the
     same training medians, so a prediction never depends on the other rows

@@ -111,6 +111,8 @@ def test_a_transposed_view_is_passed_on_without_a_copy(recorder):
         (np.uint64, "i", True),
         (np.float16, "s", True),
         (np.longdouble, "d", True),
+        (np.dtype(">f8"), "d", True),
+        (np.dtype(">i4"), "i", True),
     ],
 )
 def test_other_dtypes_follow_the_documented_conversion(recorder, dtype, letter, copied):
