@@ -178,10 +178,11 @@ class RandomForestClassifier(ClassifierMixin, BaseEstimator):
         n_samples, n_features = X.shape
         if n_samples > MAX_SAMPLES:
             raise ValueError(f"X has {n_samples} samples; the library accepts at most {MAX_SAMPLES}.")
+        # Checks that need the data's shape come before anything is copied.
+        features_per_split = self._features_per_split(n_features)
+        bootstrap_size = self._bootstrap_size(n_samples)
         classes, codes = np.unique(y, return_inverse=True)
         X = as_module_dtype(X)
-
-        features_per_split = self._features_per_split(n_features)
         if features_per_split < n_features:
             features = feature_major(X)
         else:
@@ -193,7 +194,7 @@ class RandomForestClassifier(ClassifierMixin, BaseEstimator):
             np.ascontiguousarray(codes, dtype=np.int32),
             n_classes=len(classes),
             n_trees=self.n_estimators,
-            sampling_prop=_sampling_proportion(self._bootstrap_size(n_samples), n_samples),
+            sampling_prop=_sampling_proportion(bootstrap_size, n_samples),
             fte_per_split=features_per_split,
             max_depth=0 if self.max_depth is None else min(self.max_depth, _MAX_INT32),
             n_threads=_thread_count(self.n_jobs),
@@ -272,6 +273,13 @@ class RandomForestClassifier(ClassifierMixin, BaseEstimator):
         ----------
         path : str, path-like or binary file object
             Destination; written exactly there, no suffix is added.
+
+        Notes
+        -----
+        Class labels and feature names are stored as plain numpy arrays
+        (object arrays of strings come back as numpy string arrays). A
+        RandomState instance given as ``random_state`` cannot be stored and is
+        saved as None; the trees themselves are saved exactly.
 
         Examples
         --------
