@@ -5,12 +5,11 @@ import os
 from numbers import Integral
 
 import numpy as np
+import PyVelmot_wrap
 from sklearn.base import BaseEstimator, ClassifierMixin
 from sklearn.utils._param_validation import Interval, RealNotInt, StrOptions
 from sklearn.utils.multiclass import check_classification_targets
 from sklearn.utils.validation import check_is_fitted, validate_data
-
-import PyVelmot_wrap
 
 from ._features import (
     MODULE_LETTERS,
@@ -205,9 +204,7 @@ class RandomForestClassifier(ClassifierMixin, BaseEstimator):
         self.classes_ = classes
         self.n_classes_ = len(classes)
         self.trees_ = trees
-        self.feature_importances_ = (
-            np.zeros(n_features) if importances is None else np.array(importances[:n_features])
-        )
+        self.feature_importances_ = np.zeros(n_features) if importances is None else np.array(importances[:n_features])
         self._missing_value_fill_ = upper_medians(X)
         return self
 

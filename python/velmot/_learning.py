@@ -12,10 +12,9 @@ whether a progress bar is shown, so the forest is the same either way.
 import threading
 
 import numpy as np
+import PyVelmot_wrap
 from sklearn.utils import check_random_state
 from tqdm import tqdm
-
-import PyVelmot_wrap
 
 from ._features import MODULE_LETTERS
 

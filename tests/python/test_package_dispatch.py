@@ -4,7 +4,6 @@ tests check the calls themselves, not the forests."""
 
 import numpy as np
 import pytest
-
 import PyVelmot_wrap
 from velmot import RandomForestClassifier
 from velmot._learning import plan_chunks
@@ -36,9 +35,21 @@ class ModuleRecorder:
 
     def _learner(self, name):
         def learn(X_, Y_, num_classes, num_trees, sampling_prop, fte_per_split, max_depth, num_threads, importances):
-            self.calls.append((name, dict(X_=X_, Y_=Y_, num_classes=num_classes, num_trees=num_trees,
-                                          sampling_prop=sampling_prop, fte_per_split=fte_per_split,
-                                          max_depth=max_depth, num_threads=num_threads)))
+            self.calls.append(
+                (
+                    name,
+                    dict(
+                        X_=X_,
+                        Y_=Y_,
+                        num_classes=num_classes,
+                        num_trees=num_trees,
+                        sampling_prop=sampling_prop,
+                        fte_per_split=fte_per_split,
+                        max_depth=max_depth,
+                        num_threads=num_threads,
+                    ),
+                )
+            )
             leaf = np.array([[-1.0], [-1.0], [-1.0], [np.nan], [0.0]])
             if self.importances is None:
                 values = np.full(X_.shape[0], 1.0 / X_.shape[0])
@@ -50,8 +61,9 @@ class ModuleRecorder:
 
     def _predictor(self, name):
         def predict(X_, forest_, num_classes, out, num_threads):
-            self.calls.append((name, dict(X_=X_, forest_=forest_, num_classes=num_classes, out=out,
-                                          num_threads=num_threads)))
+            self.calls.append(
+                (name, dict(X_=X_, forest_=forest_, num_classes=num_classes, out=out, num_threads=num_threads))
+            )
             out[...] = 0
             return 0.0
 
@@ -72,9 +84,7 @@ def data(dtype, n_samples=12, n_features=3, order="C"):
     return X, np.arange(n_samples) % 2
 
 
-@pytest.mark.parametrize(
-    "dtype, letter", [(np.int32, "i"), (np.float64, "d"), (np.float32, "s"), (np.uint8, "b")]
-)
+@pytest.mark.parametrize("dtype, letter", [(np.int32, "i"), (np.float64, "d"), (np.float32, "s"), (np.uint8, "b")])
 @pytest.mark.parametrize("order", ["C", "F"])
 def test_native_dtypes_reach_the_module_as_feature_major_views_without_copies(recorder, dtype, letter, order):
     X, y = data(dtype, order=order)

@@ -10,7 +10,6 @@ import numpy as np
 import pandas as pd
 import pytest
 from sklearn.datasets import make_classification
-
 from velmot import RandomForestClassifier
 
 
@@ -29,9 +28,10 @@ def data():
 @pytest.mark.parametrize("random_state", [0, 7])
 def test_an_int_seed_gives_the_same_forest_on_every_fit(data, random_state, n_jobs):
     X, y = data
-    forest = RandomForestClassifier(n_estimators=24, random_state=random_state, n_jobs=n_jobs)
-    first = forest.fit(X, y).trees_
-    assert same_forest(forest, RandomForestClassifier(n_estimators=24, random_state=random_state, n_jobs=n_jobs).fit(X, y))
+    params = dict(n_estimators=24, random_state=random_state, n_jobs=n_jobs)
+    forest = RandomForestClassifier(**params).fit(X, y)
+    first = list(forest.trees_)
+    assert same_forest(forest, RandomForestClassifier(**params).fit(X, y))
     assert all(np.array_equal(a, b, equal_nan=True) for a, b in zip(first, forest.fit(X, y).trees_))
 
 
@@ -105,7 +105,8 @@ def test_probabilities_are_vote_fractions_consistent_with_predict(data):
     np.testing.assert_allclose(proba.sum(axis=1), 1.0)
     np.testing.assert_array_equal(proba * 10, np.round(proba * 10))
     np.testing.assert_array_equal(forest.predict(X), forest.classes_[np.argmax(proba, axis=1)])
-    np.testing.assert_array_equal(forest.predict_log_proba(X), np.log(proba, where=proba > 0, out=np.full_like(proba, -np.inf)))
+    log_proba = np.log(proba, where=proba > 0, out=np.full_like(proba, -np.inf))
+    np.testing.assert_array_equal(forest.predict_log_proba(X), log_proba)
     importances = forest.feature_importances_
     assert importances.shape == (8,) and np.isclose(importances.sum(), 1.0) and np.all(importances >= 0)
 

@@ -8,9 +8,8 @@ import pickle
 import numpy as np
 import pandas as pd
 import pytest
-from sklearn.exceptions import NotFittedError
-
 import velmot
+from sklearn.exceptions import NotFittedError
 from velmot import RandomForestClassifier
 
 

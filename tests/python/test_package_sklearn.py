@@ -7,14 +7,13 @@ import os
 # must give the same results with array-API dispatch on.
 os.environ.setdefault("SCIPY_ARRAY_API", "1")
 
-import numpy as np  # noqa: E402
-from sklearn.datasets import make_classification  # noqa: E402
-from sklearn.model_selection import GridSearchCV, cross_val_score  # noqa: E402
-from sklearn.pipeline import make_pipeline  # noqa: E402
-from sklearn.preprocessing import StandardScaler  # noqa: E402
-from sklearn.utils.estimator_checks import check_estimator, parametrize_with_checks  # noqa: E402
-
-from velmot import RandomForestClassifier  # noqa: E402
+import numpy as np
+from sklearn.datasets import make_classification
+from sklearn.model_selection import GridSearchCV, cross_val_score
+from sklearn.pipeline import make_pipeline
+from sklearn.preprocessing import StandardScaler
+from sklearn.utils.estimator_checks import check_estimator, parametrize_with_checks
+from velmot import RandomForestClassifier
 
 # Every check passes; a check that could not would be listed here with its
 # reason, the form scikit-learn's check runners expect.

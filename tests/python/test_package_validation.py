@@ -3,9 +3,8 @@ into the compiled module (which trusts its caller)."""
 
 import numpy as np
 import pytest
-from sklearn.exceptions import NotFittedError
-
 import PyVelmot_wrap
+from sklearn.exceptions import NotFittedError
 from velmot import RandomForestClassifier
 
 
