@@ -37,7 +37,7 @@ class RandomForestClassifier(ClassifierMixin, BaseEstimator):
     Some choices are fixed by the library: bootstrapping is always on; trees
     grow until a leaf is pure or holds a single instance, except that a split
     is kept only when each side receives at least two instances; there are no
-    sample or class weights. Missing values (NaN) are allowed in X: during ``fit`` the
+    sample or class weights and no out-of-bag estimate. Missing values (NaN) are allowed in X: during ``fit`` the
     library replaces them by each feature's median (the upper of the two
     middle values for an even count), and prediction replaces them by the
     same training medians, so a prediction never depends on the other rows
