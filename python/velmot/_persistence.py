@@ -165,7 +165,10 @@ def _metadata(array):
         raise ValueError(f"damaged velmot forest file: metadata is not JSON ({error})") from error
     _check(isinstance(metadata, dict) and isinstance(metadata.get("params"), dict), "metadata lacks params")
     n_features = metadata.get("n_features_in")
-    _check(isinstance(n_features, int) and n_features >= 1, "n_features_in must be a positive int")
+    _check(
+        isinstance(n_features, int) and not isinstance(n_features, bool) and n_features >= 1,
+        "n_features_in must be a positive int",
+    )
     return metadata
 
 
