@@ -1,0 +1,190 @@
+#include <gtest/gtest.h>
+#include <omp.h>
+
+#include <cmath>
+#include <cstdio>
+#include <memory>
+#include <vector>
+
+#include "velmot/dataset/dataset.h"
+#include "velmot/defs/random.h"
+#include "velmot/learn/learn_forest.h"
+#include "velmot/stats/criteria.h"
+
+namespace {
+
+using Data = Velmot::MemoryDataSet<double, int>;
+using Forest = std::vector<Velmot::Node<int>*>;
+
+// Sets the OpenMP thread count for one test and restores it afterwards.
+class ThreadCount {
+public:
+  explicit ThreadCount(int n) : saved(omp_get_max_threads()) { omp_set_num_threads(n); }
+  ~ThreadCount() { omp_set_num_threads(saved); }
+
+private:
+  int saved;
+};
+
+struct OwnedForest {
+  explicit OwnedForest(Forest trees) : trees(std::move(trees)) {}
+  ~OwnedForest() {
+    for (auto* tree : trees) delete tree;
+  }
+  Forest trees;
+};
+
+// 60 instances, 4 features, 3 classes, with noise: trees of a few levels.
+Data noisy_data() {
+  Data data(4);
+  data.nc = 3;
+  Velmot::XorShiftRNG gen(Velmot::XorShiftState{3, 5, 7, 11});
+  for (int i = 0; i < 60; ++i) {
+    for (auto& column : data.features) column.push_back(static_cast<double>(gen.next_int(20)));
+    const double s = data.features[0].back() + data.features[1].back();
+    data.labels.push_back(gen.next_int(10) == 0 ? static_cast<int>(gen.next_int(3)) : (s < 15 ? 0 : s < 25 ? 1 : 2));
+  }
+  return data;
+}
+
+bool same_tree(Velmot::Node<int>* a, Velmot::Node<int>* b) {
+  Velmot::VectorizedTree<int> va, vb;
+  va.root_to_vector(a);
+  vb.root_to_vector(b);
+  if (va.left != vb.left || va.right != vb.right || va.feature_index != vb.feature_index || va.label != vb.label) {
+    return false;
+  }
+  for (size_t i = 0; i < va.threshold.size(); ++i) {
+    const double x = va.threshold[i], y = vb.threshold[i];
+    if (!(x == y || (std::isnan(x) && std::isnan(y)))) return false;
+  }
+  return true;
+}
+
+Forest learn(const Data& data, int trees, std::vector<double>& importances, bool compute = true) {
+  return Velmot::learn_forest(data, trees, 1.0, 2, 0, 1, Velmot::TwoSplitGiniImpurity(), compute, importances);
+}
+
+TEST(LearnForest, StaticBlocksFromEachThreadsGenerator) {
+  const Data data = noisy_data();
+  std::vector<double> importances(4);
+  Velmot::init_pool("", 77);
+  OwnedForest forest([&] {
+    ThreadCount four(4);
+    return learn(data, 10, importances);
+  }());
+  ASSERT_EQ(forest.trees.size(), 10u);
+
+  // Replay each thread's block on this thread with that thread's generator:
+  // chunk 3, so threads 0-2 learn trees 0-2, 3-5, 6-8 and thread 3 tree 9.
+  Velmot::init_pool("", 77);
+  Velmot::XorShiftRNGPool* pool = Velmot::get_pool("", 1, 0, false);
+  std::vector<Velmot::XorShiftState> states;
+  for (size_t t = 0; t < 4; ++t) states.push_back(pool->get_generator(t)->get_state());
+  std::vector<double> expected(4, 0.0);
+  for (int t = 0; t < 4; ++t) {
+    pool->get_generator(0)->set_seed(states[t]);
+    for (int k = 3 * t; k < std::min(3 * t + 3, 10); ++k) {
+      const auto sample = Velmot::random_subset_iid(&data, 1.0, *Velmot::get_rng());
+      std::vector<double> tree_importances(4, 0.0);
+      std::unique_ptr<Velmot::Node<int>> tree(
+          Velmot::learn_tree(sample, 2, 0, 1, Velmot::TwoSplitGiniImpurity(), true, tree_importances));
+      EXPECT_TRUE(same_tree(tree.get(), forest.trees[k])) << "tree " << k;
+      for (size_t j = 0; j < 4; ++j) expected[j] += tree_importances[j];
+    }
+  }
+  double sum = 0.0;
+  for (size_t j = 0; j < 4; ++j) {
+    EXPECT_NEAR(importances[j], expected[j] / 10, 1e-12);
+    sum += importances[j];
+  }
+  EXPECT_NEAR(sum, 1.0, 1e-12);
+  EXPECT_GT(importances[0] + importances[1], importances[2] + importances[3]);
+}
+
+TEST(LearnForest, ReseedingReproducesTheForest) {
+  const Data data = noisy_data();
+  for (const int threads : {1, 2}) {
+    ThreadCount count(threads);
+    std::vector<double> first_importances(4), second_importances(4);
+    Velmot::init_pool("", 2024);
+    OwnedForest first(learn(data, 7, first_importances));
+    Velmot::init_pool("", 2024);
+    OwnedForest second(learn(data, 7, second_importances));
+    for (size_t k = 0; k < 7; ++k) EXPECT_TRUE(same_tree(first.trees[k], second.trees[k])) << threads << " " << k;
+    for (size_t j = 0; j < 4; ++j) EXPECT_NEAR(first_importances[j], second_importances[j], 1e-14);
+    // Not re-seeded: the generators have moved on.
+    OwnedForest third(learn(data, 7, second_importances));
+    bool all_same = true;
+    for (size_t k = 0; k < 7; ++k) all_same = all_same && same_tree(first.trees[k], third.trees[k]);
+    EXPECT_FALSE(all_same);
+  }
+}
+
+TEST(LearnForest, EmptyForestAndUnrequestedImportances) {
+  const Data data = noisy_data();
+  Velmot::init_pool("", 1);
+  std::vector<double> importances{3.0, 3.0, 3.0, 3.0};
+  EXPECT_TRUE(learn(data, 0, importances).empty());
+  for (const double v : importances) EXPECT_TRUE(std::isnan(v));
+
+  std::vector<double> untouched{3.0, 3.0, 3.0, 3.0};
+  OwnedForest forest(learn(data, 2, untouched, false));
+  EXPECT_EQ(untouched, (std::vector<double>(4, 0.0)));
+}
+
+TEST(LearnForest, RefusesBadInputBeforeAnyThreadStarts) {
+  Velmot::init_pool("", 1);
+  std::vector<double> importances(4);
+  try {
+    learn(Data(4), 3, importances);
+    FAIL();
+  } catch (const Velmot::IncompatibleDataException& e) {
+    EXPECT_EQ(e.get_message(), "data set is empty");
+  }
+
+  Data bad_label = noisy_data();
+  bad_label.labels[7] = 4;
+  EXPECT_THROW(learn(bad_label, 3, importances), Velmot::IncompatibleDataException);
+
+  const Data data = noisy_data();
+  EXPECT_THROW(Velmot::learn_forest(data, 3, -1.0, 2, 0, 1, Velmot::TwoSplitGiniImpurity(), true, importances),
+               Velmot::Exception);
+  std::vector<double> too_short(2);
+  EXPECT_THROW(learn(data, 3, too_short), Velmot::Exception);
+  EXPECT_THROW(learn(data, -1, importances), std::exception);
+}
+
+TEST(LearnForest, EveryThreadWithATreeNeedsAGenerator) {
+  const Data data = noisy_data();
+  std::vector<double> importances(4);
+  ThreadCount two(2);
+
+  // A pool of one generator serves one thread only.
+  Velmot::get_pool("", 1, 5, true);
+  EXPECT_THROW(learn(data, 2, importances), Velmot::Exception);
+  OwnedForest one_tree(learn(data, 1, importances));
+  EXPECT_EQ(one_tree.trees.size(), 1u);
+
+  // Threads without a tree need no generator: 2 trees on 4 threads.
+  {
+    ThreadCount four(4);
+    Velmot::get_pool("", 2, 5, true);
+    OwnedForest forest(learn(data, 2, importances));
+    EXPECT_NE(forest.trees[1], nullptr);
+  }
+
+  // A re-seeding that failed half-way leaves empty slots.
+  const char* path = "velmot_short_seed_file.bin";
+  {
+    std::FILE* f = std::fopen(path, "wb");
+    for (int i = 0; i < 40; ++i) std::fputc(i + 1, f);
+    std::fclose(f);
+  }
+  EXPECT_THROW(Velmot::init_pool(path, 0), Velmot::Exception);
+  std::remove(path);
+  EXPECT_THROW(learn(data, 2, importances), Velmot::Exception);
+  Velmot::init_pool("", 1);
+}
+
+}  // namespace
