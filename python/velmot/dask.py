@@ -19,6 +19,7 @@ number of workers or the order in which blocks finish: a lost worker's blocks
 are learnt again by Dask and come out the same.
 """
 
+import contextlib
 import uuid
 import warnings
 from numbers import Integral
@@ -382,21 +383,24 @@ class RandomForestClassifier(LocalRandomForestClassifier):
         sizes = self._block_sizes(settings["n_threads"])
         seeds = draw_chunk_seeds(self.random_state, len(sizes))
         fit_id = uuid.uuid4().hex
+        # Every worker gets its own copy, so that losing one loses no data.
         data = client.scatter([features, np.ascontiguousarray(codes, dtype=np.int32)], broadcast=True, hash=False)
+        futures = []
         try:
-            futures = [
-                client.submit(
-                    learn_chunk,
-                    *data,
-                    n_classes=len(classes),
-                    n_trees=size,
-                    seed=int(seed),
-                    key=f"velmot-learn-block-{fit_id}-{index}",
-                    **settings,
-                )
-                for index, (size, seed) in enumerate(zip(sizes, seeds))
-            ]
-            blocks = self._gather(client, futures, sizes)
+            with _cancelled_on_failure(client, futures):
+                for index, (size, seed) in enumerate(zip(sizes, seeds)):
+                    futures.append(
+                        client.submit(
+                            learn_chunk,
+                            *data,
+                            n_classes=len(classes),
+                            n_trees=size,
+                            seed=int(seed),
+                            key=f"velmot-learn-block-{fit_id}-{index}",
+                            **settings,
+                        )
+                    )
+                blocks = self._gather(futures, sizes)
         finally:
             client.cancel(data)
         self._set_forest(classes, n_features, features.shape[0], sizes, blocks, upper_medians(X))
@@ -412,15 +416,19 @@ class RandomForestClassifier(LocalRandomForestClassifier):
         X_parts, y_parts = _delayed_partitions(X), _delayed_partitions(y)
         fit_id = uuid.uuid4().hex
 
-        summaries = self._gather(
-            client,
-            client.compute(
-                [
-                    dask.delayed(_summarize_partition)(X_part, y_part, dask_key_name=f"velmot-summarize-{fit_id}-{i}")
-                    for i, (X_part, y_part) in enumerate(zip(X_parts, y_parts))
-                ]
-            ),
-        )
+        futures = []
+        with _cancelled_on_failure(client, futures):
+            futures.extend(
+                client.compute(
+                    [
+                        dask.delayed(_summarize_partition)(
+                            X_part, y_part, dask_key_name=f"velmot-summarize-{fit_id}-{i}"
+                        )
+                        for i, (X_part, y_part) in enumerate(zip(X_parts, y_parts))
+                    ]
+                )
+            )
+            summaries = self._gather(futures)
         used = [i for i, summary in enumerate(summaries) if summary["n_samples"] > 0]
         if not used:
             raise ValueError("X has no samples; every partition is empty.")
@@ -449,7 +457,10 @@ class RandomForestClassifier(LocalRandomForestClassifier):
                     dask_key_name=f"velmot-learn-partition-{fit_id}-{rank}",
                 )
             )
-        blocks = self._gather(client, client.compute(tasks), sizes)
+        futures = []
+        with _cancelled_on_failure(client, futures):
+            futures.extend(client.compute(tasks))
+            blocks = self._gather(futures, sizes)
         medians = _combined_medians([summaries[i] for i in used], n_features)
         self._set_forest(classes, n_features, n_features + int(all_features), sizes, blocks, medians)
 
@@ -466,26 +477,19 @@ class RandomForestClassifier(LocalRandomForestClassifier):
             )
         return n_samples, n_features
 
-    def _gather(self, client, futures, sizes=None):
-        """Results of futures in their order, cancelling all of them if
-        anything (an error, KeyboardInterrupt) stops the wait."""
+    def _gather(self, futures, sizes=None):
+        """Results of futures in their order, taken as they finish; with
+        sizes, a progress bar counts the trees of finished blocks."""
         position = {future.key: index for index, future in enumerate(futures)}
         results = [None] * len(futures)
-        try:
-            with tqdm(
-                total=self.n_estimators,
-                unit="tree",
-                desc="Learning trees",
-                disable=sizes is None or self.verbose <= 0,
-            ) as progress:
-                for future, result in as_completed(futures, with_results=True):
-                    index = position[future.key]
-                    results[index] = result
-                    if sizes is not None:
-                        progress.update(sizes[index])
-        except BaseException:
-            client.cancel(futures)
-            raise
+        with tqdm(
+            total=self.n_estimators, unit="tree", desc="Learning trees", disable=sizes is None or self.verbose <= 0
+        ) as progress:
+            for future, result in as_completed(futures, with_results=True):
+                index = position[future.key]
+                results[index] = result
+                if sizes is not None:
+                    progress.update(sizes[index])
         return results
 
     def _set_forest(self, classes, n_features, n_importance_rows, sizes, blocks, missing_value_fill):
@@ -537,6 +541,17 @@ class RandomForestClassifier(LocalRandomForestClassifier):
                 return X.map_blocks(_predict_block, forest, method, drop_axis=1, meta=meta)
             return X.map_blocks(_predict_block, forest, method, chunks=(X.chunks[0], (self.n_classes_,)), meta=meta)
         return X.map_partitions(_predict_block, forest, method, meta=meta)
+
+
+@contextlib.contextmanager
+def _cancelled_on_failure(client, futures):
+    """Cancel the futures (filled in within the block) if anything, an error
+    or KeyboardInterrupt, leaves the block: no task outlives a failed fit."""
+    try:
+        yield
+    except BaseException:
+        client.cancel(futures)
+        raise
 
 
 def _clone_param(value):

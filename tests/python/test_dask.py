@@ -1,0 +1,401 @@
+"""velmot.dask on a real cluster: two worker processes on loopback, shared
+by the whole module. The forests are compared with local ones and with the
+module's own predictions, so a fault in how blocks are planned, seeded,
+shipped, encoded or combined shows up as a different forest."""
+
+import os
+import signal
+import sys
+import threading
+import time
+
+import numpy as np
+import pytest
+
+dask = pytest.importorskip("dask")
+distributed = pytest.importorskip("distributed")
+da = pytest.importorskip("dask.array")
+dd = pytest.importorskip("dask.dataframe")
+import cloudpickle  # noqa: E402  (a dependency of distributed)
+import pandas as pd  # noqa: E402
+from distributed import Client, LocalCluster  # noqa: E402
+from distributed.diagnostics.plugin import SchedulerPlugin  # noqa: E402
+from sklearn.base import clone  # noqa: E402
+
+import PyVelmot_wrap  # noqa: E402
+import velmot  # noqa: E402
+import velmot.dask  # noqa: E402
+from velmot.dask import _combined_medians  # noqa: E402
+
+# Partition generators below run on the workers, which cannot import this
+# test module; they travel by value.
+cloudpickle.register_pickle_by_value(sys.modules[__name__])
+
+WAIT_SECONDS = 30
+
+# Loopback only. Without a dashboard the scheduler still serves metrics over
+# HTTP, by default on port 8787 (with a warning when another cluster holds
+# it): a free loopback port is asked for instead.
+CLUSTER_OPTIONS = dict(
+    threads_per_worker=1,
+    host="127.0.0.1",
+    dashboard_address=None,
+    scheduler_kwargs={"dashboard_address": "127.0.0.1:0"},
+)
+
+
+@pytest.fixture(scope="module")
+def cluster():
+    with LocalCluster(n_workers=2, processes=True, **CLUSTER_OPTIONS) as local_cluster:
+        yield local_cluster
+
+
+@pytest.fixture(scope="module")
+def client(cluster):
+    with Client(cluster) as cluster_client:
+        yield cluster_client
+
+
+def noisy_data(n_samples, n_features=8, seed=0, dtype=np.float64):
+    rng = np.random.default_rng(seed)
+    X = rng.normal(size=(n_samples, n_features)).astype(dtype)
+    y = (X[:, 0] + X[:, 1] * X[:, 2] + rng.normal(size=n_samples) > 0).astype(np.int64)
+    y[X[:, 3] > 1.2] = 2
+    return X, y
+
+
+def assert_same_forest(forest, reference):
+    assert np.array_equal(forest.classes_, reference.classes_)
+    assert len(forest.trees_) == len(reference.trees_)
+    for tree, reference_tree in zip(forest.trees_, reference.trees_):
+        assert np.array_equal(tree, reference_tree, equal_nan=True)
+    assert np.array_equal(forest.feature_importances_, reference.feature_importances_)
+
+
+# Four partitions of labelled rows, each made on a worker. Feature 0 of
+# partition i lies in [i, i + 1.5) and decides the label, so partition 0 has
+# "low" and "mid", 2 has "mid" and "high", 3 only "high".
+PARTITION_ROWS = 1500
+PARTITION_FEATURES = 6
+
+
+def partition_rows(index):
+    rng = np.random.default_rng(100 + index)
+    X = rng.normal(size=(PARTITION_ROWS, PARTITION_FEATURES))
+    X[:, 0] = index + 1.5 * rng.random(PARTITION_ROWS)
+    return X
+
+
+def partition_labels(index):
+    x0 = partition_rows(index)[:, 0]
+    return np.where(x0 < 1.2, "low", np.where(x0 < 2.6, "mid", "high"))
+
+
+def partitioned_data(n_partitions=4):
+    X = da.concatenate(
+        [
+            da.from_delayed(
+                dask.delayed(partition_rows)(i), shape=(PARTITION_ROWS, PARTITION_FEATURES), dtype=np.float64
+            )
+            for i in range(n_partitions)
+        ]
+    )
+    y = da.concatenate(
+        [
+            da.from_delayed(dask.delayed(partition_labels)(i), shape=(PARTITION_ROWS,), dtype="<U4")
+            for i in range(n_partitions)
+        ]
+    )
+    return X, y
+
+
+class TaskSizes(SchedulerPlugin):
+    """Records every task's result size and, for velmot's learning tasks,
+    the sizes of the inputs they were given."""
+
+    def __init__(self, scheduler):
+        self.scheduler = scheduler
+        self.result_bytes = {}
+        self.learning_inputs = {}
+
+    def transition(self, key, start, finish, *args, **kwargs):
+        task = self.scheduler.tasks.get(key)
+        if finish != "memory" or task is None:
+            return
+        self.result_bytes[key] = task.nbytes
+        if str(key).startswith("velmot-learn"):
+            self.learning_inputs[key] = [dependency.nbytes for dependency in task.dependencies]
+
+
+# The scheduler runs in this process, on its own thread: its containers are
+# copied (list() holds the interpreter lock throughout) before being walked.
+def velmot_tasks(cluster):
+    return [key for key in list(cluster.scheduler.tasks) if str(key).startswith("velmot-")]
+
+
+def processing_keys(worker):
+    return [str(task.key) for task in list(worker.processing)]
+
+
+def wait_until(condition, what):
+    deadline = time.monotonic() + WAIT_SECONDS
+    while not condition():
+        if time.monotonic() > deadline:
+            pytest.fail(f"timed out waiting for {what}")
+        time.sleep(0.01)
+
+
+class TestScatteredFit:
+    @pytest.mark.parametrize(
+        "params, dtype",
+        [
+            ({}, np.float64),
+            ({"n_jobs": 2, "criterion": "entropy", "max_features": None}, np.float32),
+            ({"max_samples": 0.5, "max_depth": 4, "criterion": "gain_ratio"}, np.int64),
+        ],
+    )
+    def test_forest_equals_the_local_forest(self, client, params, dtype):
+        X, y = noisy_data(600)
+        X = (X * 10).astype(dtype)
+        if dtype != np.int64:
+            X[::7, 1] = np.nan
+        forest = velmot.dask.RandomForestClassifier(n_estimators=23, random_state=5, client=client, **params)
+        forest.fit(X, y)
+        local = velmot.RandomForestClassifier(n_estimators=23, random_state=5, **params).fit(X, y)
+        assert_same_forest(forest, local)
+        if local._missing_value_fill_ is None:
+            assert forest._missing_value_fill_ is None
+        else:
+            assert np.array_equal(forest._missing_value_fill_, local._missing_value_fill_)
+        assert np.array_equal(forest.predict_proba(X), local.predict_proba(X))
+
+    def test_dask_inputs_are_gathered_and_keep_feature_names(self, client):
+        X, y = noisy_data(400)
+        frame = pd.DataFrame(X, columns=[f"f{i}" for i in range(X.shape[1])])
+        labels = pd.Series(np.array(["no", "yes", "maybe"])[y])
+        forest = velmot.dask.RandomForestClassifier(n_estimators=12, random_state=1)  # the default client
+        forest.fit(dd.from_pandas(frame, npartitions=3), dd.from_pandas(labels, npartitions=3))
+        local = velmot.RandomForestClassifier(n_estimators=12, random_state=1).fit(frame, labels)
+        assert_same_forest(forest, local)
+        assert list(forest.feature_names_in_) == list(frame.columns)
+
+    def test_forest_is_the_same_on_one_worker_and_on_two(self, client):
+        X, y = noisy_data(500)
+        # One worker thread inside this process: quick to start.
+        with LocalCluster(n_workers=1, processes=False, protocol="tcp://", **CLUSTER_OPTIONS) as single:
+            with Client(single) as single_client:
+                forests = [
+                    velmot.dask.RandomForestClassifier(
+                        n_estimators=17, trees_per_block=3, random_state=9, client=each
+                    ).fit(X, y)
+                    for each in (single_client, client)
+                ]
+        assert len(forests[0].trees_) == 17
+        assert_same_forest(forests[1], forests[0])
+
+
+@pytest.fixture(scope="module")
+def fitted(client):
+    X, y = noisy_data(700, seed=3)
+    forest = velmot.dask.RandomForestClassifier(n_estimators=15, random_state=2, client=client).fit(X, y)
+    return forest, X
+
+
+class TestPrediction:
+    def test_lazy_predictions_equal_the_modules_on_the_tree_arrays(self, fitted):
+        forest, X = fitted
+        X_dask = da.from_array(X, chunks=(160, 5))
+        labels, proba = forest.predict(X_dask), forest.predict_proba(X_dask)
+        assert isinstance(labels, da.Array) and isinstance(proba, da.Array)
+
+        features = np.ascontiguousarray(X.T)
+        codes = np.empty(len(X), dtype=np.int32)
+        PyVelmot_wrap.test_di(features, forest.trees_, forest.n_classes_, codes, 1)
+        expected_proba = np.empty((len(X), forest.n_classes_))
+        PyVelmot_wrap.prob_dd(features, forest.trees_, forest.n_classes_, expected_proba, 1)
+
+        assert np.array_equal(labels.compute(), forest.classes_[codes])
+        assert np.array_equal(proba.compute(), expected_proba)
+        assert np.array_equal(forest.predict(X), forest.classes_[codes])
+        with np.errstate(divide="ignore"):
+            assert np.array_equal(forest.predict_log_proba(X_dask).compute(), np.log(expected_proba))
+
+    def test_dataframe_partitions_are_predicted_in_order(self, client):
+        X, y = noisy_data(300, seed=4)
+        frame = pd.DataFrame(X, columns=[f"f{i}" for i in range(X.shape[1])])
+        forest = velmot.dask.RandomForestClassifier(n_estimators=9, random_state=0, client=client).fit(frame, y)
+        lazy = dd.from_pandas(frame, npartitions=4)
+        assert np.array_equal(forest.predict(lazy).compute(), forest.to_local().predict(frame))
+        assert np.array_equal(forest.predict_proba(lazy).compute(), forest.to_local().predict_proba(frame))
+
+    def test_wrong_feature_count_is_refused_before_computing(self, fitted):
+        forest, X = fitted
+        with pytest.raises(ValueError, match="features"):
+            forest.predict(da.from_array(X[:, :3], chunks=100))
+
+    def test_clone_pickle_and_save_keep_the_forest(self, fitted, client, tmp_path):
+        import pickle
+
+        forest, X = fitted
+        assert clone(forest).client is client
+        restored = pickle.loads(pickle.dumps(forest))
+        assert restored.client is None
+        assert np.array_equal(restored.predict_proba(X), forest.predict_proba(X))
+        forest.save(tmp_path / "forest.npz")
+        loaded = velmot.load(tmp_path / "forest.npz")
+        assert type(loaded) is velmot.RandomForestClassifier
+        assert np.array_equal(loaded.predict_proba(X), forest.predict_proba(X))
+
+
+class TestPartitionWise:
+    def test_no_worker_is_given_the_whole_array(self, cluster, client):
+        X, y = partitioned_data()
+        sizes = TaskSizes(cluster.scheduler)
+        cluster.scheduler.add_plugin(sizes, name="velmot-task-sizes")
+        try:
+            velmot.dask.RandomForestClassifier(
+                n_estimators=8, partition_wise=True, random_state=0, client=client
+            ).fit(X, y)
+        finally:
+            cluster.scheduler.remove_plugin(name="velmot-task-sizes")
+        whole_array = PARTITION_ROWS * 4 * PARTITION_FEATURES * 8
+        one_partition = whole_array // 4 + PARTITION_ROWS * 4 * 4  # its rows and their labels
+        assert len(sizes.learning_inputs) == 4
+        for inputs in sizes.learning_inputs.values():
+            assert sum(inputs) <= one_partition * 1.1
+        assert max(sizes.result_bytes.values()) < whole_array / 2
+
+    def test_labels_are_encoded_over_all_partitions(self, client):
+        X, y = partitioned_data()
+        forest = velmot.dask.RandomForestClassifier(
+            n_estimators=8, partition_wise=True, max_features=None, random_state=0, client=client
+        ).fit(X, y)
+        assert list(forest.classes_) == ["high", "low", "mid"]
+        # Two trees per partition, in partition order; each pair must have
+        # learnt its own partition's labels under the global codes.
+        for index in range(4):
+            sub_forest = forest.to_local()
+            sub_forest.trees_ = forest.trees_[2 * index : 2 * index + 2]
+            rows, labels = partition_rows(index), partition_labels(index)
+            assert np.mean(sub_forest.predict(rows) == labels) > 0.95
+            leaf_codes = {int(code) for tree in sub_forest.trees_ for code in tree[4][tree[2] == -1]}
+            assert leaf_codes <= set(np.searchsorted(forest.classes_, np.unique(labels)))
+        assert forest.predict_proba(partition_rows(3)).shape == (PARTITION_ROWS, 3)
+
+    def test_forest_is_reproducible_and_shares_trees_evenly(self, client):
+        X, y = partitioned_data(n_partitions=3)
+        frame = dd.from_dask_array(X, columns=[f"c{i}" for i in range(PARTITION_FEATURES)])
+        labels = dd.from_dask_array(y)
+        params = dict(n_estimators=7, partition_wise=True, random_state=4, client=client)
+        from_array = velmot.dask.RandomForestClassifier(**params).fit(X, y)
+        from_frame = velmot.dask.RandomForestClassifier(**params).fit(frame, labels)
+        assert_same_forest(from_frame, from_array)
+        assert list(from_frame.feature_names_in_) == list(frame.columns)
+        # 3 + 2 + 2 trees: trees 3 and 4 come from partition 1, which has no
+        # "high"; partition 2, which has, would leave some in tree 4.
+        high = list(from_array.classes_).index("high")
+        assert all(high not in tree[4][tree[2] == -1] for tree in from_array.trees_[3:5])
+        assert any(high in tree[4][tree[2] == -1] for tree in from_array.trees_[5:])
+
+    def test_missing_values_are_filled_by_the_weighted_median_of_medians(self):
+        summaries = [
+            {"medians": np.array([1.0, 7.0]), "present": np.array([10, 0])},
+            {"medians": np.array([5.0, 8.0]), "present": np.array([1, 4])},
+            {"medians": np.array([3.0, 9.0]), "present": np.array([10, 5])},
+            {"medians": None, "present": None},  # an integer partition
+        ]
+        assert np.array_equal(_combined_medians(summaries, 2), [3.0, 9.0])
+
+    def test_bad_partitioning_is_refused(self, client):
+        X, y = partitioned_data()
+        forest = velmot.dask.RandomForestClassifier(n_estimators=3, partition_wise=True, client=client)
+        with pytest.raises(ValueError, match="less than the 4 non-empty partitions"):
+            forest.fit(X, y)
+        with pytest.raises(ValueError, match="partition 0 of X"):
+            forest.set_params(n_estimators=4, max_samples=PARTITION_ROWS + 1).fit(X, y)
+        with pytest.raises(ValueError, match="4 partitions but y has 2"):
+            forest.set_params(max_samples=None).fit(dd.from_dask_array(X), dd.from_dask_array(y.rechunk(3000)))
+        with pytest.raises(ValueError, match="pass a Dask collection"):
+            forest.fit(np.zeros((10, 2)), np.zeros(10))
+
+
+@pytest.fixture(scope="module")
+def slow_data():
+    return noisy_data(8000, n_features=10, seed=7)
+
+
+def test_fit_without_a_client_says_how_to_get_one(monkeypatch):
+    def no_client():
+        raise ValueError("No clients found")
+
+    monkeypatch.setattr(velmot.dask, "default_client", no_client)
+    with pytest.raises(ValueError, match="distributed.Client"):
+        velmot.dask.RandomForestClassifier().fit(np.zeros((4, 2)), [0, 1, 0, 1])
+
+
+class TestFailures:
+    """A worker killed mid-fit, and a fit interrupted by the user. Blocks
+    take a fraction of a second here, so that both land mid-fit."""
+
+    N_TREES = 30
+
+    def test_killed_worker_does_not_change_the_forest(self, cluster, client, slow_data):
+        X, y = slow_data
+        pids = client.run(os.getpid)
+        killed = []
+
+        def kill_a_busy_worker():
+            deadline = time.monotonic() + WAIT_SECONDS
+            while time.monotonic() < deadline and not killed:
+                for address, worker in list(cluster.scheduler.workers.items()):
+                    if any(key.startswith("velmot-learn") for key in processing_keys(worker)):
+                        os.kill(pids[address], signal.SIGKILL)
+                        killed.append(address)
+                        return
+                time.sleep(0.01)
+
+        killer = threading.Thread(target=kill_a_busy_worker)
+        killer.start()
+        try:
+            forest = velmot.dask.RandomForestClassifier(
+                n_estimators=self.N_TREES, random_state=11, client=client
+            ).fit(X, y)
+        finally:
+            killer.join()
+            client.wait_for_workers(2, timeout=WAIT_SECONDS)
+        assert killed
+        local = velmot.RandomForestClassifier(n_estimators=self.N_TREES, random_state=11).fit(X, y)
+        assert_same_forest(forest, local)
+
+    def test_interrupted_fit_leaves_no_tasks_behind(self, cluster, client, slow_data):
+        X, y = slow_data
+        fitting = threading.Event()
+
+        def interrupt(signum, frame):
+            if fitting.is_set():
+                raise KeyboardInterrupt
+
+        def interrupt_once_learning():
+            deadline = time.monotonic() + WAIT_SECONDS
+            while time.monotonic() < deadline and fitting.is_set():
+                if any(key.startswith("velmot-learn") for key in map(str, velmot_tasks(cluster))):
+                    os.kill(os.getpid(), signal.SIGINT)
+                    return
+                time.sleep(0.01)
+
+        previous = signal.signal(signal.SIGINT, interrupt)
+        interrupter = threading.Thread(target=interrupt_once_learning)
+        try:
+            fitting.set()
+            interrupter.start()
+            with pytest.raises(KeyboardInterrupt):
+                velmot.dask.RandomForestClassifier(n_estimators=self.N_TREES, random_state=0, client=client).fit(X, y)
+        finally:
+            fitting.clear()
+            interrupter.join()
+            signal.signal(signal.SIGINT, previous)
+        wait_until(lambda: not velmot_tasks(cluster), "the cancelled blocks to leave the scheduler")
+        wait_until(
+            lambda: not any(processing_keys(worker) for worker in list(cluster.scheduler.workers.values())),
+            "the workers to finish",
+        )
