@@ -325,9 +325,7 @@ class RandomForestClassifier(LocalRandomForestClassifier):
 
     def __getstate__(self):
         # A Client cannot be pickled; an unpickled estimator uses the default one.
-        state = super().__getstate__()
-        state["client"] = None
-        return state
+        return dict(super().__getstate__(), client=None)
 
     # -- learning ---------------------------------------------------------
 
@@ -369,7 +367,7 @@ class RandomForestClassifier(LocalRandomForestClassifier):
         ]
 
     def _fit_scattered(self, client, X, y):
-        X, y = (client.compute(v).result() if dask.is_dask_collection(v) else v for v in (X, y))
+        X, y = _computed(client, X, y)
         X, y = validate_data(self, X, y, dtype="numeric", ensure_all_finite="allow-nan")
         check_classification_targets(y)
         n_samples, n_features = X.shape
@@ -444,7 +442,7 @@ class RandomForestClassifier(LocalRandomForestClassifier):
         seeds = draw_chunk_seeds(self.random_state, len(used))
         tasks = []
         for rank, (i, size, seed) in enumerate(zip(used, sizes, seeds)):
-            settings, _ = self._learning_settings(*self._partition_shape(summaries[i], i, n_features))
+            settings, _ = self._learning_settings(self._checked_partition_size(summaries[i], i), n_features)
             tasks.append(
                 dask.delayed(_learn_partition)(
                     X_parts[i],
@@ -464,7 +462,7 @@ class RandomForestClassifier(LocalRandomForestClassifier):
         medians = _combined_medians([summaries[i] for i in used], n_features)
         self._set_forest(classes, n_features, n_features + int(all_features), sizes, blocks, medians)
 
-    def _partition_shape(self, summary, index, n_features):
+    def _checked_partition_size(self, summary, index):
         n_samples = summary["n_samples"]
         if n_samples > MAX_SAMPLES:
             raise ValueError(
@@ -475,7 +473,7 @@ class RandomForestClassifier(LocalRandomForestClassifier):
                 f"max_samples={self.max_samples} is more than the {n_samples} samples of partition {index} of X; "
                 "partition-wise, each tree samples from one partition: pass at most its size, or a fraction."
             )
-        return n_samples, n_features
+        return n_samples
 
     def _gather(self, futures, sizes=None):
         """Results of futures in their order, taken as they finish; with
@@ -554,6 +552,17 @@ def _cancelled_on_failure(client, futures):
         raise
 
 
+def _computed(client, *values):
+    """values with each Dask collection among them computed, all at once so
+    that collections sharing a source read it once."""
+    lazy = [value for value in values if dask.is_dask_collection(value)]
+    futures = []
+    with _cancelled_on_failure(client, futures):
+        futures.extend(client.compute(lazy))
+        results = iter(client.gather(futures))
+    return [next(results) if dask.is_dask_collection(value) else value for value in values]
+
+
 def _clone_param(value):
     from sklearn.base import clone
 
@@ -599,7 +608,7 @@ def _aligned_partitions(X, y):
         if y.chunks[0] != X.chunks[0]:
             y = y.rechunk({0: X.chunks[0]})
 
-    if y.ndim == 2 and (y.shape[1] == 1 or _is_dask_dataframe(y) and len(y.columns) == 1):
+    if y.ndim == 2 and y.shape[1] == 1:
         warnings.warn(
             "A column-vector y was passed when a 1d array was expected. Please change the shape of y to "
             "(n_samples,), for example using ravel().",

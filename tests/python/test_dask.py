@@ -239,7 +239,7 @@ class TestPrediction:
         forest, X = fitted
         assert clone(forest).client is client
         restored = pickle.loads(pickle.dumps(forest))
-        assert restored.client is None
+        assert restored.client is None and forest.client is client
         assert np.array_equal(restored.predict_proba(X), forest.predict_proba(X))
         forest.save(tmp_path / "forest.npz")
         loaded = velmot.load(tmp_path / "forest.npz")
@@ -317,6 +317,9 @@ class TestPartitionWise:
             forest.set_params(max_samples=None).fit(dd.from_dask_array(X), dd.from_dask_array(y.rechunk(3000)))
         with pytest.raises(ValueError, match="pass a Dask collection"):
             forest.fit(np.zeros((10, 2)), np.zeros(10))
+        # Checked on the worker that holds the partition, raised here.
+        with pytest.raises(ValueError, match="infinity"):
+            forest.fit(da.where(X > 4.4, np.inf, X), y)
 
 
 @pytest.fixture(scope="module")
