@@ -5,6 +5,7 @@
 
 #include "velmot/dataset/dataset.h"
 #include "velmot/dataset/index_dataset.h"
+#include "velmot/defs/random.h"
 
 namespace {
 
@@ -160,6 +161,43 @@ TEST(RangeDataSet, ViewsItsSliceAndTestsHomogeneity) {
   range.sort_buffered_feature(0);
   EXPECT_EQ(range.get_buffered_feature_label(3).first, 5.0);
   EXPECT_EQ(range.partition(0, 5.0), 3u);
+}
+
+// The rank sort used by the forest and the value sort give the same buffer:
+// ascending values, equal values in buffer order. Sizes cover the small,
+// counting, 8-bit and 11-bit radix paths.
+TEST(IndexedDataSet, RankSortMatchesTheValueSort) {
+  for (const size_t n : {5u, 100u, 1500u, 6000u}) {
+    for (const int distinct : {3, 100000}) {
+      Velmot::MemoryDataSet<double, int> data(1);
+      data.nc = 3;
+      Velmot::XorShiftRNG gen(Velmot::XorShiftState{1, 2, 3, static_cast<int64_t>(n)});
+      for (size_t i = 0; i < 20000; ++i) {
+        data.features[0].push_back(static_cast<double>(gen.next_int(distinct)) * 0.25 - 7);
+        data.labels.push_back(static_cast<int>(gen.next_int(3)));
+      }
+      const Velmot::FeatureRanks<double> ranks(data);
+      Velmot::IndexedDataSet<Velmot::MemoryDataSet<double, int>> by_value(&data);
+      for (size_t i = 0; i < n + 10; ++i) by_value.add_index(static_cast<uint64_t>(gen.next_int(20000)));
+      auto by_rank = by_value;
+      by_rank.ranks = &ranks;
+      ASSERT_TRUE(by_rank.buffer_sorted_feature_unless_constant(0, 10, n + 10));
+      by_value.buffer_feature(0, 10, n + 10);
+      by_value.sort_buffered_feature(0, 10, n + 10);
+      for (size_t p = 10; p < n + 10; ++p) {
+        ASSERT_EQ(by_rank.get_buffered_feature_label(p), by_value.get_buffered_feature_label(p)) << n << " " << p;
+      }
+    }
+  }
+  // Constant on the range: refused, whichever way.
+  const auto data = one_feature<double, int>({2, 2, 2, 5}, {0, 1, 0, 1});
+  const Velmot::FeatureRanks<double> ranks(data);
+  auto indexed = all_of(data);
+  indexed.ranks = &ranks;
+  EXPECT_FALSE(indexed.buffer_sorted_feature_unless_constant(0, 0, 3));
+  EXPECT_TRUE(indexed.buffer_sorted_feature_unless_constant(0, 0, 4));
+  indexed.ranks = nullptr;
+  EXPECT_FALSE(indexed.buffer_sorted_feature_unless_constant(0, 0, 3));
 }
 
 }  // namespace

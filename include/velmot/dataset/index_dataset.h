@@ -15,10 +15,13 @@
 // get_labeling, get_label(i) and column(j) (a pointer to feature j's values).
 
 #include <cstdint>
+#include <algorithm>
 #include <limits>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
+#include "velmot/dataset/feature_ranks.h"
 #include "velmot/defs/exception.h"
 #include "velmot/defs/labeling.h"
 #include "velmot/defs/sort.h"
@@ -64,6 +67,52 @@ public:
                     FeatureLabelLessThan<pair_type>());
   }
 
+  // Whether all instances at [begin, end) share one value of the feature.
+  bool is_homogeneous(size_t feature_index, size_t begin, size_t end) const {
+    if (end - begin <= 1) return true;
+    const feature_type* column = dataset->column(feature_index);
+    const feature_type first = column[indices[begin]];
+    for (size_t p = begin + 1; p < end; ++p) {
+      if (!(column[indices[p]] == first)) return false;
+    }
+    return true;
+  }
+
+  // The grower's step: unless the feature is constant on [begin, end)
+  // (then false, buffer unspecified), leaves the buffer as buffer_feature
+  // followed by sort_buffered_feature would. With ranks for the feature,
+  // one gather serves both the constancy test and a sort of small integers.
+  bool buffer_sorted_feature_unless_constant(size_t feature_index, size_t begin, size_t end) {
+    if constexpr (std::is_floating_point<feature_type>::value) {
+      if (ranks != nullptr && ranks->has_ranks(feature_index)) {
+        const size_t n = end - begin;
+        if (n <= 1) return false;
+        buffered_feature_index = feature_index;
+        if (feature_label_buffer.size() != indices.size()) feature_label_buffer.resize(indices.size());
+        rank_sort.prepare(n);
+        const uint32_t* rank_of = ranks->ranks(feature_index);
+        uint32_t* key = rank_sort.key.data();
+        label_type* label = rank_sort.label.data();
+        uint32_t rmin = rank_of[indices[begin]], rmax = rmin;
+        for (size_t i = 0; i < n; ++i) {
+          const uint64_t instance = indices[begin + i];
+          const uint32_t r = rank_of[instance];
+          key[i] = r;
+          label[i] = dataset->get_label(instance);
+          rmin = std::min(rmin, r);
+          rmax = std::max(rmax, r);
+        }
+        if (rmin == rmax) return false;
+        rank_sort.sort(n, rmin, rmax, ranks->values(feature_index), feature_label_buffer.data() + begin);
+        return true;
+      }
+    }
+    if (is_homogeneous(feature_index, begin, end)) return false;
+    buffer_feature(feature_index, begin, end);
+    sort_buffered_feature(feature_index, begin, end);
+    return true;
+  }
+
   // Moves the instances whose value is below the threshold (compared in the
   // feature type) to the front of [begin, end) and returns their number.
   // Equal and not-a-number values go to the back, as in prediction.
@@ -98,6 +147,9 @@ public:
   std::vector<pair_type> feature_label_buffer;
   uint64_t buffered_feature_index = std::numeric_limits<uint64_t>::max();
   FlexiSort<feature_type, label_type> flexi_sort;
+  // Optional ranks of the data set's features (not owned), and their sort.
+  const FeatureRanks<feature_type>* ranks = nullptr;
+  RankSort<feature_type, label_type> rank_sort;
 };
 
 template <class I>
@@ -134,15 +186,9 @@ public:
 
   // Whether all instances of the range share one value of the feature; a
   // not-a-number value never equals the first.
-  bool is_homogeneous(size_t feature_index) const {
-    if (end_i - begin_i <= 1) return true;
-    const feature_type* column = dataset->get_dataset()->column(feature_index);
-    const uint64_t* index = dataset->indices.data();
-    const feature_type first = column[index[begin_i]];
-    for (size_t p = begin_i + 1; p < end_i; ++p) {
-      if (!(column[index[p]] == first)) return false;
-    }
-    return true;
+  bool is_homogeneous(size_t feature_index) const { return dataset->is_homogeneous(feature_index, begin_i, end_i); }
+  bool buffer_sorted_feature_unless_constant(size_t feature_index) {
+    return dataset->buffer_sorted_feature_unless_constant(feature_index, begin_i, end_i);
   }
 
   int get_parent_index(size_t i) const { return static_cast<int>(begin_i + i); }

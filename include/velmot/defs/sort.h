@@ -22,6 +22,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <cstdint>
 #include <limits>
 #include <type_traits>
@@ -161,16 +162,168 @@ private:
   }
 };
 
-// The comparison sort, for floating-point features.
+// The comparison sort's contract (ascending values, equal values in any
+// order) for floating-point features, met by a stable sort: a least-
+// significant-digit radix sort on the values' bit patterns for ranges large
+// enough to repay it, skipping byte positions on which every key agrees, and
+// a stable comparison sort below. Being stable, it orders exactly as the
+// rank sort (RankSort) does, so a tree does not depend on which of the two
+// its nodes used. The scratch buffers are reused across nodes.
 template <class F, class L>
 class ComparisonFlexiSort {
+  static_assert(std::is_floating_point<F>::value, "radix keys are made from float or double bits");
+
 public:
+  typedef std::pair<F, L> pair_type;
+  typedef typename std::conditional<sizeof(F) == 8, uint64_t, uint32_t>::type key_type;
+
   void resize(int, int) {}
 
   template <class Iterator, class Less>
   void sort(size_t /*feature_index*/, Iterator first, Iterator last, const Less& /*less*/) {
-    sort_detail::comparison_sort(first, last);
+    // NaN values (never present after imputation) go to the end unsorted.
+    last = std::partition(first, last, [](const pair_type& p) { return p.first == p.first; });
+    const size_t n = static_cast<size_t>(last - first);
+    if (n < radix_threshold) {
+      std::stable_sort(first, last, FeatureLabelLessThan<pair_type>());
+      return;
+    }
+    radix_sort(&*first, n);
   }
+
+  // Ascending unsigned keys in the order of the values: flip every bit of a
+  // negative value, only the sign bit of a positive one (-0 sorts just
+  // before +0, which compare equal anyway).
+  static key_type key_of(F value) {
+    key_type bits;
+    std::memcpy(&bits, &value, sizeof bits);
+    const key_type sign = key_type(1) << (8 * sizeof(key_type) - 1);
+    return (bits & sign) ? ~bits : (bits | sign);
+  }
+
+private:
+  static constexpr size_t radix_threshold = 256;
+  static constexpr size_t num_digits = sizeof(key_type);
+
+  void radix_sort(pair_type* data, size_t n) {
+    if (scratch.size() < n) scratch.resize(std::max(n, 2 * scratch.size()));
+    if (keys.size() < 2 * n) keys.resize(std::max(2 * n, 2 * keys.size()));
+    key_type* key = keys.data();
+    key_type* key_out = keys.data() + n;
+    std::fill(&histogram[0][0], &histogram[0][0] + num_digits * 256, 0u);
+    for (size_t i = 0; i < n; ++i) {
+      const key_type k = key_of(data[i].first);
+      key[i] = k;
+      for (size_t d = 0; d < num_digits; ++d) ++histogram[d][(k >> (8 * d)) & 0xFF];
+    }
+    pair_type* in = data;
+    pair_type* out = scratch.data();
+    for (size_t d = 0; d < num_digits; ++d) {
+      uint32_t* count = histogram[d];
+      const key_type first_digit = (key[0] >> (8 * d)) & 0xFF;
+      if (count[first_digit] == n) continue;  // every key agrees here
+      uint32_t offset = 0;
+      for (size_t b = 0; b < 256; ++b) {
+        const uint32_t c = count[b];
+        count[b] = offset;
+        offset += c;
+      }
+      for (size_t i = 0; i < n; ++i) {
+        const uint32_t to = count[(key[i] >> (8 * d)) & 0xFF]++;
+        out[to] = in[i];
+        key_out[to] = key[i];
+      }
+      std::swap(in, out);
+      std::swap(key, key_out);
+    }
+    if (in != data) std::copy(in, in + n, data);
+  }
+
+  std::vector<pair_type> scratch;
+  std::vector<key_type> keys;
+  uint32_t histogram[num_digits][256];
+};
+
+// Sorts a node's (rank, label) pairs of one feature, stably by rank, and
+// writes them out as (value of the rank, label): a counting sort when the
+// node's rank range is within a few times its size, a radix sort of the
+// ranks (relative to the smallest) otherwise, with 8- or 11-bit digits by
+// size, and a stable comparison sort for small nodes. The caller fills
+// key[0..n) and label[0..n) through prepare().
+template <class F, class L>
+class RankSort {
+public:
+  typedef std::pair<F, L> pair_type;
+
+  void prepare(size_t n) {
+    if (key.size() < n) {
+      const size_t size = std::max(n, 2 * key.size());
+      key.resize(size);
+      key_scratch.resize(size);
+      label.resize(size);
+      label_scratch.resize(size);
+    }
+  }
+
+  void sort(size_t n, uint32_t rmin, uint32_t rmax, const F* value_of_rank, pair_type* out) {
+    if (n < small_size) {
+      for (size_t i = 0; i < n; ++i) out[i] = pair_type(value_of_rank[key[i]], label[i]);
+      std::stable_sort(out, out + n, FeatureLabelLessThan<pair_type>());
+      return;
+    }
+    const uint32_t span = rmax - rmin;
+    if (span < 4 * n) {
+      count.assign(static_cast<size_t>(span) + 2, 0);
+      for (size_t i = 0; i < n; ++i) ++count[key[i] - rmin + 1];
+      for (size_t b = 1; b < count.size(); ++b) count[b] += count[b - 1];
+      for (size_t i = 0; i < n; ++i) out[count[key[i] - rmin]++] = pair_type(value_of_rank[key[i]], label[i]);
+      return;
+    }
+    const int digit_bits = n < 2048 ? 8 : 11;
+    const uint32_t mask = (1u << digit_bits) - 1;
+    int bits = 0;
+    while (bits < 32 && (span >> bits) != 0) ++bits;
+    const int passes = (bits + digit_bits - 1) / digit_bits;
+    uint32_t* k_in = key.data();
+    uint32_t* k_out = key_scratch.data();
+    L* l_in = label.data();
+    L* l_out = label_scratch.data();
+    for (size_t i = 0; i < n; ++i) k_in[i] -= rmin;
+    for (int pass = 0; pass < passes; ++pass) {
+      const int shift = pass * digit_bits;
+      count.assign(static_cast<size_t>(mask) + 1, 0);
+      for (size_t i = 0; i < n; ++i) ++count[(k_in[i] >> shift) & mask];
+      uint32_t offset = 0;
+      for (uint32_t& c : count) {
+        const uint32_t here = c;
+        c = offset;
+        offset += here;
+      }
+      if (pass + 1 == passes) {
+        for (size_t i = 0; i < n; ++i) {
+          out[count[(k_in[i] >> shift) & mask]++] = pair_type(value_of_rank[k_in[i] + rmin], l_in[i]);
+        }
+      } else {
+        for (size_t i = 0; i < n; ++i) {
+          const uint32_t to = count[(k_in[i] >> shift) & mask]++;
+          k_out[to] = k_in[i];
+          l_out[to] = l_in[i];
+        }
+        std::swap(k_in, k_out);
+        std::swap(l_in, l_out);
+      }
+    }
+  }
+
+  std::vector<uint32_t> key;
+  std::vector<L> label;
+
+private:
+  static constexpr size_t small_size = 64;
+
+  std::vector<uint32_t> key_scratch;
+  std::vector<L> label_scratch;
+  std::vector<uint32_t> count;
 };
 
 template <class F, class L>

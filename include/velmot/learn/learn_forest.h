@@ -26,6 +26,7 @@
 #include <type_traits>
 #include <vector>
 
+#include "velmot/dataset/feature_ranks.h"
 #include "velmot/dataset/index_dataset.h"
 #include "velmot/defs/exception.h"
 #include "velmot/defs/random.h"
@@ -108,6 +109,13 @@ std::vector<Node<typename D::label_type>*> learn_forest(const D& data, int fores
   learn_forest_detail::check_forest_input(data, forest_size, sample_prop, num_importances,
                                           compute_feature_importances);
 
+  // Ranks of the floating-point features, shared by all trees: nodes then
+  // sort small integers instead of values (same order, same trees).
+  FeatureRanks<typename D::feature_type> ranks;
+  if constexpr (std::is_floating_point<typename D::feature_type>::value) {
+    if (forest_size > 0) ranks = FeatureRanks<typename D::feature_type>(data);
+  }
+
   // Failures inside the region (only allocation failures can remain) are
   // carried out of it instead of ending the process.
   std::exception_ptr failure;
@@ -124,7 +132,8 @@ std::vector<Node<typename D::label_type>*> learn_forest(const D& data, int fores
     for (int64_t k = first; k < last && !failed; ++k) {
       try {
         XorShiftRNG& rng = thread_generator();
-        const IndexedDataSet<D> sample = random_subset_iid(&data, sample_prop, rng);
+        IndexedDataSet<D> sample = random_subset_iid(&data, sample_prop, rng);
+        sample.ranks = &ranks;
         if (compute_feature_importances) std::fill(tree_importances.begin(), tree_importances.end(), 0.0);
         retval[static_cast<size_t>(k)] = learn_tree(sample, fte_per_split, max_depth, min_leaf_size, criteria,
                                                     compute_feature_importances, tree_importances);

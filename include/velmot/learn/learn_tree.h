@@ -110,9 +110,8 @@ Tracker<NodeResult<typename I::feature_type>, std::less<double>> search_features
       fte = kk;
     }
     drawn.insert(fte);
-    if (n < 2 || range.is_homogeneous(static_cast<size_t>(fte))) continue;
-    range.buffer_feature(static_cast<size_t>(fte));
-    range.sort_buffered_feature(static_cast<size_t>(fte));
+    // A constant feature is skipped and not counted.
+    if (n < 2 || !range.buffer_sorted_feature_unless_constant(static_cast<size_t>(fte))) continue;
     const auto best_for_feature = learn_tree_node(random, range, counts, fte, criteria);
     best_over_features.try_candidate_break_ties(best_for_feature.get_maximum(), best_for_feature.get_maximizer(),
                                                 random);

@@ -1,0 +1,70 @@
+#ifndef VELMOT_DATASET_FEATURE_RANKS_H
+#define VELMOT_DATASET_FEATURE_RANKS_H
+
+// FeatureRanks: for each floating-point feature of a data set, the dense
+// rank of every instance's value (0 for the smallest distinct value) and the
+// value of each rank. Made once per forest and shared read-only by all
+// trees, it lets a node sort small integer ranks instead of floating-point
+// values, with a counting or two-pass radix sort; the ranks order exactly as
+// the values do, so the sorted pairs are those a comparison sort gives.
+//
+// A feature holding a not-a-number value gets no ranks (has_ranks false):
+// NaN has no place in an order, and its nodes use the value sort instead.
+
+#include <omp.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <numeric>
+#include <vector>
+
+namespace Velmot {
+
+template <class F>
+class FeatureRanks {
+public:
+  FeatureRanks() = default;
+
+  // D offers get_num_features(), get_num_instances() and column(j).
+  template <class D>
+  explicit FeatureRanks(const D& data)
+      : rank(data.get_num_features()), value_of_rank(data.get_num_features()),
+        ranked(data.get_num_features(), 0) {
+    const int64_t nf = static_cast<int64_t>(data.get_num_features());
+    const size_t ni = data.get_num_instances();
+    // Allocate up front: nothing in the parallel loop may throw.
+    for (auto& column : rank) column.resize(ni);
+    for (auto& values : value_of_rank) values.reserve(ni);
+    std::vector<std::vector<uint32_t>> orders(static_cast<size_t>(std::max(1, omp_get_max_threads())),
+                                              std::vector<uint32_t>(ni));
+#pragma omp parallel for schedule(dynamic, 1)
+    for (int64_t j = 0; j < nf; ++j) {
+      const F* column = data.column(static_cast<size_t>(j));
+      if (std::any_of(column, column + ni, [](F v) { return !(v == v); })) continue;
+      std::vector<uint32_t>& order = orders[static_cast<size_t>(omp_get_thread_num()) % orders.size()];
+      std::iota(order.begin(), order.end(), 0u);
+      std::sort(order.begin(), order.end(), [column](uint32_t a, uint32_t b) { return column[a] < column[b]; });
+      std::vector<uint32_t>& ranks = rank[static_cast<size_t>(j)];
+      std::vector<F>& values = value_of_rank[static_cast<size_t>(j)];
+      for (size_t k = 0; k < ni; ++k) {
+        const F v = column[order[k]];
+        if (values.empty() || values.back() != v) values.push_back(v);
+        ranks[order[k]] = static_cast<uint32_t>(values.size() - 1);
+      }
+      ranked[static_cast<size_t>(j)] = 1;
+    }
+  }
+
+  bool has_ranks(size_t feature) const { return feature < ranked.size() && ranked[feature] != 0; }
+  const uint32_t* ranks(size_t feature) const { return rank[feature].data(); }
+  const F* values(size_t feature) const { return value_of_rank[feature].data(); }
+
+private:
+  std::vector<std::vector<uint32_t>> rank;
+  std::vector<std::vector<F>> value_of_rank;
+  std::vector<char> ranked;
+};
+
+}  // namespace Velmot
+
+#endif
