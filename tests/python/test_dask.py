@@ -25,6 +25,7 @@ from sklearn.base import clone  # noqa: E402
 import PyVelmot_wrap  # noqa: E402
 import velmot  # noqa: E402
 import velmot.dask  # noqa: E402
+from velmot._learning import plan_chunks  # noqa: E402
 from velmot.dask import _combined_medians  # noqa: E402
 
 # Partition generators below run on the workers, which cannot import this
@@ -370,18 +371,25 @@ class TestFailures:
         local = velmot.RandomForestClassifier(n_estimators=self.N_TREES, random_state=11).fit(X, y)
         assert_same_forest(forest, local)
 
-    def test_interrupted_fit_leaves_no_tasks_behind(self, cluster, client, slow_data):
+    @pytest.mark.parametrize("partition_wise", [False, True])
+    def test_interrupted_fit_leaves_no_tasks_behind(self, cluster, client, slow_data, partition_wise):
         X, y = slow_data
+        if partition_wise:
+            X, y = da.from_array(X, chunks=(2000, -1)), da.from_array(y, chunks=2000)
         fitting = threading.Event()
 
         def interrupt(signum, frame):
             if fitting.is_set():
                 raise KeyboardInterrupt
 
+        # Once every block is submitted, so that the interrupt meets the
+        # wait for results rather than the client's own bookkeeping.
+        n_blocks = X.numblocks[0] if partition_wise else len(plan_chunks(self.N_TREES, 1))
+
         def interrupt_once_learning():
             deadline = time.monotonic() + WAIT_SECONDS
             while time.monotonic() < deadline and fitting.is_set():
-                if any(key.startswith("velmot-learn") for key in map(str, velmot_tasks(cluster))):
+                if sum(str(key).startswith("velmot-learn") for key in velmot_tasks(cluster)) == n_blocks:
                     os.kill(os.getpid(), signal.SIGINT)
                     return
                 time.sleep(0.01)
@@ -391,12 +399,16 @@ class TestFailures:
         try:
             fitting.set()
             interrupter.start()
-            with pytest.raises(KeyboardInterrupt):
-                velmot.dask.RandomForestClassifier(n_estimators=self.N_TREES, random_state=0, client=client).fit(X, y)
+            with pytest.raises(KeyboardInterrupt) as interrupted:
+                velmot.dask.RandomForestClassifier(
+                    n_estimators=self.N_TREES, partition_wise=partition_wise, random_state=0, client=client
+                ).fit(X, y)
         finally:
             fitting.clear()
             interrupter.join()
             signal.signal(signal.SIGINT, previous)
+        # The traceback still holds fit's futures: only cancelling frees them.
+        assert interrupted.traceback
         wait_until(lambda: not velmot_tasks(cluster), "the cancelled blocks to leave the scheduler")
         wait_until(
             lambda: not any(processing_keys(worker) for worker in list(cluster.scheduler.workers.values())),
