@@ -28,6 +28,7 @@ import dask
 import dask.array as da
 import numpy as np
 from distributed import Client, as_completed, default_client
+from sklearn.base import clone
 from sklearn.exceptions import DataConversionWarning
 from sklearn.utils._param_validation import Interval
 from sklearn.utils.multiclass import check_classification_targets
@@ -318,7 +319,7 @@ class RandomForestClassifier(LocalRandomForestClassifier):
     def __sklearn_clone__(self):
         # A Client cannot be deep-copied; the clone shares it.
         params = {
-            name: value if name == "client" else _clone_param(value)
+            name: value if name == "client" else clone(value, safe=False)
             for name, value in self.get_params(deep=False).items()
         }
         return type(self)(**params)
@@ -561,12 +562,6 @@ def _computed(client, *values):
         futures.extend(client.compute(lazy))
         results = iter(client.gather(futures))
     return [next(results) if dask.is_dask_collection(value) else value for value in values]
-
-
-def _clone_param(value):
-    from sklearn.base import clone
-
-    return clone(value, safe=False)
 
 
 def _is_dask_dataframe(X):
