@@ -26,7 +26,6 @@ import hashlib
 
 import numpy as np
 import pytest
-
 import PyVelmot_wrap as wrap
 
 SEED = 20261122
@@ -105,9 +104,7 @@ def forest_digest(group, learner, n_threads):
     X, classes = DATA[group](learner.split("_")[1][0])
     y = labels_for(learner, classes)
     wrap.set_seed(SEED)
-    trees, importances = getattr(wrap, learner)(
-        X.T, y, N_CLASSES, N_TREES, 1.0, FEATURES_PER_SPLIT, 0, n_threads, 0
-    )
+    trees, importances = getattr(wrap, learner)(X.T, y, N_CLASSES, N_TREES, 1.0, FEATURES_PER_SPLIT, 0, n_threads, 0)
     assert importances is None and len(trees) == N_TREES
     digest = hashlib.sha256()
     for tree in trees:
@@ -227,14 +224,14 @@ def test_forests_with_tied_values_change_only_with_the_comparison_sort(learner, 
 
 def test_the_data_really_splits():
     # Digests of single-leaf forests would pin nothing down.
-    for group in DATA:
+    for make_data in DATA.values():
         for letter in FEATURE_TYPES:
-            X, classes = DATA[group](letter)
+            X, classes = make_data(letter)
             wrap.set_seed(SEED)
             trees, _ = wrap.learn_di_gini(
                 np.ascontiguousarray(X.T, dtype=np.float64), classes.astype(np.int32), N_CLASSES, 2, 1.0, 3, 0, 1, 0
             )
-            assert all(tree.shape[1] > 15 for tree in trees), (group, letter)
+            assert all(tree.shape[1] > 15 for tree in trees), (make_data.__name__, letter)
 
 
 if __name__ == "__main__":

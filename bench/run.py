@@ -1,0 +1,608 @@
+"""Velmot beside its peers: fit and predict on identical data, split, forest
+size, features per split and thread count, each library in its own process.
+
+    .venv/bin/python bench/run.py            # the full run (long: an hour or more)
+    .venv/bin/python bench/run.py --quick    # smaller sizes, under 2 minutes
+
+Run bench/setup.sh first (``make bench`` does): it installs the peers that are
+missing. A peer that is not installed is reported as skipped.
+
+Per library and workload it prints fit seconds, predict seconds, peak resident
+memory during fit, holdout accuracy, and Velmot's speed-up over the library
+(the library's seconds divided by Velmot's: above 1, Velmot is faster), then
+writes results.md, results.json and benchmark.png under bench/results/
+(bench/results/quick/ for --quick, bench/results/partial/ when only some
+workloads or libraries are chosen).
+
+Workloads (full size; --quick shrinks them):
+  W1  make_classification 100,000 x 40 float64, 20 informative, 3 classes;
+      100 trees, 6 features per split; predict 50,000 held-out instances
+  W2  W1's data quantised to uint8, 256 levels per feature
+  W3  the handwritten digits, 500 trees, 8 features per split
+  W4  W1's shape at 25k, 50k, 100k and 200k training instances (fit scaling)
+Every forest: Gini, full depth, bootstrap samples as large as the training
+set (histogram peers: a 63.2% subsample), same seed, 2 threads.
+"""
+
+import argparse
+import dataclasses
+import datetime
+import importlib.util
+import json
+import os
+import platform
+import shutil
+import subprocess
+import sys
+import tempfile
+import time
+
+import numpy as np
+
+BENCH_DIR = os.path.dirname(os.path.abspath(__file__))
+ROOT = os.path.dirname(BENCH_DIR)
+PEERS_DIR = os.path.join(BENCH_DIR, "peers")
+SEED = 0
+
+
+@dataclasses.dataclass(frozen=True)
+class Library:
+    key: str  # the module in bench/peers (ranger: the R script)
+    label: str
+    modules: tuple  # Python modules it needs; empty for ranger
+    approximate: bool  # histogram splits: not the same trees as an exact learner
+    install_hint: str
+
+
+LIBRARIES = [
+    Library("velmot_rf", "Velmot", ("velmot", "PyVelmot_wrap"), False, "scripts/setup.sh builds and installs it"),
+    Library("sklearn_rf", "scikit-learn", ("sklearn",), False, "pip: scikit-learn"),
+    Library("ranger", "ranger (R)", (), False, "apt: r-cran-ranger"),
+    Library("ydf_rf", "ydf", ("ydf",), False, "pip: ydf"),
+    Library("sklearnex_rf", "scikit-learn-intelex", ("sklearnex",), True, "pip: scikit-learn-intelex"),
+    Library("lightgbm_rf", "LightGBM rf", ("lightgbm",), True, "pip: lightgbm"),
+    Library("xgboost_rf", "XGBoost rf", ("xgboost",), True, "pip: xgboost-cpu"),
+]
+VELMOT = LIBRARIES[0]
+
+
+@dataclasses.dataclass(frozen=True)
+class Sizes:
+    n_train: int
+    n_test: int
+    trees: int
+    digits_trees: int
+    scaling: tuple
+    timeout: float  # seconds for one library on one case
+
+
+FULL = Sizes(100_000, 50_000, 100, 500, (25_000, 50_000, 100_000, 200_000), 900)
+QUICK = Sizes(4_000, 2_000, 10, 50, (2_000, 4_000, 8_000), 60)
+
+WORKLOADS = ("W1", "W2", "W3", "W4")
+
+
+@dataclasses.dataclass
+class Case:
+    workload: str
+    title: str
+    X_train: np.ndarray
+    y_train: np.ndarray
+    X_test: np.ndarray
+    y_test: np.ndarray
+    n_trees: int
+    features_per_split: int
+
+    @property
+    def key(self):
+        # W4 at W1's size is W1 itself: the same data, so it is run once.
+        return (self.X_train.dtype.str, self.X_train.shape, self.n_trees, self.workload == "W3")
+
+
+# ---------------------------------------------------------------- data
+
+
+def synthetic_pool(sizes):
+    """One make_classification draw: the held-out rows come last, and every
+    training set is a prefix of the rest, so W1 is W4 at W1's size."""
+    from sklearn.datasets import make_classification
+
+    n_pool = max((sizes.n_train,) + sizes.scaling) + sizes.n_test
+    X, y = make_classification(n_samples=n_pool, n_features=40, n_informative=20, n_classes=3, random_state=SEED)
+    return X, y.astype(np.int64), sizes.n_test
+
+
+def quantise_to_bytes(X_train, X_test):
+    """256 levels per feature at the training set's quantiles, so every level
+    is used about equally often."""
+    levels = np.linspace(0, 1, 257)[1:-1]
+    train = np.empty(X_train.shape, dtype=np.uint8)
+    test = np.empty(X_test.shape, dtype=np.uint8)
+    for j in range(X_train.shape[1]):
+        edges = np.quantile(X_train[:, j], levels)
+        train[:, j] = np.searchsorted(edges, X_train[:, j], side="right")
+        test[:, j] = np.searchsorted(edges, X_test[:, j], side="right")
+    return train, test
+
+
+def build_cases(sizes, workloads):
+    cases = []
+    needs_pool = any(w in workloads for w in ("W1", "W2", "W4"))
+    if needs_pool:
+        X, y, n_test = synthetic_pool(sizes)
+        X_test, y_test = X[-n_test:], y[-n_test:]
+        shape = f"{sizes.n_train:,} x 40"
+        common = {"X_test": X_test, "y_test": y_test, "n_trees": sizes.trees, "features_per_split": 6}
+        if "W1" in workloads:
+            cases.append(Case("W1", f"W1: synthetic {shape} float64", X[: sizes.n_train], y[: sizes.n_train], **common))
+        if "W2" in workloads:
+            train_bytes, test_bytes = quantise_to_bytes(X[: sizes.n_train], X_test)
+            common_bytes = {**common, "X_test": test_bytes}
+            cases.append(
+                Case("W2", f"W2: synthetic {shape} quantised to uint8", train_bytes, y[: sizes.n_train], **common_bytes)
+            )
+        if "W4" in workloads:
+            for n in sizes.scaling:
+                cases.append(Case("W4", f"W4: synthetic {n:,} x 40 float64", X[:n], y[:n], **common))
+    if "W3" in workloads:
+        from sklearn.datasets import load_digits
+        from sklearn.model_selection import train_test_split
+
+        X, y = load_digits(return_X_y=True)
+        X_train, X_test, y_train, y_test = train_test_split(
+            X, y.astype(np.int64), test_size=0.25, stratify=y, random_state=SEED
+        )
+        cases.append(
+            Case(
+                "W3",
+                f"W3: digits {len(X_train):,} x 64 float64, 10 classes",
+                X_train,
+                y_train,
+                X_test,
+                y_test,
+                sizes.digits_trees,
+                8,
+            )
+        )
+    return cases
+
+
+def write_case(case, directory, threads, for_r):
+    config = {
+        "n_trees": case.n_trees,
+        "features_per_split": case.features_per_split,
+        "n_threads": threads,
+        "seed": SEED,
+        "n_classes": len(np.unique(case.y_train)),
+        "n_features": case.X_train.shape[1],
+        "n_train": case.X_train.shape[0],
+        "n_test": case.X_test.shape[0],
+    }
+    np.save(os.path.join(directory, "X_train.npy"), case.X_train)
+    np.save(os.path.join(directory, "y_train.npy"), case.y_train)
+    np.save(os.path.join(directory, "X_test.npy"), case.X_test)
+    with open(os.path.join(directory, "config.json"), "w") as f:
+        json.dump(config, f)
+    if for_r:
+        # Column-major float64 and int32, as R's readBin fills a matrix.
+        np.ascontiguousarray(case.X_train.T, dtype="<f8").tofile(os.path.join(directory, "X_train.f64"))
+        np.ascontiguousarray(case.X_test.T, dtype="<f8").tofile(os.path.join(directory, "X_test.f64"))
+        case.y_train.astype("<i4").tofile(os.path.join(directory, "y_train.i32"))
+        with open(os.path.join(directory, "config.txt"), "w") as f:
+            f.writelines(f"{key} {value}\n" for key, value in config.items())
+
+
+# ---------------------------------------------------------------- running
+
+
+def why_unavailable(library):
+    """None if the library can run here, else the reason it is skipped."""
+    if library.key == "ranger":
+        if shutil.which("Rscript") is None:
+            return f"Rscript not found ({library.install_hint})"
+        check = subprocess.run(
+            ["Rscript", "-e", 'quit(status = !requireNamespace("ranger", quietly = TRUE))'],
+            check=False,
+            capture_output=True,
+        )
+        return None if check.returncode == 0 else f"R package ranger not installed ({library.install_hint})"
+    missing = [m for m in library.modules if importlib.util.find_spec(m) is None]
+    return f"not installed: {', '.join(missing)} ({library.install_hint})" if missing else None
+
+
+def run_library(library, case_dir, threads, timeout, omp_wait):
+    """Runs one library on the case in a fresh process; returns its figures
+    and predictions, or an error."""
+    result_path = os.path.join(case_dir, f"result_{library.key}.json")
+    if library.key == "ranger":
+        command = ["Rscript", os.path.join(PEERS_DIR, "ranger.R"), case_dir, result_path]
+        predictions_path = os.path.join(case_dir, "pred_ranger.i32")
+    else:
+        command = [sys.executable, os.path.join(PEERS_DIR, "harness.py"), library.key, case_dir, result_path]
+        predictions_path = os.path.join(case_dir, f"pred_{library.key}.npy")
+    env = dict(os.environ, OMP_NUM_THREADS=str(threads), PYTHONWARNINGS="ignore")
+    if omp_wait == "passive":
+        env["OMP_WAIT_POLICY"] = "PASSIVE"
+    try:
+        process = subprocess.run(
+            command, check=False, capture_output=True, text=True, timeout=timeout, env=env, cwd=ROOT
+        )
+    except subprocess.TimeoutExpired:
+        return {"status": "timed out", "error": f"no result within {timeout:.0f} s"}
+    if process.returncode != 0 or not os.path.exists(result_path):
+        lines = [line for line in (process.stderr or process.stdout).strip().splitlines() if line.strip()]
+        return {"status": "failed", "error": lines[-1] if lines else f"exit status {process.returncode}"}
+    with open(result_path) as f:
+        result = json.load(f)
+    if predictions_path.endswith(".npy"):
+        predictions = np.load(predictions_path)
+    else:
+        predictions = np.fromfile(predictions_path, dtype="<i4")
+    result["status"] = "ok"
+    return result, predictions
+
+
+def run_cases(cases, libraries, threads, timeout, omp_wait):
+    rows = []
+    done = {}
+    for case in cases:
+        if case.key in done:
+            rows.extend(dict(row, workload=case.workload) for row in done[case.key])
+            continue
+        print(
+            f"\n{case.title}: {case.n_trees} trees, {case.features_per_split} features per split, "
+            f"{threads} threads, predict {len(case.X_test):,}",
+            flush=True,
+        )
+        case_rows = []
+        with tempfile.TemporaryDirectory(prefix="velmot-bench-") as case_dir:
+            write_case(case, case_dir, threads, for_r=any(lib.key == "ranger" for lib in libraries))
+            for library in libraries:
+                outcome = run_library(library, case_dir, threads, timeout, omp_wait)
+                row = {"workload": case.workload, "n_train": len(case.X_train), "library": library.label}
+                if isinstance(outcome, tuple):
+                    result, predictions = outcome
+                    row.update(result, accuracy=float(np.mean(predictions == case.y_test)))
+                    print(
+                        f"  {library.label:<22} fit {row['fit_seconds']:8.2f} s   predict {row['predict_seconds']:7.3f} s"
+                        f"   fit peak {row['fit_peak_rss_mib']:7.0f} MiB   accuracy {row['accuracy']:.4f}",
+                        flush=True,
+                    )
+                else:
+                    row.update(outcome)
+                    print(f"  {library.label:<22} {row['status']}: {row['error']}", flush=True)
+                case_rows.append(row)
+        done[case.key] = case_rows
+        rows.extend(case_rows)
+    return rows
+
+
+# ---------------------------------------------------------------- reporting
+
+
+def machine_description():
+    def command_output(*command):
+        try:
+            return subprocess.run(command, check=False, capture_output=True, text=True, timeout=10).stdout
+        except (OSError, subprocess.SubprocessError):
+            return ""
+
+    cpu = {}
+    for line in command_output("lscpu").splitlines():
+        key, _, value = line.partition(":")
+        cpu[key.strip()] = value.strip()
+    memory = next(
+        (line.split()[1] for line in command_output("free", "-h").splitlines() if line.startswith("Mem:")), "?"
+    )
+    return {
+        "cpu": cpu.get("Model name", platform.processor() or "?"),
+        "cpus": cpu.get("CPU(s)", str(os.cpu_count())),
+        "threads_per_core": cpu.get("Thread(s) per core", "?"),
+        "memory": memory,
+        "os": platform.platform(),
+        "python": platform.python_version(),
+    }
+
+
+def repository_commit():
+    try:
+        commit = subprocess.run(
+            ["git", "-C", ROOT, "rev-parse", "--short", "HEAD"], check=False, capture_output=True, text=True
+        )
+        return commit.stdout.strip() or "?"
+    except OSError:
+        return "?"
+
+
+def speedup(rows, row, field):
+    """The row's seconds over Velmot's on the same case."""
+    velmot = next(
+        (
+            r
+            for r in rows
+            if r["library"] == VELMOT.label
+            and r["workload"] == row["workload"]
+            and r["n_train"] == row["n_train"]
+            and r["status"] == "ok"
+        ),
+        None,
+    )
+    if velmot is None or row["status"] != "ok" or velmot[field] <= 0:
+        return None
+    return row[field] / velmot[field]
+
+
+def fmt_seconds(seconds):
+    return f"{seconds:.3f}" if seconds < 1 else f"{seconds:.2f}" if seconds < 100 else f"{seconds:.0f}"
+
+
+def fmt_ratio(ratio):
+    return "n/a" if ratio is None else f"{ratio:.2f}x"
+
+
+def label_of(row, libraries):
+    library = next(lib for lib in libraries if lib.label == row["library"])
+    return f"{row['library']} (approx.)" if library.approximate else row["library"]
+
+
+def markdown_report(run, libraries, cases):
+    rows = run["rows"]
+    machine = run["machine"]
+    lines = [
+        f"# Benchmark results ({run['mode']} run)",
+        "",
+        f"Measured {run['date']} at commit {run['commit']} with `{run['command']}`, "
+        f"{run['threads']} threads for every library"
+        + (" (OpenMP threads wait passively: OMP_WAIT_POLICY=PASSIVE)." if run["omp_wait"] == "passive" else "."),
+        (
+            f"Machine: {machine['cpu']}, {machine['cpus']} CPUs ({machine['threads_per_core']} thread(s) per core), "
+            f"{machine['memory']} memory, {machine['os']}, Python {machine['python']}."
+        ),
+        (
+            f"The machine is shared with other work (load average {run['load_average'][0]:.1f} at the start, "
+            f"{run['load_average'][1]:.1f} at the end), so single figures carry noise of some tens of per cent."
+        ),
+        "",
+        (
+            "- *fit*, *predict*: wall-clock seconds, measured inside each library's own process "
+            "(imports, data loading and process start excluded); predict covers the whole held-out set."
+        ),
+        (
+            "- *fit peak RSS*: the process's peak resident memory during fit, training data and the library "
+            "itself included."
+        ),
+        "- *Velmot speed-up*: the library's seconds divided by Velmot's on the same case; above 1, Velmot is faster.",
+        (
+            "- *approx.*: histogram methods (at most 256 bins per feature), and for LightGBM and XGBoost a 63.2% "
+            "subsample in place of a bootstrap and one tree per class: not the same forests, so their figures are "
+            "indicative only."
+        ),
+        "",
+    ]
+    for workload in ("W1", "W2", "W3"):
+        case_rows = [r for r in rows if r["workload"] == workload]
+        if not case_rows:
+            continue
+        case = next(c for c in cases if c.workload == workload)
+        lines += [
+            f"## {case.title}",
+            "",
+            (
+                f"{case.n_trees} trees, {case.features_per_split} features per split; "
+                f"{len(case.X_test):,} held-out instances predicted."
+            ),
+            "",
+            "| library | fit (s) | predict (s) | fit peak RSS (MiB) | accuracy | Velmot fit speed-up | Velmot predict speed-up |",
+            "| --- | ---: | ---: | ---: | ---: | ---: | ---: |",
+        ]
+        for row in case_rows:
+            name = label_of(row, libraries)
+            if row["status"] != "ok":
+                lines.append(f"| {name} | {row['status']} | | | | | |")
+                continue
+            lines.append(
+                f"| {name} | {fmt_seconds(row['fit_seconds'])} | {fmt_seconds(row['predict_seconds'])} | "
+                f"{row['fit_peak_rss_mib']:.0f} | {row['accuracy']:.4f} | "
+                f"{fmt_ratio(speedup(rows, row, 'fit_seconds'))} | {fmt_ratio(speedup(rows, row, 'predict_seconds'))} |"
+            )
+        lines.append("")
+    scaling = [r for r in rows if r["workload"] == "W4"]
+    if scaling:
+        sizes = sorted({r["n_train"] for r in scaling})
+        lines += [
+            "## W4: fit time as the training set grows (synthetic, 40 features, float64)",
+            "",
+            (
+                f"{next(c for c in cases if c.workload == 'W4').n_trees} trees, 6 features per split. "
+                "Each cell: fit seconds (Velmot speed-up). *growth*: the exponent b of a least-squares fit "
+                "seconds ~ n^b (1 is linear)."
+            ),
+            "",
+            "| library | " + " | ".join(f"{n:,}" for n in sizes) + " | growth |",
+            "| --- | " + " | ".join("---:" for _ in sizes) + " | ---: |",
+        ]
+        for library in libraries:
+            cells, points = [], []
+            for n in sizes:
+                row = next((r for r in scaling if r["library"] == library.label and r["n_train"] == n), None)
+                if row is None or row["status"] != "ok":
+                    cells.append(row["status"] if row else "")
+                    continue
+                points.append((n, row["fit_seconds"]))
+                cells.append(f"{fmt_seconds(row['fit_seconds'])} ({fmt_ratio(speedup(rows, row, 'fit_seconds'))})")
+            growth = ""
+            if len(points) >= 2:
+                slope = np.polyfit(np.log([p[0] for p in points]), np.log([p[1] for p in points]), 1)[0]
+                growth = f"{slope:.2f}"
+            name = f"{library.label} (approx.)" if library.approximate else library.label
+            lines.append(f"| {name} | " + " | ".join(cells) + f" | {growth} |")
+        lines.append("")
+    lines += ["## Libraries", ""]
+    for library in libraries:
+        row = next((r for r in rows if r["library"] == library.label and r["status"] == "ok"), None)
+        if row is not None:
+            lines.append(f"- {library.label} {row.get('version', '?')}: {row.get('method', '')}")
+    for library, reason in run["skipped"]:
+        lines.append(f"- {library}: **skipped**, {reason}")
+    for row in rows:
+        if row["status"] not in ("ok",):
+            lines.append(
+                f"- {row['library']} on {row['workload']} ({row['n_train']:,}): **{row['status']}**: {row['error']}"
+            )
+    lines.append("")
+    lines.append("![fit and predict seconds, memory and scaling](benchmark.png)")
+    lines.append("")
+    return "\n".join(lines)
+
+
+def draw_chart(run, libraries, path):
+    import matplotlib
+
+    matplotlib.use("Agg")
+    import matplotlib.pyplot as plt
+
+    rows = [r for r in run["rows"] if r["status"] == "ok"]
+    colours = dict(zip([lib.label for lib in libraries], plt.get_cmap("tab10").colors))
+    hatch = {lib.label: "//" if lib.approximate else "" for lib in libraries}
+    present = [lib.label for lib in libraries if any(r["library"] == lib.label for r in rows)]
+    workloads = [w for w in ("W1", "W2", "W3") if any(r["workload"] == w for r in rows)]
+
+    figure, axes = plt.subplots(2, 2, figsize=(13, 9))
+    panels = [
+        (axes[0][0], "fit_seconds", "fit (s, log scale)", True),
+        (axes[0][1], "predict_seconds", "predict (s, log scale)", True),
+        (axes[1][0], "fit_peak_rss_mib", "peak RSS during fit (MiB)", False),
+    ]
+    width = 0.8 / max(len(present), 1)
+    for axis, field, title, log in panels:
+        for k, label in enumerate(present):
+            xs, ys = [], []
+            for i, workload in enumerate(workloads):
+                row = next((r for r in rows if r["library"] == label and r["workload"] == workload), None)
+                if row is not None:
+                    xs.append(i + (k - (len(present) - 1) / 2) * width)
+                    ys.append(row[field])
+            axis.bar(xs, ys, width, label=label, color=colours[label], hatch=hatch[label], edgecolor="white")
+        axis.set_xticks(range(len(workloads)), workloads)
+        axis.set_title(title)
+        if log:
+            axis.set_yscale("log")
+        axis.grid(axis="y", alpha=0.3)
+    axes[0][0].legend(fontsize=8)
+
+    axis = axes[1][1]
+    scaling = [r for r in rows if r["workload"] == "W4"]
+    for label in present:
+        points = sorted((r["n_train"], r["fit_seconds"]) for r in scaling if r["library"] == label)
+        if points:
+            axis.plot(
+                *zip(*points), marker="o", label=label, color=colours[label], linestyle="--" if hatch[label] else "-"
+            )
+    axis.set_xscale("log")
+    axis.set_yscale("log")
+    sizes = sorted({r["n_train"] for r in scaling})
+    axis.set_xticks(sizes, [f"{n:,}" for n in sizes])
+    axis.minorticks_off()
+    axis.set_xlabel("training instances")
+    axis.set_title("W4: fit (s) against training set size")
+    axis.grid(alpha=0.3)
+    figure.suptitle(
+        f"Velmot and peers ({run['mode']} run, {run['threads']} threads; hatched or dashed: histogram methods)"
+    )
+    figure.tight_layout()
+    figure.savefig(path, dpi=100)
+    plt.close(figure)
+
+
+# ---------------------------------------------------------------- main
+
+
+def parse_arguments(argv):
+    parser = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
+    parser.add_argument("--quick", action="store_true", help="smaller sizes and forests: under 2 minutes")
+    parser.add_argument("--workloads", default=",".join(WORKLOADS), help="comma-separated subset of W1,W2,W3,W4")
+    parser.add_argument(
+        "--libraries",
+        default=",".join(lib.key.removesuffix("_rf") for lib in LIBRARIES),
+        help="comma-separated subset of " + ",".join(lib.key.removesuffix("_rf") for lib in LIBRARIES),
+    )
+    parser.add_argument("--threads", type=int, default=2, help="threads for every library (default 2)")
+    parser.add_argument("--timeout", type=float, help="seconds allowed for one library on one case")
+    parser.add_argument(
+        "--omp-wait",
+        choices=("passive", "default"),
+        default="passive",
+        help="OpenMP waiting of idle threads: passive (default; on a shared machine, spinning "
+        "threads slow fine-grained parallel loops tenfold) or the runtime's default",
+    )
+    parser.add_argument(
+        "--out", help="output folder (default bench/results, bench/results/quick or bench/results/partial)"
+    )
+    arguments = parser.parse_args(argv)
+    arguments.workloads = [w.strip().upper() for w in arguments.workloads.split(",") if w.strip()]
+    unknown = set(arguments.workloads) - set(WORKLOADS)
+    if unknown:
+        parser.error(f"unknown workloads: {', '.join(sorted(unknown))}")
+    chosen = [k.strip() for k in arguments.libraries.split(",") if k.strip()]
+    known = {lib.key.removesuffix("_rf"): lib for lib in LIBRARIES}
+    unknown = set(chosen) - set(known)
+    if unknown:
+        parser.error(f"unknown libraries: {', '.join(sorted(unknown))}")
+    arguments.libraries = [lib for lib in LIBRARIES if lib.key.removesuffix("_rf") in chosen]
+    partial = len(arguments.workloads) < len(WORKLOADS) or len(arguments.libraries) < len(LIBRARIES)
+    if arguments.out is None:
+        arguments.out = os.path.join(
+            BENCH_DIR, "results", *(["partial"] if partial else ["quick"] if arguments.quick else [])
+        )
+    return arguments
+
+
+def main(argv):
+    arguments = parse_arguments(argv)
+    sizes = QUICK if arguments.quick else FULL
+    timeout = arguments.timeout or sizes.timeout
+    started = time.perf_counter()
+
+    skipped, libraries = [], []
+    for library in arguments.libraries:
+        reason = why_unavailable(library)
+        if reason:
+            skipped.append((library.label, reason))
+            print(f"skipping {library.label}: {reason}", flush=True)
+        else:
+            libraries.append(library)
+
+    cases = build_cases(sizes, arguments.workloads)
+    load_before = os.getloadavg()
+    rows = run_cases(cases, libraries, arguments.threads, timeout, arguments.omp_wait)
+    run = {
+        "mode": "quick" if arguments.quick else "full",
+        "date": datetime.datetime.now(datetime.UTC).strftime("%Y-%m-%d %H:%M UTC"),
+        "commit": repository_commit(),
+        "command": "make bench" + (" ARGS=--quick" if arguments.quick else "")
+        if not argv or argv == ["--quick"]
+        else "bench/run.py " + " ".join(argv),
+        "threads": arguments.threads,
+        "omp_wait": arguments.omp_wait,
+        "load_average": [load_before[0], os.getloadavg()[0]],
+        "machine": machine_description(),
+        "skipped": skipped,
+        "rows": rows,
+    }
+
+    os.makedirs(arguments.out, exist_ok=True)
+    report = markdown_report(run, arguments.libraries, cases)
+    with open(os.path.join(arguments.out, "results.md"), "w") as f:
+        f.write(report)
+    with open(os.path.join(arguments.out, "results.json"), "w") as f:
+        json.dump(run, f, indent=1)
+    try:
+        draw_chart(run, libraries, os.path.join(arguments.out, "benchmark.png"))
+    except ImportError as error:
+        print(f"no chart: {error} (bench/setup.sh installs matplotlib)", flush=True)
+    print("\n" + report)
+    print(f"written to {os.path.relpath(arguments.out, ROOT)}/ in {time.perf_counter() - started:.0f} s")
+
+
+if __name__ == "__main__":
+    main(sys.argv[1:])
