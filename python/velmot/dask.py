@@ -89,6 +89,11 @@ class RandomForestClassifier(LocalRandomForestClassifier):
     partitions' medians, weighted by their counts of present values (the
     exact median would need a whole column on one worker).
 
+    Prediction on a Dask array or DataFrame is lazy, one task per block of
+    rows; when a client is at hand the forest is scattered to the workers
+    once per call rather than carried in the task graph. On numpy or pandas
+    input, prediction runs here, exactly as the local estimator's.
+
     Parameters
     ----------
     n_estimators : int, default=100
@@ -514,6 +519,23 @@ class RandomForestClassifier(LocalRandomForestClassifier):
 
     # -- prediction -------------------------------------------------------
 
+    def _shared_forest(self):
+        """The local forest as one graph node that every block's task reads.
+
+        With a client, the forest is scattered to the workers and the graph
+        holds only its reference: a forest of many megabytes would otherwise
+        travel through the scheduler inside the graph on every compute.
+        Without one, it is embedded, for any scheduler.
+        """
+        forest = self.to_local()
+        client = self.client
+        if client is None:
+            try:
+                client = default_client()
+            except ValueError:
+                return dask.delayed(forest, pure=False)
+        return dask.delayed(client.scatter(forest, broadcast=True, hash=False))
+
     def _predict_lazily(self, X, method):
         check_is_fitted(self)
         if isinstance(X, da.Array):
@@ -529,8 +551,7 @@ class RandomForestClassifier(LocalRandomForestClassifier):
         else:
             raise TypeError(f"X must be a numpy-like matrix, a Dask array or a Dask DataFrame, not {type(X).__name__}.")
 
-        # The forest travels in the graph once, shared by every block's task.
-        forest = dask.delayed(self.to_local(), pure=False)
+        forest = self._shared_forest()
         if method == "predict":
             meta = np.empty((0,), dtype=self.classes_.dtype)
         else:

@@ -221,6 +221,21 @@ class TestPrediction:
         with np.errstate(divide="ignore"):
             assert np.array_equal(forest.predict_log_proba(X_dask).compute(), np.log(expected_proba))
 
+    def test_forest_is_scattered_with_a_client_and_embedded_without(self, fitted, monkeypatch):
+        forest, X = fitted
+        X_dask = da.from_array(X, chunks=200)
+
+        def holds_a_future(collection):
+            return any(isinstance(value, distributed.Future) for value in dict(collection.__dask_graph__()).values())
+
+        scattered = forest.predict_proba(X_dask)
+        assert holds_a_future(scattered)
+        monkeypatch.setattr(forest, "client", None)
+        monkeypatch.setattr(velmot.dask, "default_client", no_client)
+        embedded = forest.predict_proba(X_dask)
+        assert not holds_a_future(embedded)
+        assert np.array_equal(embedded.compute(scheduler="sync"), scattered.compute())
+
     def test_dataframe_partitions_are_predicted_in_order(self, client):
         X, y = noisy_data(300, seed=4)
         frame = pd.DataFrame(X, columns=[f"f{i}" for i in range(X.shape[1])])
@@ -328,10 +343,11 @@ def slow_data():
     return noisy_data(8000, n_features=10, seed=7)
 
 
-def test_fit_without_a_client_says_how_to_get_one(monkeypatch):
-    def no_client():
-        raise ValueError("No clients found")
+def no_client():
+    raise ValueError("No clients found")
 
+
+def test_fit_without_a_client_says_how_to_get_one(monkeypatch):
     monkeypatch.setattr(velmot.dask, "default_client", no_client)
     with pytest.raises(ValueError, match="distributed.Client"):
         velmot.dask.RandomForestClassifier().fit(np.zeros((4, 2)), [0, 1, 0, 1])
