@@ -26,32 +26,43 @@ public:
   FeatureRanks() = default;
 
   // D offers get_num_features(), get_num_instances() and column(j).
+  // Allocation happens outside the parallel loop, which cannot throw.
   template <class D>
   explicit FeatureRanks(const D& data)
       : rank(data.get_num_features()), value_of_rank(data.get_num_features()),
         ranked(data.get_num_features(), 0) {
     const int64_t nf = static_cast<int64_t>(data.get_num_features());
     const size_t ni = data.get_num_instances();
-    // Allocate up front: nothing in the parallel loop may throw.
     for (auto& column : rank) column.resize(ni);
-    for (auto& values : value_of_rank) values.reserve(ni);
+    std::vector<size_t> distinct(rank.size(), 0);
     std::vector<std::vector<uint32_t>> orders(static_cast<size_t>(std::max(1, omp_get_max_threads())),
                                               std::vector<uint32_t>(ni));
 #pragma omp parallel for schedule(dynamic, 1)
     for (int64_t j = 0; j < nf; ++j) {
       const F* column = data.column(static_cast<size_t>(j));
-      if (std::any_of(column, column + ni, [](F v) { return !(v == v); })) continue;
+      if (ni == 0 || std::any_of(column, column + ni, [](F v) { return !(v == v); })) continue;
       std::vector<uint32_t>& order = orders[static_cast<size_t>(omp_get_thread_num()) % orders.size()];
       std::iota(order.begin(), order.end(), 0u);
       std::sort(order.begin(), order.end(), [column](uint32_t a, uint32_t b) { return column[a] < column[b]; });
-      std::vector<uint32_t>& ranks = rank[static_cast<size_t>(j)];
-      std::vector<F>& values = value_of_rank[static_cast<size_t>(j)];
-      for (size_t k = 0; k < ni; ++k) {
-        const F v = column[order[k]];
-        if (values.empty() || values.back() != v) values.push_back(v);
-        ranks[order[k]] = static_cast<uint32_t>(values.size() - 1);
+      uint32_t* ranks = rank[static_cast<size_t>(j)].data();
+      uint32_t current = 0;
+      ranks[order[0]] = 0;
+      for (size_t k = 1; k < ni; ++k) {
+        if (column[order[k]] != column[order[k - 1]]) ++current;
+        ranks[order[k]] = current;
       }
+      distinct[static_cast<size_t>(j)] = static_cast<size_t>(current) + 1;
       ranked[static_cast<size_t>(j)] = 1;
+    }
+    orders.clear();
+    for (size_t j = 0; j < rank.size(); ++j) {
+      if (!ranked[j]) {
+        std::vector<uint32_t>().swap(rank[j]);
+        continue;
+      }
+      const F* column = data.column(j);
+      value_of_rank[j].resize(distinct[j]);
+      for (size_t i = 0; i < ni; ++i) value_of_rank[j][rank[j][i]] = column[i];
     }
   }
 

@@ -22,6 +22,7 @@
 #include <cmath>
 #include <cstdint>
 #include <exception>
+#include <new>
 #include <string>
 #include <type_traits>
 #include <vector>
@@ -113,7 +114,12 @@ std::vector<Node<typename D::label_type>*> learn_forest(const D& data, int fores
   // sort small integers instead of values (same order, same trees).
   FeatureRanks<typename D::feature_type> ranks;
   if constexpr (std::is_floating_point<typename D::feature_type>::value) {
-    if (forest_size > 0) ranks = FeatureRanks<typename D::feature_type>(data);
+    // Only a speed-up: without memory for it, nodes sort values instead.
+    try {
+      if (forest_size > 0) ranks = FeatureRanks<typename D::feature_type>(data);
+    } catch (const std::bad_alloc&) {
+      ranks = FeatureRanks<typename D::feature_type>();
+    }
   }
 
   // Failures inside the region (only allocation failures can remain) are
