@@ -9,8 +9,21 @@
 // -2 means no tree voted inside the tally's range (a vote outside it is
 // ignored rather than written past the tally).
 //
-// Descent (Node::find_leaf): value < threshold goes left; equal or NaN goes
-// right, matching the learner's partition.
+// Descent: value < threshold goes left; equal or NaN goes right, matching
+// the learner's partition.
+//
+// Two paths give the same votes:
+//   predict(data, i)   one instance, its trees shared among the threads;
+//   the batch paths    (predict into a vector, compute_probabilities) copy
+//                      the trees into one flat array of nodes and walk tree
+//                      by tree over blocks of instances, the blocks shared
+//                      among the threads. Measured on 30,000 instances x 40
+//                      features and 100 full-depth trees (450,000 nodes),
+//                      walking linked nodes instance by instance spent its
+//                      time in cache misses (6.4 s on 2 threads); the flat
+//                      walk over blocks keeps one tree's nodes and one
+//                      block's values in cache (0.4 s on 1 thread, level
+//                      with scikit-learn's predict).
 //
 // D, the data set, needs get_num_instances(), get_num_features(),
 // get_num_classes(), get_labeling() and operator()(i, j).
@@ -24,6 +37,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -34,6 +48,54 @@
 
 namespace Velmot {
 
+namespace forest_prediction {
+
+inline Exception missing_child() { return Exception("tree descent reached a missing child"); }
+
+// One node of a flattened tree, 16 bytes. A split node tests `feature` and
+// its children sit side by side: left at `next`, right at `next` + 1. A
+// leaf has feature -1 and `next` holds its tally slot (-1 when the label
+// lies outside the tally). An absent child of a one-child node is a
+// stand-in leaf with slot `absent`.
+struct FlatNode {
+  double threshold;
+  int32_t feature;
+  int32_t next;
+};
+
+constexpr int32_t absent = -2;
+
+// Leaf reached by an instance whose feature f is values[f], in the tree
+// whose root is nodes[0]. Equal and NaN go right: !(threshold > value).
+inline const FlatNode* find_leaf(const FlatNode* nodes, const double* values) {
+  const FlatNode* node = nodes;
+  while (node->feature >= 0) {
+    // A branch, not a select: the processor then runs ahead along its guess
+    // instead of waiting for each comparison (the select measured about
+    // 1.5 times slower on 100 full-depth trees).
+    if (node->threshold > values[node->feature]) {
+      node = nodes + node->next;
+    } else {
+      node = nodes + node->next + 1;
+    }
+  }
+  return node;
+}
+
+// Instances [begin, end) of `data` copied instance by instance, `stride`
+// values apart (at least the feature count), as doubles (the type descent
+// compares in): the values one descent reads lie together.
+template <class D>
+void gather_block(const D& data, size_t begin, size_t end, size_t stride, std::vector<double>& values) {
+  const size_t nf = data.get_num_features();
+  values.resize((end - begin) * stride);
+  for (size_t f = 0; f < nf; ++f) {
+    for (size_t i = begin; i < end; ++i) values[(i - begin) * stride + f] = static_cast<double>(data(i, f));
+  }
+}
+
+}  // namespace forest_prediction
+
 template <class L>
 class BaseForestClassifier {
 public:
@@ -43,6 +105,8 @@ public:
   void use_forest(const std::vector<Node<L>*>& trees) {
     forest = trees;
     checked_num_features = unchecked;
+    flat_nodes.clear();
+    tree_starts.clear();
   }
 
   void clear() { std::fill(counts.begin(), counts.end(), 0); }
@@ -50,17 +114,15 @@ public:
   // One vote, whatever the weight argument; labels outside the tally are
   // ignored.
   void vote(int label, int) {
-    const long long slot = static_cast<long long>(label) + 1;
-    if (slot >= 0 && slot < static_cast<long long>(counts.size())) ++counts[static_cast<size_t>(slot)];
+    const int64_t slot = slot_of(label);
+    if (slot >= 0) ++counts[static_cast<size_t>(slot)];
   }
 
   template <class D>
   int predict(const D& data, size_t instance_index);
 
-  // Entry i is predict(data, i). The instances are shared among the threads
-  // (one region for all of them), which gives the same labels as one
-  // region per instance at a fraction of the cost; afterwards the tally
-  // holds the last instance's votes, as the one-by-one loop would leave it.
+  // Entry i is predict(data, i); afterwards the tally holds the last
+  // instance's votes, as a one-by-one loop would leave it.
   template <class D>
   void predict(const D& data, std::vector<int>& predicted_labels);
 
@@ -75,20 +137,18 @@ public:
   std::vector<Node<L>*> forest;
 
 private:
+  typedef forest_prediction::FlatNode FlatNode;
   static constexpr size_t unchecked = static_cast<size_t>(-1);
 
-  // Refuses a forest whose split nodes test a feature the data lacks, once
-  // per forest and feature count.
-  void check_features(size_t num_features);
-
-  void require_trees() const {
-    if (forest.empty()) throw Exception("forest is empty: cannot predict");
+  int64_t slot_of(int64_t label) const {
+    const int64_t slot = label + 1;
+    return slot >= 0 && slot < static_cast<int64_t>(counts.size()) ? slot : -1;
   }
 
-  static int majority(const std::vector<int>& tally) {
+  static int majority(const int* tally, size_t slots) {
     int best_label = -2;
     int best_count = 0;
-    for (size_t m = 0; m < tally.size(); ++m) {
+    for (size_t m = 0; m < slots; ++m) {
       if (tally[m] > best_count) {
         best_count = tally[m];
         best_label = static_cast<int>(m) - 1;
@@ -97,17 +157,27 @@ private:
     return best_label;
   }
 
-  // Tallies the votes of every tree for one instance into `tally` (zeroed
-  // first). Returns false if a descent reached a missing child.
-  template <class D>
-  bool tally_instance(const D& data, size_t instance_index, std::vector<int>& tally) const;
+  void require_trees() const {
+    if (forest.empty()) throw Exception("forest is empty: cannot predict");
+  }
 
-  // Runs body(i, tally) for every instance on the current thread team, each
-  // thread with its own tally; reports a missing child after the region.
+  // Refuses a forest whose split nodes test a feature the data lacks, once
+  // per forest and feature count.
+  void check_features(size_t num_features);
+
+  // Copies the trees into flat_nodes (breadth-first, one tree after the
+  // other), once per forest.
+  void flatten_forest();
+
+  // Runs body(i, tally) for every instance, tally pointing at the instance's
+  // counts.size() vote counts. Each thread works on its own blocks of
+  // instances with its own tallies; body must not throw.
   template <class D, class Body>
   void for_each_instance(const D& data, Body&& body);
 
   size_t checked_num_features = unchecked;
+  std::vector<FlatNode> flat_nodes;
+  std::vector<size_t> tree_starts;
 };
 
 template <class L>
@@ -116,12 +186,6 @@ public:
   ForestPredictor() : BaseForestClassifier<L>(0) {}
   explicit ForestPredictor(int num_classes) : BaseForestClassifier<L>(num_classes) {}
 };
-
-namespace forest_prediction {
-
-inline Exception missing_child() { return Exception("tree descent reached a missing child"); }
-
-}  // namespace forest_prediction
 
 template <class L>
 void BaseForestClassifier<L>::check_features(size_t num_features) {
@@ -147,6 +211,32 @@ void BaseForestClassifier<L>::check_features(size_t num_features) {
 }
 
 template <class L>
+void BaseForestClassifier<L>::flatten_forest() {
+  if (tree_starts.size() == forest.size()) return;
+  flat_nodes.clear();
+  tree_starts.clear();
+  // Breadth-first, so that the nodes near the root, visited by every
+  // instance, share cache lines. A null entry stands for an absent child.
+  std::vector<const Node<L>*> order;
+  for (const Node<L>* root : forest) {
+    tree_starts.push_back(flat_nodes.size());
+    order.assign(1, root);
+    for (size_t k = 0; k < order.size(); ++k) {
+      const Node<L>* node = order[k];
+      FlatNode flat{0.0, -1, forest_prediction::absent};
+      if (node != nullptr && node->is_leaf()) {
+        flat.next = static_cast<int32_t>(slot_of(static_cast<int64_t>(node->get_label())));
+      } else if (node != nullptr) {
+        flat = FlatNode{node->get_threshold(), node->get_feature_index(), static_cast<int32_t>(order.size())};
+        order.push_back(node->get_left());
+        order.push_back(node->get_right());
+      }
+      flat_nodes.push_back(flat);
+    }
+  }
+}
+
+template <class L>
 template <class D>
 int BaseForestClassifier<L>::predict(const D& data, size_t instance_index) {
   const int forest_size = static_cast<int>(forest.size());
@@ -166,59 +256,72 @@ int BaseForestClassifier<L>::predict(const D& data, size_t instance_index) {
   }
   if (missing) throw forest_prediction::missing_child();
   for (int k = 0; k < forest_size; ++k) vote(votes_for_each_tree[k], 1);
-  return majority(counts);
-}
-
-template <class L>
-template <class D>
-bool BaseForestClassifier<L>::tally_instance(const D& data, size_t instance_index, std::vector<int>& tally) const {
-  std::fill(tally.begin(), tally.end(), 0);
-  const long long slots = static_cast<long long>(tally.size());
-  for (const Node<L>* root : forest) {
-    const Node<L>* leaf = root->find_leaf(data, instance_index);
-    if (leaf == nullptr) return false;
-    const long long slot = static_cast<long long>(leaf->get_label()) + 1;
-    if (slot >= 0 && slot < slots) ++tally[static_cast<size_t>(slot)];
-  }
-  return true;
+  return majority(counts.data(), counts.size());
 }
 
 template <class L>
 template <class D, class Body>
 void BaseForestClassifier<L>::for_each_instance(const D& data, Body&& body) {
-  const long long num_instances = static_cast<long long>(data.get_num_instances());
+  const int64_t num_instances = static_cast<int64_t>(data.get_num_instances());
   if (num_instances == 0) return;
   require_trees();
   check_features(data.get_num_features());
-  // All but the last instance in one region; the last one through predict()
-  // so that votes_for_each_tree and counts end as the one-by-one loop leaves
-  // them.
+  flatten_forest();
+
+  // All but the last instance in blocks; the last one through predict() so
+  // that votes_for_each_tree and counts end as the one-by-one loop leaves
+  // them. Every tree walks a whole block, whose values (about 256 KiB at
+  // most) stay in cache meanwhile.
+  const size_t slots = counts.size();
+  const size_t stride = std::max<size_t>(data.get_num_features(), 1);
+  const int64_t block_size = static_cast<int64_t>(std::min<size_t>(256, std::max<size_t>(16, 32768 / stride)));
+  const int64_t batched = num_instances - 1;
+  const int64_t num_blocks = (batched + block_size - 1) / block_size;
+  const size_t num_trees = tree_starts.size();
   int missing = 0;
 #pragma omp parallel reduction(| : missing)
   {
-    std::vector<int> tally(counts.size(), 0);
-#pragma omp for schedule(static)
-    for (long long i = 0; i < num_instances - 1; ++i) {
+    std::vector<int> tallies(static_cast<size_t>(block_size) * slots);
+    std::vector<double> values;
+#pragma omp for schedule(dynamic, 1)
+    for (int64_t b = 0; b < num_blocks; ++b) {
       if (missing) continue;
-      if (!tally_instance(data, static_cast<size_t>(i), tally)) {
-        missing = 1;
-        continue;
+      const int64_t begin = b * block_size;
+      const int64_t end = std::min(begin + block_size, batched);
+      forest_prediction::gather_block(data, static_cast<size_t>(begin), static_cast<size_t>(end), stride, values);
+      std::fill(tallies.begin(), tallies.end(), 0);
+      for (size_t t = 0; t < num_trees && !missing; ++t) {
+        const FlatNode* nodes = flat_nodes.data() + tree_starts[t];
+        const double* instance_values = values.data();
+        int* tally = tallies.data();
+        for (int64_t i = begin; i < end; ++i, instance_values += stride, tally += slots) {
+          const int32_t slot = forest_prediction::find_leaf(nodes, instance_values)->next;
+          if (slot >= 0) {
+            ++tally[slot];
+          } else if (slot == forest_prediction::absent) {
+            missing = 1;
+            break;
+          }
+        }
       }
-      body(static_cast<size_t>(i), tally);
+      if (missing) continue;
+      for (int64_t i = begin; i < end; ++i) {
+        body(static_cast<size_t>(i), tallies.data() + static_cast<size_t>(i - begin) * slots);
+      }
     }
   }
   if (missing) throw forest_prediction::missing_child();
   const size_t last = static_cast<size_t>(num_instances - 1);
   predict(data, last);
-  body(last, counts);
+  body(last, counts.data());
 }
 
 template <class L>
 template <class D>
 void BaseForestClassifier<L>::predict(const D& data, std::vector<int>& predicted_labels) {
   predicted_labels.resize(data.get_num_instances());
-  for_each_instance(data,
-                    [&](size_t i, const std::vector<int>& tally) { predicted_labels[i] = majority(tally); });
+  const size_t slots = counts.size();
+  for_each_instance(data, [&](size_t i, const int* tally) { predicted_labels[i] = majority(tally, slots); });
 }
 
 template <class L>
@@ -229,27 +332,27 @@ void BaseForestClassifier<L>::compute_probabilities(const D& data, Array2D<T>& p
   const LabelingType labeling = data.get_labeling();
   if (labeling == Regression) throw Exception("cannot compute probabilities for regression");
   const size_t nc = labeling == PlusOneMinusOne ? 2 : data.get_num_classes();
-  if (static_cast<size_t>(probabilities.num_rows()) < ni || static_cast<size_t>(probabilities.num_cols()) < nc) {
+  if (probabilities.num_rows() < 0 || static_cast<size_t>(probabilities.num_rows()) < ni ||
+      probabilities.num_cols() < 0 || static_cast<size_t>(probabilities.num_cols()) < nc) {
     throw Exception("probability matrix is " + std::to_string(probabilities.num_rows()) + " x " +
                     std::to_string(probabilities.num_cols()) + ", too small for " + std::to_string(ni) +
                     " instances x " + std::to_string(nc) + " classes");
   }
+  // Classes past the tally (a class count larger than the one the predictor
+  // was built with) received no votes.
+  const size_t slots = counts.size();
+  auto votes = [slots](const int* tally, size_t slot) { return slot < slots ? tally[slot] : 0; };
   if (labeling == PlusOneMinusOne) {
-    for_each_instance(data, [&](size_t i, const std::vector<int>& tally) {
+    for_each_instance(data, [&](size_t i, const int* tally) {
       const int row = static_cast<int>(i);
-      probabilities(row, 0) = static_cast<T>((tally.empty() ? 0 : tally[0]) / num_trees);
-      probabilities(row, 1) = static_cast<T>((tally.size() > 2 ? tally[2] : 0) / num_trees);
+      probabilities(row, 0) = static_cast<T>(votes(tally, 0) / num_trees);
+      probabilities(row, 1) = static_cast<T>(votes(tally, 2) / num_trees);
     });
     return;
   }
-  for_each_instance(data, [&](size_t i, const std::vector<int>& tally) {
+  for_each_instance(data, [&](size_t i, const int* tally) {
     const int row = static_cast<int>(i);
-    for (size_t m = 0; m < nc; ++m) {
-      // Classes past the tally (a class count larger than the one the
-      // predictor was built with) received no votes.
-      const int votes = m + 1 < tally.size() ? tally[m + 1] : 0;
-      probabilities(row, static_cast<int>(m)) = static_cast<T>(votes / num_trees);
-    }
+    for (size_t m = 0; m < nc; ++m) probabilities(row, static_cast<int>(m)) = static_cast<T>(votes(tally, m + 1) / num_trees);
   });
 }
 
