@@ -29,6 +29,7 @@ import dataclasses
 import datetime
 import importlib.util
 import json
+import math
 import os
 import platform
 import shutil
@@ -60,8 +61,8 @@ LIBRARIES = [
     Library("ranger", "ranger (R)", (), False, "apt: r-cran-ranger"),
     Library("ydf_rf", "ydf", ("ydf",), False, "pip: ydf"),
     Library("sklearnex_rf", "scikit-learn-intelex", ("sklearnex",), True, "pip: scikit-learn-intelex"),
-    Library("lightgbm_rf", "LightGBM rf", ("lightgbm",), True, "pip: lightgbm"),
     Library("xgboost_rf", "XGBoost rf", ("xgboost",), True, "pip: xgboost-cpu"),
+    Library("lightgbm_rf", "LightGBM rf", ("lightgbm",), True, "pip: lightgbm"),
 ]
 VELMOT = LIBRARIES[0]
 
@@ -76,7 +77,7 @@ class Sizes:
     timeout: float  # seconds for one library on one case
 
 
-FULL = Sizes(100_000, 50_000, 100, 500, (25_000, 50_000, 100_000, 200_000), 900)
+FULL = Sizes(100_000, 50_000, 100, 500, (25_000, 50_000, 100_000, 200_000), 600)
 QUICK = Sizes(4_000, 2_000, 10, 50, (2_000, 4_000, 8_000), 60)
 
 WORKLOADS = ("W1", "W2", "W3", "W4")
@@ -242,24 +243,37 @@ def run_library(library, case_dir, threads, timeout, omp_wait):
     return result, predictions
 
 
-def run_cases(cases, libraries, threads, timeout, omp_wait):
+def run_cases(cases, libraries, threads, timeout, omp_wait, on_progress):
+    """Runs every library on every case, smallest cases first; a library that
+    timed out on a synthetic case is not run on synthetic cases as large or
+    larger. Calls on_progress(rows) after each case."""
     rows = []
     done = {}
-    for case in cases:
+    timed_out_at = {}  # library label -> smallest synthetic size that timed out
+    for case in sorted(cases, key=lambda c: (c.workload != "W3", len(c.X_train))):
         if case.key in done:
             rows.extend(dict(row, workload=case.workload) for row in done[case.key])
+            on_progress(rows)
             continue
         print(
             f"\n{case.title}: {case.n_trees} trees, {case.features_per_split} features per split, "
             f"{threads} threads, predict {len(case.X_test):,}",
             flush=True,
         )
+        n_train = len(case.X_train)
+        synthetic = case.workload != "W3"
         case_rows = []
         with tempfile.TemporaryDirectory(prefix="velmot-bench-") as case_dir:
             write_case(case, case_dir, threads, for_r=any(lib.key == "ranger" for lib in libraries))
             for library in libraries:
-                outcome = run_library(library, case_dir, threads, timeout, omp_wait)
-                row = {"workload": case.workload, "n_train": len(case.X_train), "library": library.label}
+                row = {"workload": case.workload, "n_train": n_train, "library": library.label}
+                if synthetic and timed_out_at.get(library.label, math.inf) <= n_train:
+                    outcome = {
+                        "status": "skipped",
+                        "error": f"timed out at {timed_out_at[library.label]:,} instances, so not run on as many",
+                    }
+                else:
+                    outcome = run_library(library, case_dir, threads, timeout, omp_wait)
                 if isinstance(outcome, tuple):
                     result, predictions = outcome
                     row.update(result, accuracy=float(np.mean(predictions == case.y_test)))
@@ -271,9 +285,12 @@ def run_cases(cases, libraries, threads, timeout, omp_wait):
                 else:
                     row.update(outcome)
                     print(f"  {library.label:<22} {row['status']}: {row['error']}", flush=True)
+                    if synthetic and row["status"] == "timed out":
+                        timed_out_at[library.label] = min(n_train, timed_out_at.get(library.label, math.inf))
                 case_rows.append(row)
         done[case.key] = case_rows
         rows.extend(case_rows)
+        on_progress(rows)
     return rows
 
 
@@ -349,7 +366,7 @@ def markdown_report(run, libraries, cases):
     rows = run["rows"]
     machine = run["machine"]
     lines = [
-        f"# Benchmark results ({run['mode']} run)",
+        f"# Benchmark results ({run['mode']} run{'' if run['complete'] else ', incomplete: still running or interrupted'})",
         "",
         f"Measured {run['date']} at commit {run['commit']} with `{run['command']}`, "
         f"{run['threads']} threads for every library"
@@ -488,7 +505,8 @@ def draw_chart(run, libraries, path):
         if log:
             axis.set_yscale("log")
         axis.grid(axis="y", alpha=0.3)
-    axes[0][0].legend(fontsize=8)
+    if present:
+        axes[0][0].legend(fontsize=8)
 
     axis = axes[1][1]
     scaling = [r for r in rows if r["workload"] == "W4"]
@@ -527,7 +545,11 @@ def parse_arguments(argv):
         help="comma-separated subset of " + ",".join(lib.key.removesuffix("_rf") for lib in LIBRARIES),
     )
     parser.add_argument("--threads", type=int, default=2, help="threads for every library (default 2)")
-    parser.add_argument("--timeout", type=float, help="seconds allowed for one library on one case")
+    parser.add_argument(
+        "--timeout",
+        type=float,
+        help="seconds allowed for one library on one case, its process start included (default: 600, --quick 60)",
+    )
     parser.add_argument(
         "--omp-wait",
         choices=("passive", "default"),
@@ -573,10 +595,10 @@ def main(argv):
             libraries.append(library)
 
     cases = build_cases(sizes, arguments.workloads)
-    load_before = os.getloadavg()
-    rows = run_cases(cases, libraries, arguments.threads, timeout, arguments.omp_wait)
+    load_before = os.getloadavg()[0]
     run = {
         "mode": "quick" if arguments.quick else "full",
+        "complete": False,
         "date": datetime.datetime.now(datetime.UTC).strftime("%Y-%m-%d %H:%M UTC"),
         "commit": repository_commit(),
         "command": "make bench" + (" ARGS=--quick" if arguments.quick else "")
@@ -584,23 +606,30 @@ def main(argv):
         else "bench/run.py " + " ".join(argv),
         "threads": arguments.threads,
         "omp_wait": arguments.omp_wait,
-        "load_average": [load_before[0], os.getloadavg()[0]],
+        "load_average": [load_before, load_before],
         "machine": machine_description(),
         "skipped": skipped,
-        "rows": rows,
+        "rows": [],
     }
-
     os.makedirs(arguments.out, exist_ok=True)
-    report = markdown_report(run, arguments.libraries, cases)
-    with open(os.path.join(arguments.out, "results.md"), "w") as f:
-        f.write(report)
-    with open(os.path.join(arguments.out, "results.json"), "w") as f:
-        json.dump(run, f, indent=1)
-    try:
-        draw_chart(run, libraries, os.path.join(arguments.out, "benchmark.png"))
-    except ImportError as error:
-        print(f"no chart: {error} (bench/setup.sh installs matplotlib)", flush=True)
-    print("\n" + report)
+
+    def write_outputs(rows):
+        # Rewritten after every case, so that an interrupted run keeps what it measured.
+        run["rows"] = rows
+        run["load_average"][1] = os.getloadavg()[0]
+        with open(os.path.join(arguments.out, "results.md"), "w") as f:
+            f.write(markdown_report(run, arguments.libraries, cases))
+        with open(os.path.join(arguments.out, "results.json"), "w") as f:
+            json.dump(run, f, indent=1)
+        try:
+            draw_chart(run, libraries, os.path.join(arguments.out, "benchmark.png"))
+        except ImportError as error:
+            print(f"no chart: {error} (bench/setup.sh installs matplotlib)", flush=True)
+
+    rows = run_cases(cases, libraries, arguments.threads, timeout, arguments.omp_wait, write_outputs)
+    run["complete"] = True
+    write_outputs(rows)
+    print("\n" + markdown_report(run, arguments.libraries, cases))
     print(f"written to {os.path.relpath(arguments.out, ROOT)}/ in {time.perf_counter() - started:.0f} s")
 
 
