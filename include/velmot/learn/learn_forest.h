@@ -127,14 +127,24 @@ std::vector<Node<typename D::label_type>*> learn_forest(const D& data, int fores
   std::exception_ptr failure;
 #pragma omp parallel
   {
-    std::vector<double> tree_importances(num_importances, 0.0);
-    std::vector<double> scratch(num_importances, 0.0);
+    bool failed = false;
+    auto record_failure = [&failed, &failure]() {
+      failed = true;
+#pragma omp critical
+      if (!failure) failure = std::current_exception();
+    };
+    std::vector<double> tree_importances, scratch;
+    try {
+      tree_importances.assign(num_importances, 0.0);
+      scratch.assign(num_importances, 0.0);
+    } catch (...) {
+      record_failure();
+    }
     const int64_t team = omp_get_num_threads();
     const int64_t t = omp_get_thread_num();
     const int64_t chunk = forest_size / team + (forest_size % team != 0 ? 1 : 0);
     const int64_t first = std::min<int64_t>(t * chunk, forest_size);
     const int64_t last = std::min<int64_t>((t + 1) * chunk, forest_size);
-    bool failed = false;
     for (int64_t k = first; k < last && !failed; ++k) {
       try {
         XorShiftRNG& rng = thread_generator();
@@ -147,15 +157,13 @@ std::vector<Node<typename D::label_type>*> learn_forest(const D& data, int fores
           for (size_t j = 0; j < num_importances; ++j) scratch[j] += tree_importances[j];
         }
       } catch (...) {
-        failed = true;
-#pragma omp critical
-        if (!failure) failure = std::current_exception();
+        record_failure();
       }
     }
 #pragma omp barrier
 #pragma omp critical
     {
-      if (compute_feature_importances) {
+      if (compute_feature_importances && !failed) {
         size_t j = 0;
         for (auto& value : feature_importances) value += scratch[j++];
       }
