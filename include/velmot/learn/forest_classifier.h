@@ -86,9 +86,8 @@ inline const FlatNode* find_leaf(const FlatNode* nodes, const double* values) {
 // values apart (at least the feature count), as doubles (the type descent
 // compares in): the values one descent reads lie together.
 template <class D>
-void gather_block(const D& data, size_t begin, size_t end, size_t stride, std::vector<double>& values) {
+void gather_block(const D& data, size_t begin, size_t end, size_t stride, double* values) {
   const size_t nf = data.get_num_features();
-  values.resize((end - begin) * stride);
   for (size_t f = 0; f < nf; ++f) {
     for (size_t i = begin; i < end; ++i) values[(i - begin) * stride + f] = static_cast<double>(data(i, f));
   }
@@ -278,22 +277,29 @@ void BaseForestClassifier<L>::for_each_instance(const D& data, Body&& body) {
   const int64_t batched = num_instances - 1;
   const int64_t num_blocks = (batched + block_size - 1) / block_size;
   const size_t num_trees = tree_starts.size();
+  // Every thread's buffers are allocated here, where an allocation failure
+  // can still be reported: nothing may throw inside the region.
+  const int team = std::max(omp_get_max_threads(), 1);
+  const size_t tally_cells = static_cast<size_t>(block_size) * slots;
+  const size_t value_cells = static_cast<size_t>(block_size) * stride;
+  std::vector<int> all_tallies(static_cast<size_t>(team) * tally_cells);
+  std::vector<double> all_values(static_cast<size_t>(team) * value_cells);
   int missing = 0;
-#pragma omp parallel reduction(| : missing)
+#pragma omp parallel num_threads(team) reduction(| : missing)
   {
-    std::vector<int> tallies(static_cast<size_t>(block_size) * slots);
-    std::vector<double> values;
+    int* const tallies = all_tallies.data() + static_cast<size_t>(omp_get_thread_num()) * tally_cells;
+    double* const values = all_values.data() + static_cast<size_t>(omp_get_thread_num()) * value_cells;
 #pragma omp for schedule(dynamic, 1)
     for (int64_t b = 0; b < num_blocks; ++b) {
       if (missing) continue;
       const int64_t begin = b * block_size;
       const int64_t end = std::min(begin + block_size, batched);
       forest_prediction::gather_block(data, static_cast<size_t>(begin), static_cast<size_t>(end), stride, values);
-      std::fill(tallies.begin(), tallies.end(), 0);
+      std::fill(tallies, tallies + tally_cells, 0);
       for (size_t t = 0; t < num_trees && !missing; ++t) {
         const FlatNode* nodes = flat_nodes.data() + tree_starts[t];
-        const double* instance_values = values.data();
-        int* tally = tallies.data();
+        const double* instance_values = values;
+        int* tally = tallies;
         for (int64_t i = begin; i < end; ++i, instance_values += stride, tally += slots) {
           const int32_t slot = forest_prediction::find_leaf(nodes, instance_values)->next;
           if (slot >= 0) {
@@ -306,7 +312,7 @@ void BaseForestClassifier<L>::for_each_instance(const D& data, Body&& body) {
       }
       if (missing) continue;
       for (int64_t i = begin; i < end; ++i) {
-        body(static_cast<size_t>(i), tallies.data() + static_cast<size_t>(i - begin) * slots);
+        body(static_cast<size_t>(i), tallies + static_cast<size_t>(i - begin) * slots);
       }
     }
   }
