@@ -21,6 +21,7 @@ are learnt again by Dask and come out the same.
 
 import contextlib
 import uuid
+from concurrent.futures import CancelledError
 import warnings
 from numbers import Integral
 
@@ -47,6 +48,10 @@ from ._forest import RandomForestClassifier as LocalRandomForestClassifier
 from ._learning import draw_chunk_seeds, learn_chunk, plan_chunks
 
 __all__ = ["RandomForestClassifier"]
+
+# Times the training set is scattered before a fit gives up, when workers
+# holding its last copy keep being lost.
+_SCATTER_ATTEMPTS = 3
 
 # Attributes that make up a fitted forest, copied to the local estimator.
 _FITTED_ATTRIBUTES = (
@@ -90,8 +95,7 @@ class RandomForestClassifier(LocalRandomForestClassifier):
     exact median would need a whole column on one worker).
 
     Prediction on a Dask array or DataFrame is lazy, one task per block of
-    rows; when a client is at hand the forest is scattered to the workers
-    once per call rather than carried in the task graph. On numpy or pandas
+    rows, with the forest carried once in the task graph. On numpy or pandas
     input, prediction runs here, exactly as the local estimator's.
 
     Parameters
@@ -386,27 +390,41 @@ class RandomForestClassifier(LocalRandomForestClassifier):
 
         sizes = self._block_sizes(settings["n_threads"])
         seeds = draw_chunk_seeds(self.random_state, len(sizes))
+        labels = np.ascontiguousarray(codes, dtype=np.int32)
         fit_id = uuid.uuid4().hex
-        # Every worker gets its own copy, so that losing one loses no data.
-        data = client.scatter([features, np.ascontiguousarray(codes, dtype=np.int32)], broadcast=True, hash=False)
-        futures = []
-        try:
-            with _cancelled_on_failure(client, futures):
-                for index, (size, seed) in enumerate(zip(sizes, seeds)):
-                    futures.append(
-                        client.submit(
-                            learn_chunk,
-                            *data,
-                            n_classes=len(classes),
-                            n_trees=size,
-                            seed=int(seed),
-                            key=f"velmot-learn-block-{fit_id}-{index}",
-                            **settings,
-                        )
-                    )
-                blocks = self._gather(futures, sizes)
-        finally:
-            client.cancel(data)
+        blocks = [None] * len(sizes)
+        with self._progress_bar() as progress:
+            for attempt in range(1, _SCATTER_ATTEMPTS + 1):
+                pending = [index for index, block in enumerate(blocks) if block is None]
+                # A copy on every worker. Dask drops the copies no waiting
+                # task needs, though, and scattered data cannot be recomputed:
+                # if the last copy goes down with its worker, the unfinished
+                # blocks are cancelled and learnt again from a new scatter.
+                data = client.scatter([features, labels], broadcast=True, hash=False)
+                futures = []
+                try:
+                    with _cancelled_on_failure(client, futures):
+                        for index in pending:
+                            futures.append(
+                                client.submit(
+                                    learn_chunk,
+                                    *data,
+                                    n_classes=len(classes),
+                                    n_trees=sizes[index],
+                                    seed=int(seeds[index]),
+                                    key=f"velmot-learn-block-{fit_id}-{index}-{attempt}",
+                                    **settings,
+                                )
+                            )
+                        for position, block in _finished(futures):
+                            blocks[pending[position]] = block
+                            progress.update(sizes[pending[position]])
+                    break
+                except CancelledError:
+                    if attempt == _SCATTER_ATTEMPTS or not _lost(client, data):
+                        raise
+                finally:
+                    client.cancel(data)
         self._set_forest(classes, n_features, features.shape[0], sizes, blocks, upper_medians(X))
 
     def _fit_partition_wise(self, client, X, y):
@@ -432,7 +450,7 @@ class RandomForestClassifier(LocalRandomForestClassifier):
                     ]
                 )
             )
-            summaries = self._gather(futures)
+            summaries = [summary for _, summary in sorted(_finished(futures), key=lambda finished: finished[0])]
         used = [i for i, summary in enumerate(summaries) if summary["n_samples"] > 0]
         if not used:
             raise ValueError("X has no samples; every partition is empty.")
@@ -461,10 +479,13 @@ class RandomForestClassifier(LocalRandomForestClassifier):
                     dask_key_name=f"velmot-learn-partition-{fit_id}-{rank}",
                 )
             )
+        blocks = [None] * len(tasks)
         futures = []
-        with _cancelled_on_failure(client, futures):
+        with _cancelled_on_failure(client, futures), self._progress_bar() as progress:
             futures.extend(client.compute(tasks))
-            blocks = self._gather(futures, sizes)
+            for position, block in _finished(futures):
+                blocks[position] = block
+                progress.update(sizes[position])
         medians = _combined_medians([summaries[i] for i in used], n_features)
         self._set_forest(classes, n_features, n_features + int(all_features), sizes, blocks, medians)
 
@@ -481,20 +502,8 @@ class RandomForestClassifier(LocalRandomForestClassifier):
             )
         return n_samples
 
-    def _gather(self, futures, sizes=None):
-        """Results of futures in their order, taken as they finish; with
-        sizes, a progress bar counts the trees of finished blocks."""
-        position = {future.key: index for index, future in enumerate(futures)}
-        results = [None] * len(futures)
-        with tqdm(
-            total=self.n_estimators, unit="tree", desc="Learning trees", disable=sizes is None or self.verbose <= 0
-        ) as progress:
-            for future, result in as_completed(futures, with_results=True):
-                index = position[future.key]
-                results[index] = result
-                if sizes is not None:
-                    progress.update(sizes[index])
-        return results
+    def _progress_bar(self):
+        return tqdm(total=self.n_estimators, unit="tree", desc="Learning trees", disable=self.verbose <= 0)
 
     def _set_forest(self, classes, n_features, n_importance_rows, sizes, blocks, missing_value_fill):
         """Join the blocks' trees in block order; average the importances of
@@ -519,23 +528,6 @@ class RandomForestClassifier(LocalRandomForestClassifier):
 
     # -- prediction -------------------------------------------------------
 
-    def _shared_forest(self):
-        """The local forest as one graph node that every block's task reads.
-
-        With a client, the forest is scattered to the workers and the graph
-        holds only its reference: a forest of many megabytes would otherwise
-        travel through the scheduler inside the graph on every compute.
-        Without one, it is embedded, for any scheduler.
-        """
-        forest = self.to_local()
-        client = self.client
-        if client is None:
-            try:
-                client = default_client()
-            except ValueError:
-                return dask.delayed(forest, pure=False)
-        return dask.delayed(client.scatter(forest, broadcast=True, hash=False))
-
     def _predict_lazily(self, X, method):
         check_is_fitted(self)
         if isinstance(X, da.Array):
@@ -551,7 +543,11 @@ class RandomForestClassifier(LocalRandomForestClassifier):
         else:
             raise TypeError(f"X must be a numpy-like matrix, a Dask array or a Dask DataFrame, not {type(X).__name__}.")
 
-        forest = self._shared_forest()
+        # The forest is one node of the graph, read by every block's task.
+        # Embedded rather than scattered: Dask keeps a single copy of
+        # scattered data, which a lost worker would take with it, while an
+        # embedded forest is simply sent again, on any scheduler.
+        forest = dask.delayed(self.to_local(), pure=False)
         if method == "predict":
             meta = np.empty((0,), dtype=self.classes_.dtype)
         else:
@@ -572,6 +568,26 @@ def _cancelled_on_failure(client, futures):
     except BaseException:
         client.cancel(futures)
         raise
+
+
+def _finished(futures):
+    """(position in futures, result) of each future, as they finish.
+
+    A task's error is raised; so is a cancellation, which as_completed would
+    otherwise hand over in place of the result.
+    """
+    position = {future.key: index for index, future in enumerate(futures)}
+    for future, result in as_completed(futures, with_results=True):
+        if future.status == "cancelled":
+            raise result if isinstance(result, CancelledError) else CancelledError(f"{future.key} was cancelled")
+        yield position[future.key], result
+
+
+def _lost(client, data):
+    """Whether some of the scattered data no longer exists on any worker."""
+    if any(future.status != "finished" for future in data):
+        return True
+    return not all(client.who_has(data).values())
 
 
 def _computed(client, *values):
