@@ -56,6 +56,18 @@ void comparison_sort(Iterator first, Iterator last) {
   std::sort(first, last, FeatureLabelLessThan<P>());
 }
 
+// Stable insertion sort by value, for the few pairs of small nodes (no
+// allocation, unlike std::stable_sort).
+template <class P>
+void insertion_sort_by_value(P* first, P* last) {
+  for (P* i = first + (first != last); i < last; ++i) {
+    const P moving = *i;
+    P* j = i;
+    for (; j != first && moving.first < (j - 1)->first; --j) *j = *(j - 1);
+    *j = moving;
+  }
+}
+
 // Label offset on the counting grid and the label written back for it.
 template <class L>
 struct LabelGrid {
@@ -184,6 +196,11 @@ public:
     // NaN values (never present after imputation) go to the end unsorted.
     last = std::partition(first, last, [](const pair_type& p) { return p.first == p.first; });
     const size_t n = static_cast<size_t>(last - first);
+    if (n < 2) return;
+    if (n < insertion_threshold) {
+      sort_detail::insertion_sort_by_value(&*first, &*first + n);
+      return;
+    }
     if (n < radix_threshold) {
       std::stable_sort(first, last, FeatureLabelLessThan<pair_type>());
       return;
@@ -202,6 +219,7 @@ public:
   }
 
 private:
+  static constexpr size_t insertion_threshold = 32;
   static constexpr size_t radix_threshold = 256;
   static constexpr size_t num_digits = sizeof(key_type);
 
@@ -268,7 +286,7 @@ public:
   void sort(size_t n, uint32_t rmin, uint32_t rmax, const F* value_of_rank, pair_type* out) {
     if (n < small_size) {
       for (size_t i = 0; i < n; ++i) out[i] = pair_type(value_of_rank[key[i]], label[i]);
-      std::stable_sort(out, out + n, FeatureLabelLessThan<pair_type>());
+      sort_detail::insertion_sort_by_value(out, out + n);
       return;
     }
     const uint32_t span = rmax - rmin;
