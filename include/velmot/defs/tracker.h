@@ -89,13 +89,13 @@ private:
     initialized = true;
   }
 
-  Compare compare;
   bool initialized = false;
   double minimum_value;
   T minimizer;
   double maximum_value;
   T maximizer;
   int nties;
+  Compare compare;
 };
 
 // T is the feature element type. The default threshold is the smallest
