@@ -187,6 +187,21 @@ TEST(LearnTree, ImportancesAreImprovementTimesSizeThenNormalised) {
   EXPECT_THROW(learn(all_of(data), 0, 0, &too_short), Velmot::Exception);
 }
 
+TEST(LearnTree, LabelsOutsideTheHistogramAreRefused) {
+  seeded_replay(1);
+  EXPECT_THROW(learn(all_of(columns({{1, 2}}, {0, 3}, 2)), 0, 0), Velmot::IncompatibleDataException);
+  EXPECT_THROW(learn(all_of(columns({{1, 2}}, {-2, 0}, 2)), 0, 0), Velmot::IncompatibleDataException);
+  Velmot::MemoryDataSet<double, float> real(1);
+  real.nc = 2;
+  real.features[0] = {1, 2};
+  real.labels = {0.5f, -1.0f};
+  Velmot::IndexedDataSet<Velmot::MemoryDataSet<double, float>> sample(&real);
+  sample.use_all_instances();
+  std::vector<double> unused;
+  EXPECT_THROW(Velmot::learn_tree(sample, 0, 0, 1, Velmot::TwoSplitGainRatio(), false, unused),
+               Velmot::IncompatibleDataException);
+}
+
 TEST(LearnTree, NegativeMinLeafSizeMakesEveryNodeALeaf) {
   const Data data = columns({{1, 2, 3, 4}}, {0, 0, 1, 1}, 2);
   seeded_replay(6);

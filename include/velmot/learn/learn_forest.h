@@ -46,17 +46,6 @@ inline int threads_with_trees(int forest_size, int team) {
   return forest_size / chunk + (forest_size % chunk != 0 ? 1 : 0);
 }
 
-// Labels must fall in the histogram: an integer label in [-1, nc], a real
-// one in (-1, nc + 1) so that both of its slot conversions stay inside.
-template <class L>
-bool label_fits_histogram(L label, size_t num_classes) {
-  if constexpr (std::is_integral<L>::value) {
-    return static_cast<int64_t>(label) >= -1 && static_cast<int64_t>(label) <= static_cast<int64_t>(num_classes);
-  } else {
-    return label > static_cast<L>(-1) && static_cast<double>(label) < static_cast<double>(num_classes) + 1.0;
-  }
-}
-
 template <class D>
 void check_forest_input(const D& data, int forest_size, double sample_prop, size_t importance_size,
                         bool compute_feature_importances) {

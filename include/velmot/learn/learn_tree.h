@@ -150,6 +150,12 @@ Node<typename D::label_type>* learn_tree(const IndexedDataSet<D>& data, int fte_
   if (compute_feature_importances && feature_importances.size() < data.get_num_features()) {
     throw Exception("feature importances need one entry per feature");
   }
+  if (data.get_num_classes() > 2147483645u) throw IncompatibleDataException("data set has too many classes");
+  for (size_t i = 0; i < data.get_num_instances(); ++i) {
+    if (!label_fits_histogram(data.get_label(i), data.get_num_classes())) {
+      throw IncompatibleDataException("a label lies outside the range of classes");
+    }
+  }
 
   // The pool cannot change while a tree grows, so the thread's generator is
   // fetched once.

@@ -15,6 +15,7 @@
 
 #include <cmath>
 #include <cstdint>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -125,6 +126,18 @@ private:
   LabelingType ltype = DiscreteZeroOnward;
   int64_t sum_squared = 0;
 };
+
+// Whether a label can be counted: an integer label in [-1, num_classes], a
+// real one in (-1, num_classes + 1), so that both ways of finding its slot
+// (add_count's and the split search's) stay inside the histogram.
+template <class L>
+bool label_fits_histogram(L label, size_t num_classes) {
+  if constexpr (std::is_integral<L>::value) {
+    return static_cast<int64_t>(label) >= -1 && static_cast<int64_t>(label) <= static_cast<int64_t>(num_classes);
+  } else {
+    return label > static_cast<L>(-1) && static_cast<double>(label) < static_cast<double>(num_classes) + 1.0;
+  }
+}
 
 // log2 that maps 0 to 0, so an empty class contributes nothing.
 inline double special_log2(double x) { return x == 0.0 ? 0.0 : std::log2(x); }
