@@ -7,7 +7,10 @@
 // - for integer and byte features, IntFlexiSort: a counting sort over the
 //   (value, label) grid when that grid and the range are small compared
 //   with n log2 n, the comparison sort otherwise;
-// - for floating-point features, the comparison sort.
+// - for floating-point features, ComparisonFlexiSort: a stable sort by value
+//   (radix sort of the values' bits, or a comparison sort for small ranges).
+// RankSort serves floating-point features whose values were ranked once per
+// forest: it sorts the ranks instead, in the same stable order.
 //
 // The counting sort's result is ascending by value and, within equal values,
 // ascending by label; the comparison sort leaves the order of equal values
@@ -43,16 +46,11 @@ struct FeatureLabelLessThan {
 
 namespace sort_detail {
 
-// The comparison sort. Any algorithm that orders by value will do: the order
-// of equal values is free. NaN values (never present after imputation) cannot
-// derail it: they are moved to the end first, so the sort itself only sees a
-// strict weak order.
+// The comparison sort of integer pairs. Any algorithm that orders by value
+// will do: the order of equal values is free.
 template <class Iterator>
 void comparison_sort(Iterator first, Iterator last) {
   typedef typename std::iterator_traits<Iterator>::value_type P;
-  if constexpr (std::is_floating_point<typename P::first_type>::value) {
-    last = std::partition(first, last, [](const P& p) { return p.first == p.first; });
-  }
   std::sort(first, last, FeatureLabelLessThan<P>());
 }
 
