@@ -1,5 +1,8 @@
 #include "argument_checks.h"
 
+#include <sys/sysinfo.h>
+
+#include <climits>
 #include <string>
 
 #include "boundary.h"
@@ -48,8 +51,35 @@ void require_thread_count(int num_threads, int max_threads) {
 }
 
 void require_class_count(int num_classes) {
-  if (num_classes >= 0) return;
-  throw ModuleError("num_classes must be >= 0, not " + std::to_string(num_classes));
+  // Learning refuses the same bound: past it, label + 2 overflows an int.
+  constexpr int max_classes = INT_MAX - 2;
+  if (num_classes < 0) throw ModuleError("num_classes must be >= 0, not " + std::to_string(num_classes));
+  if (num_classes > max_classes) {
+    throw ModuleError("num_classes must be at most " + std::to_string(max_classes) + ", not " +
+                      std::to_string(num_classes));
+  }
+}
+
+void require_int_strides(const char* name, PyArrayObject* array) {
+  for (int d = 0; d < PyArray_NDIM(array); ++d) {
+    const npy_intp stride = PyArray_STRIDE(array, d);
+    if (PyArray_DIM(array, d) <= 1 || (stride >= INT_MIN && stride <= INT_MAX)) continue;
+    throw ModuleError(std::string(name) + " stride " + std::to_string(d) + " is " + std::to_string(stride) +
+                      " bytes, beyond the 32-bit strides supported: pass a copy (numpy.ascontiguousarray)");
+  }
+}
+
+void require_affordable_forest(int num_trees) {
+  // Fewer bytes than any tree costs at its smallest: one root node, its slot
+  // in the forest and in the result list, and a (5, 1) float64 array.
+  constexpr unsigned long long min_bytes_per_tree = 128;
+  struct sysinfo machine;
+  if (num_trees <= 0 || sysinfo(&machine) != 0) return;
+  const unsigned long long memory =
+      (static_cast<unsigned long long>(machine.totalram) + machine.totalswap) * machine.mem_unit;
+  if (static_cast<unsigned long long>(num_trees) * min_bytes_per_tree <= memory) return;
+  throw ModuleError("num_trees=" + std::to_string(num_trees) + " cannot fit in this machine's " +
+                    std::to_string(memory >> 20) + " MiB of memory, even as single-leaf trees");
 }
 
 }  // namespace PyVelmot

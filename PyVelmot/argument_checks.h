@@ -41,7 +41,17 @@ void require_writeable(const char* name, PyArrayObject* array);
 // 1 .. max_threads; max_threads < 0 means no upper bound.
 void require_thread_count(int num_threads, int max_threads);
 
+// 0 .. max_classes: the vote tally has num_classes + 2 int slots.
 void require_class_count(int num_classes);
+
+// Byte strides the library's 32-bit views can hold (dimensions of length 0
+// or 1 are never stepped through, so theirs may be anything).
+void require_int_strides(const char* name, PyArrayObject* array);
+
+// Refuses a forest that could not fit in the machine's memory even if every
+// tree were a single leaf, before anything is sized by it: such a request
+// would otherwise exhaust memory part-way through learning.
+void require_affordable_forest(int num_trees);
 
 }  // namespace PyVelmot
 

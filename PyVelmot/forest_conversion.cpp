@@ -3,6 +3,7 @@
 #include <sstream>
 #include <string>
 
+#include "argument_checks.h"
 #include "array_view.h"
 #include "boundary.h"
 #include "py_ref.h"
@@ -39,6 +40,10 @@ Velmot::Node<L>* convert_array_to_tree(PyObject* array) {
   if (view.num_rows() < 5) throw ModuleError("decision tree array must have at least 5 rows");
   const int n = view.num_cols();
   if (n == 0) return nullptr;
+  // Narrowed to the views' 32-bit sizes, a column count or stride past them
+  // would index memory the array does not have.
+  if (n < 0) throw ModuleError("decision tree array has more than 2147483647 columns");
+  require_int_strides("forest[i]", reinterpret_cast<PyArrayObject*>(array));
   Velmot::VectorizedTree<L> tree;
   return tree.vector_to_root(n, view.get_row(0), view.get_row(1), view.get_row(2), view.get_row(3),
                              view.get_row(4), false);

@@ -126,6 +126,7 @@ PyObject* learn_wrap(PyObject*, PyObject* args) {
           "the number of labels must be the same as the number of rows (instances) in the instance matrix");
     }
     require_thread_count(num_threads, Velmot::pool_size);
+    require_affordable_forest(num_trees);
     omp_set_num_threads(num_threads);
 
     const Velmot::DisNativeArrayDataSet<F, L> native(

@@ -16,6 +16,7 @@
 #include "velmot/dataset/dataset.h"
 #include "velmot/dataset/native_array_dataset.h"
 #include "velmot/defs/contiguous_array_2d.h"
+#include "velmot/defs/random.h"
 #include "velmot/learn/forest_classifier.h"
 
 namespace PyVelmot {
@@ -32,8 +33,10 @@ struct PredictionInput {
     require_ndim("X_", x, 2, "features x instances");
     require_element_size("X_", x, sizeof(F), element_type_name<F>());
     require_class_count(num_classes);
-    // The pool is not used here, so any positive team size will do.
-    require_thread_count(num_threads, -1);
+    // Prediction draws nothing from the pool, but the process-wide team
+    // size is bounded the same way for every call: far larger teams cannot
+    // be started and end the process inside the runtime.
+    require_thread_count(num_threads, Velmot::pool_size);
     omp_set_num_threads(num_threads);
     num_features = PyArray_DIM(x, 0);
     num_instances = PyArray_DIM(x, 1);
@@ -124,6 +127,7 @@ PyObject* prob_wrap(PyObject*, PyObject* args) {
     require_dim_at_least("probs_out_", probs_out, 1, num_classes, "classes");
     require_element_size("probs_out_", probs_out, sizeof(T), element_type_name<T>());
     require_writeable("probs_out_", probs_out);
+    require_int_strides("probs_out_", probs_out);
     input.load();
 
     Velmot::BaseForestClassifier<L> predictor(num_classes);
