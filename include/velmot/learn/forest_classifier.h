@@ -21,9 +21,9 @@
 //                      features and 100 full-depth trees (450,000 nodes),
 //                      walking linked nodes instance by instance spent its
 //                      time in cache misses (6.4 s on 2 threads); the flat
-//                      walk over blocks keeps one tree's nodes and one
-//                      block's values in cache (0.4 s on 1 thread, level
-//                      with scikit-learn's predict).
+//                      walk keeps one tree's nodes in cache while it
+//                      streams through a block of instances (0.6 s on 1
+//                      thread).
 //
 // D, the data set, needs get_num_instances(), get_num_features(),
 // get_num_classes(), get_labeling() and operator()(i, j).
@@ -269,17 +269,23 @@ void BaseForestClassifier<L>::for_each_instance(const D& data, Body&& body) {
 
   // All but the last instance in blocks; the last one through predict() so
   // that votes_for_each_tree and counts end as the one-by-one loop leaves
-  // them. Every tree walks a whole block, whose values (about 256 KiB at
-  // most) stay in cache meanwhile.
+  // them. Every tree walks a whole block before the next tree starts, so a
+  // tree is loaded into cache once per block: the larger the block, the
+  // fewer loads (measured for 30,000 instances and 100 trees of 4,500
+  // nodes on one thread: blocks of 256 instances 1.84 s, 4,096 0.74 s,
+  // all 30,000 0.61 s). Blocks are capped at 4 Mi values and tallies each,
+  // so that memory stays bounded, and at one per thread.
   const size_t slots = counts.size();
   const size_t stride = std::max<size_t>(data.get_num_features(), 1);
-  const int64_t block_size = static_cast<int64_t>(std::min<size_t>(256, std::max<size_t>(16, 32768 / stride)));
+  const int team = std::max(omp_get_max_threads(), 1);
   const int64_t batched = num_instances - 1;
+  const size_t cap = size_t(1) << 22;
+  const int64_t block_size = std::max<int64_t>(
+      16, std::min<int64_t>((batched + team - 1) / team, static_cast<int64_t>(std::min(cap / stride, cap / std::max<size_t>(slots, 1)))));
   const int64_t num_blocks = (batched + block_size - 1) / block_size;
   const size_t num_trees = tree_starts.size();
   // Every thread's buffers are allocated here, where an allocation failure
   // can still be reported: nothing may throw inside the region.
-  const int team = std::max(omp_get_max_threads(), 1);
   const size_t tally_cells = static_cast<size_t>(block_size) * slots;
   const size_t value_cells = static_cast<size_t>(block_size) * stride;
   std::vector<int> all_tallies(static_cast<size_t>(team) * tally_cells);
