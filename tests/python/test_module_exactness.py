@@ -100,6 +100,52 @@ def gini(counts):
     return sum(c * c for c in counts) / total if total else 0.0
 
 
+def _log2(x):
+    return math.log2(x) if x != 0 else 0.0
+
+
+def _negate(x):
+    return -x if x != 0 else 0.0
+
+
+def entropy(counts):
+    num_classes = len(counts) - 2
+    total = sum(counts)
+    if total == 0 or num_classes < 2:
+        return 0.0
+    if num_classes == 2:
+        a, b = counts[1], counts[2]
+        if a == 0 or b == 0:
+            return 0.0
+        p, q = a / float(a + b), b / float(a + b)
+        return _negate(p * _log2(p) + q * _log2(q))
+    total_sum = 0.0
+    for slot in range(1, num_classes + 1):
+        p = counts[slot] / total
+        total_sum += p * _log2(p)
+    return _negate(total_sum)
+
+
+def _gain(s_init, left, right):
+    p_left = sum(left) / float(sum(left) + sum(right))
+    p_right = sum(right) / float(sum(left) + sum(right))
+    return s_init - (p_left * entropy(left) + p_right * entropy(right)), p_left, p_right
+
+
+# Per criterion: (initial statistic, value of the unsplit node, score of a
+# split, final score). The impurity decrease is measured the Gini way for all.
+CRITERIA = {
+    "gini": (gini, lambda s: s, lambda s, l, r: gini(l) + gini(r), lambda v, s: v - s),
+    "infogain": (entropy, lambda s: 0.0, lambda s, l, r: _gain(s, l, r)[0], lambda v, s: v),
+    "gainratio": (
+        entropy,
+        lambda s: 0.0,
+        lambda s, l, r: (lambda g, pl, pr: g / _negate(pl * _log2(pl) + pr * _log2(pr)))(*_gain(s, l, r)),
+        lambda v, s: v,
+    ),
+}
+
+
 def leaf_label(counts, num_classes, rng, stats):
     tracker = TieTracker(rng, stats)
     for slot in range(1, num_classes + 2):
@@ -112,11 +158,12 @@ class TieOrderMatters(Exception):
     must not let that order decide which boundaries are scored."""
 
 
-def best_split(X, y, items, f, node_counts, num_classes, integer_features):
+def best_split(X, y, items, f, node_counts, num_classes, integer_features, criterion):
+    initial, unsplit, split_score, final = CRITERIA[criterion]
     pairs = sorted((X[i][f], y[i]) for i in items)
     n = len(pairs)
-    s_init = gini(node_counts)
-    best_value, best = s_init, (f, pairs[0][0], 0.0)
+    s_init, s_impurity = initial(node_counts), gini(node_counts)
+    best_value, best = unsplit(s_init), (f, pairs[0][0], 0.0)
     left, right = [0] * (num_classes + 2), list(node_counts)
     left[pairs[0][1] + 1] += 1
     right[pairs[0][1] + 1] -= 1
@@ -134,18 +181,18 @@ def best_split(X, y, items, f, node_counts, num_classes, integer_features):
                 different = label != first_label
             if previous != value and different:
                 threshold = value if integer_features else (previous + value) * 0.5
-                score = gini(left) + gini(right)
+                score = split_score(s_init, left, right)
                 if score > best_value:
-                    best_value, best = score, (f, threshold, score)
+                    best_value, best = score, (f, threshold, gini(left) + gini(right))
                 different, first_label = False, label
             left[label + 1] += 1
             right[label + 1] -= 1
     f, threshold, impurity = best
-    return best_value - s_init, (f, threshold, max(impurity - s_init, 0.0))
+    return final(best_value, s_init), (f, threshold, max(impurity - s_impurity, 0.0))
 
 
 def learn_tree(X, y, sample, num_classes, fte_per_split, max_depth, rng, importances, stats,
-               integer_features):
+               integer_features, criterion):
     nf = len(X[0])
     root = Node()
     queue = deque([(root, list(sample), 0)])
@@ -170,7 +217,7 @@ def learn_tree(X, y, sample, num_classes, fte_per_split, max_depth, rng, importa
             chosen.add(f)
             if len({X[i][f] for i in items}) == 1:
                 continue
-            tracker.offer(*best_split(X, y, items, f, counts, num_classes, integer_features))
+            tracker.offer(*best_split(X, y, items, f, counts, num_classes, integer_features, criterion))
             evaluated += 1
         if tracker.best is None:
             f, threshold, gain = -1, 0, 0.0
@@ -211,7 +258,7 @@ def export(root):
 
 
 def reference_forest(X, y, num_classes, num_trees, sampling_prop, fte_per_split, max_depth,
-                     num_threads, seed, integer_features):
+                     num_threads, seed, integer_features, criterion="gini"):
     generators = seeded_pool(seed)
     ni, nf = len(y), len(X[0])
     chunk = -(-num_trees // num_threads)
@@ -224,7 +271,7 @@ def reference_forest(X, y, num_classes, num_trees, sampling_prop, fte_per_split,
             sample = [rng.bounded(ni) for _ in range(int(sampling_prop * ni))]
             tree_importances = [0.0] * nf
             trees[k] = export(learn_tree(X, y, sample, num_classes, fte_per_split, max_depth, rng,
-                                         tree_importances, stats, integer_features))
+                                         tree_importances, stats, integer_features, criterion))
             scratch = [a + b for a, b in zip(scratch, tree_importances)]
         importances = [a + b for a, b in zip(importances, scratch)]
     scale = 1.0 / num_trees
@@ -286,6 +333,23 @@ def test_forest_matches_independent_recomputation(learn, dtype, max_depth, seed,
     np.testing.assert_array_equal(importances, expected_importances)
     # The data really exercises the random tie rules.
     assert stats["tie draws"] > 0
+
+
+@pytest.mark.parametrize("num_classes", [2, 3])
+@pytest.mark.parametrize("criterion", ["infogain", "gainratio"])
+def test_entropy_criteria_match_independent_recomputation(criterion, num_classes):
+    # Two classes take the two-class entropy; three the general sum.
+    seed, num_trees = 31, 6
+    X_features_major = np.ascontiguousarray(np.array(INSTANCES, dtype=np.int32).T)
+    expected, expected_importances, _ = reference_forest(
+        INSTANCES, LABELS, num_classes, num_trees, 1.0, 2, 0, 2, seed, True, criterion)
+    wrap.set_seed(seed)
+    learn = getattr(wrap, f"learn_ii_{criterion}")
+    trees, importances = learn(X_features_major, np.array(LABELS, dtype=np.int32), num_classes, num_trees,
+                               1.0, 2, 0, 2, 1)
+    for k, (tree, reference) in enumerate(zip(trees, expected)):
+        np.testing.assert_array_equal(tree, reference, err_msg=f"tree {k}")
+    np.testing.assert_array_equal(importances, expected_importances)
 
 
 def test_generator_and_pool_seeding_of_the_reference():
