@@ -98,7 +98,10 @@ void gather_block(const D& data, size_t begin, size_t end, size_t stride, double
 template <class L>
 class BaseForestClassifier {
 public:
-  explicit BaseForestClassifier(int num_classes) : counts(static_cast<size_t>(num_classes + 2), 0) {}
+  // The tally size is formed in 64 bits: num_classes + 2 overflows an int
+  // for the largest class counts (a negative size fails as an allocation).
+  explicit BaseForestClassifier(int num_classes)
+      : counts(static_cast<size_t>(static_cast<int64_t>(num_classes) + 2), 0) {}
 
   // The trees stay owned by the caller and must outlive their use here.
   void use_forest(const std::vector<Node<L>*>& trees) {
