@@ -186,3 +186,16 @@ def test_resident_memory_stays_flat_over_many_calls():
     growth = _resident_kib() - before
     # Keeping the trees of every call would add about 5 MiB here.
     assert growth < 1536, f"resident memory grew by {growth} KiB"
+
+
+def test_the_thread_count_stays_in_force_after_a_call():
+    import ctypes
+
+    gomp = ctypes.CDLL("libgomp.so.1")
+    X, y = two_class_data(20)
+    X_fm = np.ascontiguousarray(X.T, dtype=np.float64)
+    wrap.set_seed(2)
+    trees, _ = wrap.learn_di_gini(X_fm, y, 2, 2, 1.0, 2, 0, 4, 0)
+    assert gomp.omp_get_max_threads() == 4
+    wrap.test_di(X_fm, trees, 2, np.zeros(20, dtype=np.int32), 3)
+    assert gomp.omp_get_max_threads() == 3
