@@ -182,10 +182,20 @@ TEST(IndexedDataSet, RankSortMatchesTheValueSort) {
       auto by_rank = by_value;
       by_rank.ranks = &ranks;
       ASSERT_TRUE(by_rank.buffer_sorted_feature_unless_constant(0, 10, n + 10));
+      ASSERT_TRUE(by_rank.sorted_ranks());
       by_value.buffer_feature(0, 10, n + 10);
       by_value.sort_buffered_feature(0, 10, n + 10);
-      for (size_t p = 10; p < n + 10; ++p) {
-        ASSERT_EQ(by_rank.get_buffered_feature_label(p), by_value.get_buffered_feature_label(p)) << n << " " << p;
+      const uint32_t* rank = by_rank.rank_sort.sorted_key();
+      const int* label = by_rank.rank_sort.sorted_label();
+      const double* value_of_rank = by_rank.sorted_values();
+      for (size_t i = 0; i < n; ++i) {
+        const auto& expected = by_value.get_buffered_feature_label(10 + i);
+        ASSERT_EQ(value_of_rank[rank[i]], expected.first) << n << " " << i;
+        ASSERT_EQ(label[i], expected.second) << n << " " << i;
+        // Ranks are equal exactly when values are.
+        if (i > 0) {
+          ASSERT_EQ(rank[i] == rank[i - 1], expected.first == by_value.get_buffered_feature_label(9 + i).first);
+        }
       }
     }
   }
@@ -198,6 +208,10 @@ TEST(IndexedDataSet, RankSortMatchesTheValueSort) {
   EXPECT_TRUE(indexed.buffer_sorted_feature_unless_constant(0, 0, 4));
   indexed.ranks = nullptr;
   EXPECT_FALSE(indexed.buffer_sorted_feature_unless_constant(0, 0, 3));
+  // Without ranks the pairs are in the buffer, and the flag says so.
+  EXPECT_TRUE(indexed.buffer_sorted_feature_unless_constant(0, 0, 4));
+  EXPECT_FALSE(indexed.sorted_ranks());
+  EXPECT_EQ(indexed.get_buffered_feature_label(3).first, 5.0);
 }
 
 }  // namespace

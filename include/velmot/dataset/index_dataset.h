@@ -53,6 +53,7 @@ public:
   // whatever it held.
   void buffer_feature(size_t feature_index, size_t begin, size_t end) {
     buffered_feature_index = feature_index;
+    ranks_sorted = false;
     if (feature_label_buffer.size() != indices.size()) feature_label_buffer.resize(indices.size());
     const feature_type* column = dataset->column(feature_index);
     for (size_t p = begin; p < end; ++p) {
@@ -79,16 +80,20 @@ public:
   }
 
   // The grower's step: unless the feature is constant on [begin, end)
-  // (then false, buffer unspecified), leaves the buffer as buffer_feature
-  // followed by sort_buffered_feature would. With ranks for the feature,
-  // one gather serves both the constancy test and a sort of small integers.
+  // (then false, buffer unspecified), sorts the range's pairs of the feature.
+  // Without ranks for it, the pairs are left in the buffer as buffer_feature
+  // followed by sort_buffered_feature would leave them, and sorted_ranks()
+  // is false. With ranks, one gather serves both the constancy test and a
+  // sort of small integers, and the sorted (rank, label) pairs are left in
+  // the rank sort instead (sorted_ranks() true; the buffer is not touched):
+  // the same order, with each value standing as its rank.
   bool buffer_sorted_feature_unless_constant(size_t feature_index, size_t begin, size_t end) {
+    ranks_sorted = false;
     if constexpr (std::is_floating_point<feature_type>::value) {
       if (ranks != nullptr && ranks->has_ranks(feature_index)) {
         const size_t n = end - begin;
         if (n <= 1) return false;
         buffered_feature_index = feature_index;
-        if (feature_label_buffer.size() != indices.size()) feature_label_buffer.resize(indices.size());
         rank_sort.prepare(n);
         const uint32_t* rank_of = ranks->ranks(feature_index);
         uint32_t* key = rank_sort.key.data();
@@ -103,7 +108,8 @@ public:
           rmax = std::max(rmax, r);
         }
         if (rmin == rmax) return false;
-        rank_sort.sort(n, rmin, rmax, ranks->values(feature_index), feature_label_buffer.data() + begin);
+        rank_sort.sort(n, rmin, rmax);
+        ranks_sorted = true;
         return true;
       }
     }
@@ -147,9 +153,16 @@ public:
   std::vector<pair_type> feature_label_buffer;
   uint64_t buffered_feature_index = std::numeric_limits<uint64_t>::max();
   FlexiSort<feature_type, label_type> flexi_sort;
+  // Whether the last buffer_sorted_feature_unless_constant left its result
+  // in rank_sort: ranks sorted_key()[i] + key_offset() into the value table
+  // sorted_values() and labels sorted_label()[i], for i in [0, n).
+  bool sorted_ranks() const { return ranks_sorted; }
+  const feature_type* sorted_values() const { return ranks->values(buffered_feature_index) + rank_sort.key_offset(); }
+
   // Optional ranks of the data set's features (not owned), and their sort.
   const FeatureRanks<feature_type>* ranks = nullptr;
   RankSort<feature_type, label_type> rank_sort;
+  bool ranks_sorted = false;
 };
 
 template <class I>
@@ -183,6 +196,8 @@ public:
   size_t partition(size_t feature_index, feature_type threshold) {
     return dataset->partition(feature_index, begin_i, end_i, threshold);
   }
+
+  bool sorted_ranks() const { return dataset->sorted_ranks(); }
 
   // Whether all instances of the range share one value of the feature; a
   // not-a-number value never equals the first.

@@ -112,7 +112,13 @@ Tracker<NodeResult<typename I::feature_type>, std::less<double>> search_features
     drawn.insert(fte);
     // A constant feature is skipped and not counted.
     if (n < 2 || !range.buffer_sorted_feature_unless_constant(static_cast<size_t>(fte))) continue;
-    const auto best_for_feature = learn_tree_node(random, range, counts, fte, criteria);
+    // Floating-point features sorted by rank are swept on their ranks.
+    const auto best_for_feature =
+        range.sorted_ranks()
+            ? learn_tree_node_on_ranks(n, range.dataset->rank_sort.sorted_key(),
+                                       range.dataset->rank_sort.sorted_label(), range.dataset->sorted_values(),
+                                       counts, range.get_labeling(), range.get_num_classes(), fte, criteria)
+            : learn_tree_node(random, range, counts, fte, criteria);
     best_over_features.try_candidate_break_ties(best_for_feature.get_maximum(), best_for_feature.get_maximizer(),
                                                 random);
     ++kk;

@@ -26,9 +26,11 @@
 // and get_labeling(); the criterion is one of stats/criteria.h.
 
 #include <algorithm>
+#include <cstdint>
 #include <functional>
 #include <type_traits>
 
+#include "velmot/defs/labeling.h"
 #include "velmot/defs/tracker.h"
 #include "velmot/stats/label_accumulator.h"
 
@@ -55,40 +57,42 @@ inline int label_class(L label) {
   return static_cast<int>(label);
 }
 
-template <class RNG, class R, class A, class Criterion>
-Tracker<NodeResult<typename R::feature_type>, std::less<double>> learn_tree_node(RNG& /*rng*/, R& data,
-                                                                                  const A& counts,
-                                                                                  int feature_index,
-                                                                                  const Criterion& criteria) {
-  typedef typename R::feature_type F;
-  typedef typename R::label_type L;
-  typedef NodeResult<F> Result;
+namespace split_search_detail {
 
+// The sweep over n sorted pairs, whatever holds them: key_at(i) is the i-th
+// sorted key (a value, or a rank standing for one: keys are equal exactly
+// when values are), label_at(i) its label, and value_of(key) the value of a
+// key, read only for the seed and the thresholds scored. Templates rather
+// than calls through pointers: these run once per pair and feature.
+template <class F, class L, class A, class Criterion, class KeyAt, class LabelAt, class ValueOf>
+Tracker<NodeResult<F>, std::less<double>> sweep(size_t ni, KeyAt key_at, LabelAt label_at, ValueOf value_of,
+                                                const A& counts, LabelingType labeling, size_t num_classes,
+                                                int feature_index, const Criterion& criteria) {
+  typedef NodeResult<F> Result;
   Tracker<Result, std::less<double>> tracker;
-  const size_t ni = data.get_num_instances();
   if (ni == 0) return tracker;
-  const typename R::pair_type* pairs = data.buffered_pairs();
 
   const double initial = criteria.get_initial(counts);
   const double node_impurity = criteria.get_impurity(counts);
   A left_counts;
-  left_counts.set_labeling(data.get_labeling());
-  left_counts.set_num_classes(static_cast<int>(data.get_num_classes()));
+  left_counts.set_labeling(labeling);
+  left_counts.set_num_classes(static_cast<int>(num_classes));
   A right_counts(counts);
 
-  tracker.try_candidate(criteria.get_initial_score(initial), Result(feature_index, pairs[0].first, 0.0));
-  left_counts.increment_count(label_class(pairs[0].second));
-  right_counts.decrement_count(label_class(pairs[0].second));
+  tracker.try_candidate(criteria.get_initial_score(initial), Result(feature_index, value_of(key_at(0)), 0.0));
+  left_counts.increment_count(label_class(label_at(0)));
+  right_counts.decrement_count(label_class(label_at(0)));
 
-  L first_label = pairs[0].second;
+  L first_label = label_at(0);
   bool different_labels = false;
-  if (ni > 2 && pairs[0].first != pairs[ni - 1].first) {
+  if (ni > 2 && key_at(0) != key_at(ni - 1)) {
+    auto previous = key_at(0);
     for (size_t i = 1; i < ni; ++i) {
-      const F value = pairs[i].first;
-      const L label = pairs[i].second;
+      const auto key = key_at(i);
+      const L label = label_at(i);
       if (!different_labels) different_labels = label != first_label;
-      if (different_labels && pairs[i - 1].first != value) {
-        const F threshold = ThresholdInfo<F>::get_less_than_threshold(pairs[i - 1].first, value);
+      if (different_labels && previous != key) {
+        const F threshold = ThresholdInfo<F>::get_less_than_threshold(value_of(previous), value_of(key));
         const double score = criteria(initial, left_counts, right_counts);
         const double impurity = criteria.get_impurity(0.0, 0.0, left_counts, right_counts);
         tracker.try_candidate(score, Result(feature_index, threshold, impurity));
@@ -97,6 +101,7 @@ Tracker<NodeResult<typename R::feature_type>, std::less<double>> learn_tree_node
       }
       left_counts.increment_count(label_class(label));
       right_counts.decrement_count(label_class(label));
+      previous = key;
     }
   }
 
@@ -108,6 +113,36 @@ Tracker<NodeResult<typename R::feature_type>, std::less<double>> learn_tree_node
   worst.best_improvement = std::max(worst.best_improvement - node_impurity, 0.0);
   tracker.set_num_ties(1);
   return tracker;
+}
+
+}  // namespace split_search_detail
+
+// The sweep over the range's buffered (value, label) pairs.
+template <class RNG, class R, class A, class Criterion>
+Tracker<NodeResult<typename R::feature_type>, std::less<double>> learn_tree_node(RNG& /*rng*/, R& data,
+                                                                                  const A& counts,
+                                                                                  int feature_index,
+                                                                                  const Criterion& criteria) {
+  typedef typename R::feature_type F;
+  typedef typename R::label_type L;
+  const size_t ni = data.get_num_instances();
+  const typename R::pair_type* pairs = ni == 0 ? nullptr : data.buffered_pairs();
+  return split_search_detail::sweep<F, L>(
+      ni, [pairs](size_t i) { return pairs[i].first; }, [pairs](size_t i) { return pairs[i].second; },
+      [](F value) { return value; }, counts, data.get_labeling(), data.get_num_classes(), feature_index, criteria);
+}
+
+// The same sweep over sorted ranks: rank[i] is the i-th smallest rank,
+// label[i] its label, value_of_rank[rank[i]] its value.
+template <class F, class L, class A, class Criterion>
+Tracker<NodeResult<F>, std::less<double>> learn_tree_node_on_ranks(size_t ni, const uint32_t* rank, const L* label,
+                                                                  const F* value_of_rank, const A& counts,
+                                                                  LabelingType labeling, size_t num_classes,
+                                                                  int feature_index, const Criterion& criteria) {
+  return split_search_detail::sweep<F, L>(
+      ni, [rank](size_t i) { return rank[i]; }, [label](size_t i) { return label[i]; },
+      [value_of_rank](uint32_t r) { return value_of_rank[r]; }, counts, labeling, num_classes, feature_index,
+      criteria);
 }
 
 }  // namespace Velmot
