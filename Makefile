@@ -1,4 +1,4 @@
-.PHONY: test demo setup sanitize
+.PHONY: test demo setup sanitize fuzz valgrind
 
 # Runs every test, C++ and Python, after the idempotent set-up.
 test:
@@ -14,3 +14,12 @@ setup:
 # The C++ and Python suites under AddressSanitizer and UBSan.
 sanitize:
 	./scripts/sanitize.sh
+
+# Each libFuzzer target (tree text, description file) for FUZZ_SECONDS.
+FUZZ_SECONDS ?= 60
+fuzz:
+	./scripts/fuzz.sh $(FUZZ_SECONDS)
+
+# A Python learn/test/prob round trip under valgrind memcheck.
+valgrind:
+	./scripts/valgrind.sh

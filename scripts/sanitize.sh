@@ -3,6 +3,12 @@
 # UndefinedBehaviorSanitizer, then runs the C++ suite and the Python suite
 # under them (the interpreter with the ASan runtime preloaded). Any report
 # fails the run.
+#
+# Left out of the Python suite under the sanitizers, for time: the Dask
+# tests (worker processes on a loopback cluster, each under ASan) and the
+# 2,000-call resident-memory test (ASan's quarantine makes resident memory
+# meaningless; scripts/valgrind.sh checks for leaks instead). Extra
+# arguments go to pytest.
 set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 cd "$root"
@@ -14,8 +20,11 @@ cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVELMOT_SANIT
   -DVELMOT_BUILD_TESTS=ON -DPython_EXECUTABLE="$root/.venv/bin/python" >/dev/null
 cmake --build "$build" -j 2
 
+# allocator_may_return_null: an allocation too large for memory throws
+# bad_alloc, as it does without ASan, instead of aborting; the tests check
+# that such failures become clear errors.
 echo "== C++ tests under ASan/UBSan"
-ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+ASAN_OPTIONS=detect_leaks=1:abort_on_error=1:allocator_may_return_null=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
   ctest --test-dir "$build" --output-on-failure --no-tests=error -j 2
 
 echo "== Python tests under ASan/UBSan"
@@ -24,6 +33,7 @@ echo "== Python tests under ASan/UBSan"
 # ASan and UBSan report aborts.
 asan_runtime=$(g++ -print-file-name=libasan.so)
 PYTHONMALLOC=malloc LD_PRELOAD="$asan_runtime" \
-  ASAN_OPTIONS=detect_leaks=0:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+  ASAN_OPTIONS=detect_leaks=0:abort_on_error=1:allocator_may_return_null=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
   PYTHONPATH="$root/$build:$root/python" \
-  .venv/bin/python -m pytest -c "$root/pyproject.toml" --rootdir "$root" -p no:cacheprovider "$root/tests/python" "$@"
+  .venv/bin/python -m pytest -c "$root/pyproject.toml" --rootdir "$root" -p no:cacheprovider "$root/tests/python" \
+  --ignore="$root/tests/python/test_dask.py" -k "not test_resident_memory_stays_flat_over_many_calls" "$@"
