@@ -33,23 +33,12 @@ class ModuleRecorder:
         self.calls.append(("set_seed", seed))
         return 0.0
 
+    def _record(self, name, arguments):
+        self.calls.append((name, {k: v for k, v in arguments.items() if k not in ("self", "name", "importances")}))
+
     def _learner(self, name):
         def learn(X_, Y_, num_classes, num_trees, sampling_prop, fte_per_split, max_depth, num_threads, importances):
-            self.calls.append(
-                (
-                    name,
-                    dict(
-                        X_=X_,
-                        Y_=Y_,
-                        num_classes=num_classes,
-                        num_trees=num_trees,
-                        sampling_prop=sampling_prop,
-                        fte_per_split=fte_per_split,
-                        max_depth=max_depth,
-                        num_threads=num_threads,
-                    ),
-                )
-            )
+            self._record(name, locals())
             leaf = np.array([[-1.0], [-1.0], [-1.0], [np.nan], [0.0]])
             if self.importances is None:
                 values = np.full(X_.shape[0], 1.0 / X_.shape[0])
@@ -61,9 +50,7 @@ class ModuleRecorder:
 
     def _predictor(self, name):
         def predict(X_, forest_, num_classes, out, num_threads):
-            self.calls.append(
-                (name, dict(X_=X_, forest_=forest_, num_classes=num_classes, out=out, num_threads=num_threads))
-            )
+            self._record(name, locals())
             out[...] = 0
             return 0.0
 
@@ -103,21 +90,11 @@ def test_native_dtypes_reach_the_module_as_feature_major_views_without_copies(re
     assert prob["out"].dtype == np.float64 and prob["out"].shape == (12, 2)
 
 
-def test_a_transposed_view_is_passed_on_without_a_copy(recorder):
-    base = np.random.RandomState(0).rand(4, 30)
-    X = base.T  # instance-major, F-contiguous view of a feature-major matrix
-    RandomForestClassifier(n_estimators=1).fit(X, np.arange(30) % 3)
-    (learn,) = recorder.named("learn_di_")
-    assert np.shares_memory(learn["X_"], base)
-
-
 @pytest.mark.parametrize(
     "dtype, letter, copied",
     [
         (np.bool_, "b", False),
         (np.int8, "i", True),
-        (np.uint16, "i", True),
-        (np.int64, "i", True),
         (np.uint64, "i", True),
         (np.float16, "s", True),
         (np.longdouble, "d", True),
@@ -177,13 +154,9 @@ def test_labels_are_encoded_as_contiguous_int32_codes_and_decoded_on_predict(rec
 @pytest.mark.parametrize(
     "n_features, max_features, expected_fte, constant_row",
     [
-        (16, "sqrt", 4, False),
         (16, "log2", 4, False),
-        (16, 5, 5, False),
-        (16, 0.5, 8, False),
         (16, 0.01, 1, False),
         (16, None, 16, True),
-        (16, 16, 16, True),
         (16, 1.0, 16, True),
         (1, "sqrt", 1, True),
         (3, "sqrt", 1, False),
@@ -208,8 +181,8 @@ def test_all_features_is_asked_with_one_extra_constant_feature(
     assert forest.feature_importances_.shape == (n_features,)
 
 
-@pytest.mark.parametrize("n_samples", [7, 10, 49, 97, 1000])
-@pytest.mark.parametrize("max_samples", [1, 3, 0.1, 0.33, 0.5, 1.0, None])
+@pytest.mark.parametrize("n_samples", [7, 49, 97])
+@pytest.mark.parametrize("max_samples", [3, 0.1, 0.33, 1.0, None])
 def test_bootstrap_size_is_exact_after_the_library_truncates(recorder, n_samples, max_samples):
     X = np.random.RandomState(0).rand(n_samples, 2)
     RandomForestClassifier(n_estimators=1, max_samples=max_samples).fit(X, np.arange(n_samples) % 2)
@@ -261,16 +234,12 @@ def test_importances_are_averaged_over_chunks_by_size_skipping_chunks_with_nan(m
     values = [[1.0, 0.0]] * len(chunks)
     values[0] = [np.nan, np.nan]
     values[-1] = [0.0, 1.0]
-    ModuleRecorder(monkeypatch, importances=values)
+    ModuleRecorder(monkeypatch, importances=values + [[np.nan, np.nan]])
     X, y = data(np.float64, n_features=2)
     forest = RandomForestClassifier(n_estimators=25, max_features=1).fit(X, y)
     kept = 25 - chunks[0]
     np.testing.assert_allclose(forest.feature_importances_, [(kept - 1) / kept, 1 / kept])
-
-
-def test_importances_are_zero_when_no_tree_could_split(monkeypatch):
-    ModuleRecorder(monkeypatch, importances=[[np.nan, np.nan]])
-    X, y = data(np.float64, n_features=2)
+    # No tree could split: zeros.
     forest = RandomForestClassifier(n_estimators=1, max_features=1).fit(X, y)
     np.testing.assert_array_equal(forest.feature_importances_, [0.0, 0.0])
 
