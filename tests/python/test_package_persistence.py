@@ -33,15 +33,11 @@ def assert_predicts_alike(original, restored, X):
     np.testing.assert_array_equal(original.predict_proba(X), restored.predict_proba(X))
 
 
-def test_pickle_round_trip_is_exact(forest, training):
+def test_pickle_and_save_round_trips_are_exact(forest, training, tmp_path):
     X, _ = training
-    restored = pickle.loads(pickle.dumps(forest))
-    assert_predicts_alike(forest, restored, X)
-    np.testing.assert_array_equal(restored.feature_importances_, forest.feature_importances_)
-
-
-def test_save_and_load_round_trip_is_exact(forest, training, tmp_path):
-    X, _ = training
+    pickled = pickle.loads(pickle.dumps(forest))
+    assert_predicts_alike(forest, pickled, X)
+    np.testing.assert_array_equal(pickled.feature_importances_, forest.feature_importances_)
     path = tmp_path / "forest"  # written exactly here: no suffix is added
     forest.save(path)
     restored = velmot.load(path)
@@ -67,9 +63,11 @@ def test_save_and_load_through_file_objects_keep_feature_names(training):
     assert_predicts_alike(forest, restored, frame)
 
 
-def test_saving_needs_a_fitted_forest(tmp_path):
+def test_saving_needs_a_fitted_forest_and_loading_an_existing_file(tmp_path):
     with pytest.raises(NotFittedError):
         RandomForestClassifier().save(tmp_path / "never.npz")
+    with pytest.raises(FileNotFoundError):
+        velmot.load(tmp_path / "never.npz")
 
 
 @pytest.fixture
@@ -116,100 +114,68 @@ def test_truncated_or_corrupted_files_are_refused(training, tmp_path):
         velmot.load(damaged)
 
 
-def test_missing_file_is_a_file_not_found_error(tmp_path):
-    with pytest.raises(FileNotFoundError):
-        velmot.load(tmp_path / "absent.npz")
+class Tampering:
+    """The saved file's entries and the first tree's first split and leaf."""
+
+    def __init__(self, contents):
+        self.contents = contents
+        self.size = int(contents["tree_sizes"][0])
+        first = contents["nodes"][:, : self.size]
+        self.split, self.leaf = np.flatnonzero(first[0] >= 0)[0], np.flatnonzero(first[0] < 0)[0]
+        self.metadata = json.loads(str(contents["metadata"]))
+
+    def node(self, row, column, value):
+        nodes = self.contents["nodes"].copy()
+        nodes[row, column] = value
+        return {"nodes": nodes}
+
+    def params(self, **changes):
+        params = {**self.metadata["params"], **changes}
+        return {"metadata": np.array(json.dumps({**self.metadata, "params": params}))}
 
 
-def altered_nodes(contents, tree, row, column, value):
-    nodes = contents["nodes"].copy()
-    start = int(np.sum(contents["tree_sizes"][:tree]))
-    nodes[row, start + column] = value
-    return nodes
-
-
-def first_split_and_leaf(contents):
-    size = int(contents["tree_sizes"][0])
-    first = contents["nodes"][:, :size]
-    splits = np.flatnonzero(first[0] >= 0)
-    leaves = np.flatnonzero(first[0] < 0)
-    return size, splits[0], leaves[0]
+def cycle_away_from_the_root(t):
+    # Nodes 1 and 2 name each other as children: every node still has one
+    # parent, but neither is reachable from the root.
+    cycle = np.array([[-1, 2, 1], [-1, 2, 1], [-1, 0, 0], [np.nan, 0.5, 0.5], [0, -2, -2]], dtype=np.float64)
+    return {
+        "nodes": np.concatenate([cycle, t.contents["nodes"][:, t.size :]], axis=1),
+        "tree_sizes": np.concatenate([[3], t.contents["tree_sizes"][1:]]),
+    }
 
 
 @pytest.mark.parametrize(
     "tamper, message",
     [
-        ("left child beyond the tree", "child index is out of range"),
-        ("left child pointing back to the root", "child index is out of range"),
-        ("both children the same node", "reachable twice or not at all"),
-        ("one child only", "exactly one child"),
-        ("fractional child", "fractional"),
-        ("leaf label equal to the class count", "leaf label is not below the class count"),
-        ("negative leaf label", "leaf label is not below the class count"),
-        ("split feature beyond the features", "split feature is out of range"),
-        ("NaN split threshold", "NaN threshold"),
-        ("tree sizes that do not add up", "do not add up"),
-        ("a tree of no nodes", "bad tree size"),
-        ("nodes with four rows", "nodes must be"),
-        ("float32 nodes", "nodes must be"),
-        ("fewer trees than n_estimators", "differs from n_estimators"),
-        ("unsorted classes", "sorted and distinct"),
-        ("object classes", "not a readable"),
-        ("metadata that is not JSON", "not JSON"),
-        ("an unknown parameter", "unexpected estimator parameters"),
-        ("an out-of-range parameter", "'n_jobs' parameter"),
-        ("short importances", "feature_importances must be"),
-        ("no nodes entry", "missing nodes"),
-        ("a newer format", "format"),
+        (lambda t: t.node(0, t.split, t.size), "child index is out of range"),
+        (lambda t: t.node(0, t.split, 0), "child index is out of range"),
+        (lambda t: t.node(1, t.split, t.contents["nodes"][0, t.split]), "reachable twice or not at all"),
+        (cycle_away_from_the_root, "child index is out of range|reachable"),
+        (lambda t: t.node(1, t.split, -1), "exactly one child"),
+        (lambda t: t.node(0, t.split, 1.5), "fractional"),
+        (lambda t: t.node(4, t.leaf, 3), "leaf label is not below the class count"),
+        (lambda t: t.node(4, t.leaf, -1), "leaf label is not below the class count"),
+        (lambda t: t.node(2, t.split, 5), "split feature is out of range"),
+        (lambda t: t.node(3, t.split, np.nan), "NaN threshold"),
+        (lambda t: {"tree_sizes": t.contents["tree_sizes"] + 1}, "do not add up"),
+        (lambda t: {"tree_sizes": np.concatenate([[0], t.contents["tree_sizes"]])}, "bad tree size"),
+        (lambda t: {"nodes": t.contents["nodes"][:4]}, "nodes must be"),
+        (lambda t: {"nodes": t.contents["nodes"].astype(np.float32)}, "nodes must be"),
+        (
+            lambda t: {"nodes": t.contents["nodes"][:, t.size :], "tree_sizes": t.contents["tree_sizes"][1:]},
+            "differs from n_estimators",
+        ),
+        (lambda t: {"classes": t.contents["classes"][::-1]}, "sorted and distinct"),
+        (lambda t: {"classes": t.contents["classes"].astype(object)}, "not a readable"),
+        (lambda t: {"metadata": np.array("{params")}, "not JSON"),
+        (lambda t: t.params(oob_score=True), "unexpected estimator parameters"),
+        (lambda t: t.params(n_jobs=99), "'n_jobs' parameter"),
+        (lambda t: {"feature_importances": t.contents["feature_importances"][:4]}, "feature_importances must be"),
+        (lambda t: {"nodes": None}, "missing nodes"),
+        (lambda t: {"format": np.array(2)}, "format"),
     ],
 )
 def test_tampered_files_are_refused(saved, tamper, message):
     _, contents, write = saved
-    size, split, leaf = first_split_and_leaf(contents)
-    metadata = json.loads(str(contents["metadata"]))
-    changes = {
-        "left child beyond the tree": lambda: {"nodes": altered_nodes(contents, 0, 0, split, size)},
-        "left child pointing back to the root": lambda: {"nodes": altered_nodes(contents, 0, 0, split, 0)},
-        "both children the same node": lambda: {
-            "nodes": altered_nodes(contents, 0, 1, split, contents["nodes"][0, split])
-        },
-        "one child only": lambda: {"nodes": altered_nodes(contents, 0, 1, split, -1)},
-        "fractional child": lambda: {"nodes": altered_nodes(contents, 0, 0, split, 1.5)},
-        "leaf label equal to the class count": lambda: {"nodes": altered_nodes(contents, 0, 4, leaf, 3)},
-        "negative leaf label": lambda: {"nodes": altered_nodes(contents, 0, 4, leaf, -1)},
-        "split feature beyond the features": lambda: {"nodes": altered_nodes(contents, 0, 2, split, 5)},
-        "NaN split threshold": lambda: {"nodes": altered_nodes(contents, 0, 3, split, np.nan)},
-        "tree sizes that do not add up": lambda: {"tree_sizes": contents["tree_sizes"] + 1},
-        "a tree of no nodes": lambda: {"tree_sizes": np.concatenate([[0], contents["tree_sizes"]])},
-        "nodes with four rows": lambda: {"nodes": contents["nodes"][:4]},
-        "float32 nodes": lambda: {"nodes": contents["nodes"].astype(np.float32)},
-        "fewer trees than n_estimators": lambda: {
-            "nodes": contents["nodes"][:, size:],
-            "tree_sizes": contents["tree_sizes"][1:],
-        },
-        "unsorted classes": lambda: {"classes": contents["classes"][::-1]},
-        "object classes": lambda: {"classes": contents["classes"].astype(object)},
-        "metadata that is not JSON": lambda: {"metadata": np.array("{params")},
-        "an unknown parameter": lambda: {
-            "metadata": np.array(json.dumps({**metadata, "params": {**metadata["params"], "oob_score": True}}))
-        },
-        "an out-of-range parameter": lambda: {
-            "metadata": np.array(json.dumps({**metadata, "params": {**metadata["params"], "n_jobs": 99}}))
-        },
-        "short importances": lambda: {"feature_importances": contents["feature_importances"][:4]},
-        "no nodes entry": lambda: {"nodes": None},
-        "a newer format": lambda: {"format": np.array(2)},
-    }[tamper]()
     with pytest.raises(ValueError, match=message):
-        velmot.load(write(**changes))
-
-
-def test_a_cycle_away_from_the_root_is_refused(saved):
-    # Nodes 1 and 2 name each other as children: every node still has one
-    # parent, but neither is reachable from the root.
-    _, contents, write = saved
-    cycle = np.array([[-1, 2, 1], [-1, 2, 1], [-1, 0, 0], [np.nan, 0.5, 0.5], [0, -2, -2]], dtype=np.float64)
-    nodes = np.concatenate([cycle, contents["nodes"][:, int(contents["tree_sizes"][0]) :]], axis=1)
-    sizes = np.concatenate([[3], contents["tree_sizes"][1:]])
-    with pytest.raises(ValueError, match="child index is out of range|reachable"):
-        velmot.load(write(nodes=nodes, tree_sizes=sizes))
+        velmot.load(write(**tamper(Tampering(contents))))
