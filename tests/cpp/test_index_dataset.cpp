@@ -124,6 +124,42 @@ TEST(IndexedDataSet, CountingSortMovesRealLabelsOntoItsGrid) {
   EXPECT_EQ(moved, 22);
 }
 
+// Labels that follow the positions stay with their instances through every
+// partition, and partition reorders the index list exactly as without them.
+TEST(IndexedDataSet, FollowedLabelsStayWithTheirInstances) {
+  Velmot::MemoryDataSet<double, int> data(1);
+  data.nc = 5;
+  Velmot::XorShiftRNG gen(Velmot::XorShiftState{4, 5, 6, 7});
+  for (size_t i = 0; i < 500; ++i) {
+    data.features[0].push_back(static_cast<double>(gen.next_int(40)));
+    data.labels.push_back(static_cast<int>(gen.next_int(5)));
+  }
+  Velmot::IndexedDataSet<Velmot::MemoryDataSet<double, int>> plain(&data);
+  for (size_t i = 0; i < 700; ++i) plain.add_index(static_cast<uint64_t>(gen.next_int(500)));
+  auto following = plain;
+  following.follow_labels();
+  // Split the list as a tree would: halves of halves, at varied thresholds.
+  std::vector<std::pair<size_t, size_t>> ranges{{0, 700}};
+  for (size_t k = 0; k < ranges.size() && k < 60; ++k) {
+    const auto [begin, end] = ranges[k];
+    if (end - begin < 4) continue;
+    const double threshold = static_cast<double>(gen.next_int(40)) + 0.5 * static_cast<double>(k % 2);
+    const size_t left = following.partition(0, begin, end, threshold);
+    ASSERT_EQ(left, plain.partition(0, begin, end, threshold));
+    ASSERT_EQ(following.indices, plain.indices);
+    ranges.emplace_back(begin, begin + left);
+    ranges.emplace_back(begin + left, end);
+  }
+  for (size_t p = 0; p < 700; ++p) {
+    ASSERT_EQ(following.get_label(p), data.get_label(following.indices[p]));
+    ASSERT_EQ(following.position_labels[p], data.get_label(following.indices[p]));
+  }
+  // Changing the list another way stops the following.
+  following.add_index(3);
+  EXPECT_FALSE(following.labels_follow);
+  EXPECT_EQ(following.get_label(700), data.get_label(3));
+}
+
 TEST(IndexedDataSet, PartitionSendsValuesBelowTheThresholdFirst) {
   const auto data = one_feature<double, int>({3, 1, 2.5, 2, std::nan("")}, {0, 0, 0, 0, 0});
   auto indexed = all_of(data);

@@ -167,6 +167,7 @@ Node<typename D::label_type>* learn_tree(const IndexedDataSet<D>& data, int fte_
   // fetched once.
   XorShiftRNG& random = thread_generator();
   I indexed_data(data);
+  indexed_data.follow_labels();
   learn_tree_detail::DrawnFeatures drawn(data.get_num_features());
   NominalLabelPriorAccumulator<int> counts;
   std::deque<NodeLearnTask<L>> to_learn;
