@@ -33,25 +33,16 @@ std::string temp_file_with(const std::vector<int64_t>& words) {
 
 }  // namespace
 
-TEST(XorShiftRNG, StepMixesAllFourWords) {
+TEST(XorShiftRNG, StepMixesAllFourWordsWithArithmeticRightAndTruncatingLeftShifts) {
   XorShiftRNG rng(XorShiftState{1, 2, 3, 4});
   EXPECT_EQ(rng.next_int(), 403701764);
   EXPECT_TRUE(same_state(rng.get_state(), XorShiftState{2, 3, 4, 403701764}));
-}
-
-TEST(XorShiftRNG, RightShiftsAreArithmetic) {
   // A logical shift of -1024 by 11 would leave high bits set in the result.
-  XorShiftRNG from_y(XorShiftState{0, -1024, 0, 0});
-  EXPECT_EQ(from_y.next_int(), 1023);
-  XorShiftRNG from_w(XorShiftState{0, 0, 0, -64});
-  EXPECT_EQ(from_w.next_int(), 63);
-}
-
-TEST(XorShiftRNG, LeftShiftDropsHighBits) {
-  const int64_t x = int64_t{1} << 50;
-  XorShiftRNG rng(XorShiftState{x, 0, 0, 0});
+  EXPECT_EQ(XorShiftRNG(XorShiftState{0, -1024, 0, 0}).next_int(), 1023);
+  EXPECT_EQ(XorShiftRNG(XorShiftState{0, 0, 0, -64}).next_int(), 63);
   // x << 20 overflows out of the word entirely, leaving x itself.
-  EXPECT_EQ(rng.next_int(), x);
+  const int64_t x = int64_t{1} << 50;
+  EXPECT_EQ(XorShiftRNG(XorShiftState{x, 0, 0, 0}).next_int(), x);
 }
 
 TEST(XorShiftRNG, BoundedDrawsAdvanceAndStayInRange) {
@@ -138,26 +129,23 @@ TEST(GeneratorPool, FileSeedSkipsZeroWordsAndTakesMagnitudes) {
 }
 
 TEST(GeneratorPool, ShortOrMissingFileThrowsWithTheNameAsPassed) {
+  auto init_failure = [](Velmot::XorShiftRNGPool& pool, const std::string& path, size_t size) {
+    try {
+      pool.init(path, size);
+    } catch (const Velmot::Exception& e) {
+      return e.get_message();
+    }
+    return std::string("<no exception>");
+  };
   const std::string path = temp_file_with({1, 2, 3, 4, 5});
   Velmot::XorShiftRNGPool pool;
-  try {
-    pool.init(path, 2);
-    FAIL() << "expected a throw";
-  } catch (const Velmot::Exception& e) {
-    EXPECT_EQ(e.get_message(), "unable to read from random number file " + path);
-  }
+  EXPECT_EQ(init_failure(pool, path, 2), "unable to read from random number file " + path);
   // The generator filled before the failure stays; the rest are null.
   EXPECT_NE(pool.get_generator(0), nullptr);
   EXPECT_EQ(pool.get_generator(1), nullptr);
   std::remove(path.c_str());
-
   Velmot::XorShiftRNGPool other;
-  try {
-    other.init("/no/such/file", 1);
-    FAIL() << "expected a throw";
-  } catch (const Velmot::Exception& e) {
-    EXPECT_EQ(e.get_message(), "unable to read from random number file /no/such/file");
-  }
+  EXPECT_EQ(init_failure(other, "/no/such/file", 1), "unable to read from random number file /no/such/file");
 }
 
 TEST(GeneratorPool, EmptyNameReadsUrandom) {

@@ -5,6 +5,7 @@
 #include <sstream>
 #include <string>
 #include <typeinfo>
+#include <utility>
 #include <vector>
 
 #include "velmot/io/tree_io.h"
@@ -22,15 +23,20 @@ Tree read_text(const std::string& text) {
   return read_one(in);
 }
 
-// The message of the library exception of type E thrown while reading text.
-template <class E>
-std::string library_failure(const std::string& text) {
+// The message of the library exception of type E that call throws.
+template <class E, class Call>
+std::string failure(Call call) {
   try {
-    read_text(text);
+    call();
   } catch (const E& e) {
     return e.get_message();
   }
   return "<no " + std::string(typeid(E).name()) + ">";
+}
+
+template <class E>
+std::string library_failure(const std::string& text) {
+  return failure<E>([&] { read_text(text); });
 }
 
 }  // namespace
@@ -87,12 +93,7 @@ TEST(TreeText, EachCallReadsOneTreeAndLeavesTheRest) {
   EXPECT_EQ(read_one(in)->get_label(), 1);
   EXPECT_EQ(read_one(in)->get_label(), 0);
   // The stray ")" is left for the next call.
-  try {
-    read_one(in);
-    FAIL();
-  } catch (const Velmot::Exception& e) {
-    EXPECT_EQ(e.get_message(), "too many )s");
-  }
+  EXPECT_EQ(failure<Velmot::Exception>([&] { read_one(in); }), "too many )s");
   std::istringstream blank(" \n\t ");
   EXPECT_EQ(read_one(blank), nullptr);
   std::istringstream nothing("");
@@ -121,27 +122,15 @@ TEST(TreeText, EveryFailureHasItsKindAndMessage) {
 
 TEST(TreeText, TokensThatEndEarlyReachTheRemainingMessages) {
   // The tokenizer always closes a tree, so these come from direct calls.
-  const std::vector<std::string> none;
-  const std::vector<std::string> trailing_findex = {"(", "findex"};
-  const std::vector<std::string> trailing_threshold = {"(", "left", "(", "threshold"};
+  const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
+      {{}, "no tree parsable in stream."},
+      {{"(", "findex"}, "expected number after findex token"},
+      {{"(", "left", "(", "threshold"}, "expected number after threshold token"}};
   Node<int> node;
-  try {
-    Velmot::tokens_to_tree(none.begin(), none.end(), &node);
-    FAIL();
-  } catch (const Velmot::Exception& e) {
-    EXPECT_EQ(e.get_message(), "no tree parsable in stream.");
-  }
-  try {
-    Velmot::tokens_to_tree(trailing_findex.begin(), trailing_findex.end(), &node);
-    FAIL();
-  } catch (const Velmot::Exception& e) {
-    EXPECT_EQ(e.get_message(), "expected number after findex token");
-  }
-  try {
-    Velmot::tokens_to_tree(trailing_threshold.begin(), trailing_threshold.end(), &node);
-    FAIL();
-  } catch (const Velmot::Exception& e) {
-    EXPECT_EQ(e.get_message(), "expected number after threshold token");
+  for (const auto& tokens_and_message : cases) {
+    const std::vector<std::string>& tokens = tokens_and_message.first;
+    EXPECT_EQ(failure<Velmot::Exception>([&] { Velmot::tokens_to_tree(tokens.begin(), tokens.end(), &node); }),
+              tokens_and_message.second);
   }
   // Nothing was stored into the node on failure.
   EXPECT_EQ(node.get_label(), -2);
