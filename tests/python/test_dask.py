@@ -104,21 +104,14 @@ def partition_labels(index):
 
 
 def partitioned_data(n_partitions=4):
-    X = da.concatenate(
-        [
-            da.from_delayed(
-                dask.delayed(partition_rows)(i), shape=(PARTITION_ROWS, PARTITION_FEATURES), dtype=np.float64
-            )
-            for i in range(n_partitions)
-        ]
+    def stacked(make, shape, dtype):
+        parts = [da.from_delayed(dask.delayed(make)(i), shape=shape, dtype=dtype) for i in range(n_partitions)]
+        return da.concatenate(parts)
+
+    return (
+        stacked(partition_rows, (PARTITION_ROWS, PARTITION_FEATURES), np.float64),
+        stacked(partition_labels, (PARTITION_ROWS,), "<U4"),
     )
-    y = da.concatenate(
-        [
-            da.from_delayed(dask.delayed(partition_labels)(i), shape=(PARTITION_ROWS,), dtype="<U4")
-            for i in range(n_partitions)
-        ]
-    )
-    return X, y
 
 
 class TaskSizes(SchedulerPlugin):
@@ -149,12 +142,21 @@ def processing_keys(worker):
     return [str(task.key) for task in list(worker.processing)]
 
 
-def wait_until(condition, what):
+def first_true(probe, keep_going=lambda: True):
+    """Polls probe() until it returns something true, which is returned;
+    None once WAIT_SECONDS pass or keep_going() turns false."""
     deadline = time.monotonic() + WAIT_SECONDS
-    while not condition():
-        if time.monotonic() > deadline:
-            pytest.fail(f"timed out waiting for {what}")
+    while time.monotonic() < deadline and keep_going():
+        result = probe()
+        if result:
+            return result
         time.sleep(0.01)
+    return None
+
+
+def wait_until(condition, what):
+    if not first_true(condition):
+        pytest.fail(f"timed out waiting for {what}")
 
 
 class TestScatteredFit:
@@ -231,6 +233,9 @@ class TestPrediction:
         assert np.array_equal(forest.predict(X), forest.classes_[codes])
         with np.errstate(divide="ignore"):
             assert np.array_equal(forest.predict_log_proba(X_dask).compute(), np.log(expected_proba))
+        # A wrong feature count is refused before computing.
+        with pytest.raises(ValueError, match="features"):
+            forest.predict(da.from_array(X[:, :3], chunks=100))
 
     def test_dataframe_partitions_are_predicted_in_order(self, client):
         X, y = noisy_data(300, seed=4)
@@ -239,11 +244,6 @@ class TestPrediction:
         lazy = dd.from_pandas(frame, npartitions=4)
         assert np.array_equal(forest.predict(lazy).compute(), forest.to_local().predict(frame))
         assert np.array_equal(forest.predict_proba(lazy).compute(), forest.to_local().predict_proba(frame))
-
-    def test_wrong_feature_count_is_refused_before_computing(self, fitted):
-        forest, X = fitted
-        with pytest.raises(ValueError, match="features"):
-            forest.predict(da.from_array(X[:, :3], chunks=100))
 
     def test_clone_pickle_and_save_keep_the_forest(self, fitted, client, tmp_path):
         import pickle
@@ -364,19 +364,17 @@ class TestFailures:
         killed = []
 
         def kill_once_learning():
-            deadline = time.monotonic() + WAIT_SECONDS
-            while time.monotonic() < deadline:
-                busy = [
+            busy = first_true(
+                lambda: [
                     address
                     for address, worker in list(cluster.scheduler.workers.items())
                     if any(key.startswith("velmot-learn") for key in processing_keys(worker))
                 ]
-                if busy:
-                    killed.extend(busy[:1] if victims == "one worker" else list(pids))
-                    for address in killed:
-                        os.kill(pids[address], signal.SIGKILL)
-                    return
-                time.sleep(0.01)
+            )
+            if busy:
+                killed.extend(busy[:1] if victims == "one worker" else list(pids))
+                for address in killed:
+                    os.kill(pids[address], signal.SIGKILL)
 
         killer = threading.Thread(target=kill_once_learning)
         killer.start()
@@ -406,13 +404,12 @@ class TestFailures:
         # wait for results rather than the client's own bookkeeping.
         n_blocks = X.numblocks[0] if partition_wise else len(plan_chunks(self.N_TREES, 1))
 
+        def all_blocks_submitted():
+            return sum(str(key).startswith("velmot-learn") for key in velmot_tasks(cluster)) == n_blocks
+
         def interrupt_once_learning():
-            deadline = time.monotonic() + WAIT_SECONDS
-            while time.monotonic() < deadline and fitting.is_set():
-                if sum(str(key).startswith("velmot-learn") for key in velmot_tasks(cluster)) == n_blocks:
-                    os.kill(os.getpid(), signal.SIGINT)
-                    return
-                time.sleep(0.01)
+            if first_true(all_blocks_submitted, keep_going=fitting.is_set):
+                os.kill(os.getpid(), signal.SIGINT)
 
         previous = signal.signal(signal.SIGINT, interrupt)
         interrupter = threading.Thread(target=interrupt_once_learning)
