@@ -34,7 +34,6 @@ def test_the_method_table_has_the_34_functions_in_order():
     expected += [f"test_{f}i" for f in "idsb"]
     expected += [f"prob_{f}{t}" for f, t in ("dd", "ds", "sd", "ss", "id", "is", "bd", "bs")]
     expected += ["init_pool", "set_seed"]
-    assert sorted(LEARNERS) == sorted(expected[:20])
     functions = [name for name in vars(wrap) if callable(getattr(wrap, name))]
     assert functions == expected
 
@@ -49,15 +48,12 @@ def test_every_learner_round_trips_through_test_and_prob(learner):
     wrap.set_seed(17)
     trees, importances = getattr(wrap, learner)(X_fm, labels, 2, 15, 1.0, 2, 0, 2, 1)
     assert len(trees) == 15
-    for tree in trees:
-        assert tree.dtype == np.float64 and tree.flags.c_contiguous
-        assert tree.shape[0] == 5 and tree.shape[1] >= 1
+    assert all(tree.dtype == np.float64 and tree.flags.c_contiguous and tree.shape[0] == 5 for tree in trees)
     assert importances.dtype == np.float64 and importances.shape == (3,)
     assert importances[2] < importances[0] and importances[2] < importances[1]
 
     predicted = np.full(len(y), -7, dtype=np.int32)
-    result = getattr(wrap, f"test_{f}i")(X_fm, trees, 2, predicted, 2)
-    assert isinstance(result, float)
+    assert getattr(wrap, f"test_{f}i")(X_fm, trees, 2, predicted, 2) == 0.0
     assert (predicted == y).mean() > 0.9
 
     for out_type in "ds":
@@ -82,7 +78,6 @@ def test_vote_fractions_are_votes_over_trees_narrowed_to_the_output_type():
     single = np.zeros((2, 2), dtype=np.float32)
     wrap.prob_ds(X, forest, 2, single, 1)
     assert single[0, 1] == np.float32(0.3)
-    assert float(single[0, 1]) == 0.30000001192092896
     double = np.zeros((2, 2), dtype=np.float64)
     wrap.prob_dd(X, forest, 2, double, 1)
     assert double[1, 1] == 0.3 and double[1, 0] == 0.7
