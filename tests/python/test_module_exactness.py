@@ -55,16 +55,14 @@ class Generator:
 
 def seeded_pool(seed):
     _libc.srand(seed)
-    generators = []
-    for _ in range(POOL_SIZE):
-        words = []
-        for _ in range(4):
-            word = 0
-            while word == 0:
-                word = _libc.rand()
-            words.append(abs(word))
-        generators.append(Generator(words))
-    return generators
+
+    def non_zero_rand():
+        word = 0
+        while word == 0:
+            word = _libc.rand()
+        return abs(word)
+
+    return [Generator([non_zero_rand() for _ in range(4)]) for _ in range(POOL_SIZE)]
 
 
 class TieTracker:
@@ -76,9 +74,7 @@ class TieTracker:
         self.ties = 0
 
     def offer(self, value, candidate):
-        if self.best is None:
-            self.value, self.best, self.ties = value, candidate, 1
-        elif value > self.value:
+        if self.best is None or value > self.value:
             self.value, self.best, self.ties = value, candidate, 1
         elif value == self.value:
             self.ties += 1
