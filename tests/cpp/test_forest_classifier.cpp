@@ -120,23 +120,6 @@ TEST(ForestPrediction, VoteFractionsPerClassAndForPlusMinusOne) {
   EXPECT_EQ(pair[1], 2.0 / 3.0);
 }
 
-TEST(ForestPrediction, ProbabilitiesGoThroughTheViewsStrides) {
-  // A classes x instances block written as its instances x classes transpose.
-  MemoryDataSet<double, int> data = one_feature({0.0, 1.0, 2.0}, 2);
-  Forest forest;
-  forest.add_stump(0, 0.5, 0, 1);
-  forest.add_stump(0, 1.5, 0, 1);
-  ForestPredictor<int> predictor(2);
-  predictor.use_forest(forest.roots);
-  double block[2][3];
-  Array2D<double> transposed(&block[0][0], 3, 2, sizeof(double), 3 * sizeof(double));
-  predictor.compute_probabilities(data, transposed);
-  EXPECT_EQ(block[0][0], 1.0);
-  EXPECT_EQ(block[0][1], 0.5);
-  EXPECT_EQ(block[0][2], 0.0);
-  EXPECT_EQ(block[1][2], 1.0);
-}
-
 // Empty forests, unknown features and labels outside the tally are tested
 // through the module (test_module_errors.py); these are the library's own.
 TEST(ForestPrediction, RefusesWhatWouldReadOutsideTheDataOrTheTrees) {
