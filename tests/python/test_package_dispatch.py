@@ -2,6 +2,8 @@
 and learning arguments. The module is replaced by recorders here, so these
 tests check the calls themselves, not the forests."""
 
+from functools import partial
+
 import numpy as np
 import pytest
 import PyVelmot_wrap
@@ -20,41 +22,27 @@ class ModuleRecorder:
         self.calls = []
         self.importances = importances
         for letter in LETTERS:
-            for criterion in CRITERIA:
-                name = f"learn_{letter}i_{criterion}"
-                monkeypatch.setattr(PyVelmot_wrap, name, self._learner(name), raising=False)
-            monkeypatch.setattr(PyVelmot_wrap, f"test_{letter}i", self._predictor(f"test_{letter}i"), raising=False)
-            for out in "ds":
-                name = f"prob_{letter}{out}"
-                monkeypatch.setattr(PyVelmot_wrap, name, self._predictor(name), raising=False)
-        monkeypatch.setattr(PyVelmot_wrap, "set_seed", self._set_seed)
+            for name in [f"learn_{letter}i_{criterion}" for criterion in CRITERIA]:
+                monkeypatch.setattr(PyVelmot_wrap, name, partial(self._learn, name), raising=False)
+            for name in (f"test_{letter}i", f"prob_{letter}d", f"prob_{letter}s"):
+                monkeypatch.setattr(PyVelmot_wrap, name, partial(self._predict, name), raising=False)
+        monkeypatch.setattr(PyVelmot_wrap, "set_seed", lambda seed: self.calls.append(("set_seed", seed)) or 0.0)
 
-    def _set_seed(self, seed):
-        self.calls.append(("set_seed", seed))
+    def _learn(self, name, X_, Y_, num_classes, num_trees, sampling_prop, fte_per_split, max_depth, num_threads, with_importances):
+        arguments = dict(locals())
+        del arguments["self"], arguments["name"], arguments["with_importances"]
+        self.calls.append((name, arguments))
+        leaf = np.array([[-1.0], [-1.0], [-1.0], [np.nan], [0.0]])
+        if self.importances is None:
+            values = np.full(X_.shape[0], 1.0 / X_.shape[0])
+        else:
+            values = np.asarray(self.importances.pop(0), dtype=np.float64)
+        return [leaf.copy() for _ in range(num_trees)], values
+
+    def _predict(self, name, X_, forest_, num_classes, out, num_threads):
+        self.calls.append((name, dict(X_=X_, out=out, num_threads=num_threads)))
+        out[...] = 0
         return 0.0
-
-    def _record(self, name, arguments):
-        self.calls.append((name, {k: v for k, v in arguments.items() if k not in ("self", "name", "importances")}))
-
-    def _learner(self, name):
-        def learn(X_, Y_, num_classes, num_trees, sampling_prop, fte_per_split, max_depth, num_threads, importances):
-            self._record(name, locals())
-            leaf = np.array([[-1.0], [-1.0], [-1.0], [np.nan], [0.0]])
-            if self.importances is None:
-                values = np.full(X_.shape[0], 1.0 / X_.shape[0])
-            else:
-                values = np.asarray(self.importances.pop(0), dtype=np.float64)
-            return [leaf.copy() for _ in range(num_trees)], values
-
-        return learn
-
-    def _predictor(self, name):
-        def predict(X_, forest_, num_classes, out, num_threads):
-            self._record(name, locals())
-            out[...] = 0
-            return 0.0
-
-        return predict
 
     def named(self, prefix):
         return [arguments for name, arguments in self.calls if name.startswith(prefix)]
