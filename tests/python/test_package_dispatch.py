@@ -28,7 +28,9 @@ class ModuleRecorder:
                 monkeypatch.setattr(PyVelmot_wrap, name, partial(self._predict, name), raising=False)
         monkeypatch.setattr(PyVelmot_wrap, "set_seed", lambda seed: self.calls.append(("set_seed", seed)) or 0.0)
 
-    def _learn(self, name, X_, Y_, num_classes, num_trees, sampling_prop, fte_per_split, max_depth, num_threads, with_importances):
+    def _learn(
+        self, name, X_, Y_, num_classes, num_trees, sampling_prop, fte_per_split, max_depth, num_threads, with_importances
+    ):
         arguments = dict(locals())
         del arguments["self"], arguments["name"], arguments["with_importances"]
         self.calls.append((name, arguments))
