@@ -5,15 +5,6 @@
 using Velmot::Array1D;
 using Velmot::Array2D;
 
-TEST(StridedViews, DenseRowMajorBlock) {
-  double block[6] = {0, 1, 2, 10, 11, 12};
-  Array2D<double> view(block, 2, 3);
-  EXPECT_EQ(view(1, 2), 12);
-  EXPECT_EQ(view.get_row(1)[0], 10);
-  EXPECT_EQ(view.get_col(2)[1], 12);
-  EXPECT_EQ(view.get_col(2).size(), 2u);
-}
-
 TEST(StridedViews, TransposedViewThroughStridesAlone) {
   // A 3 x 5 row-major block viewed as its 5 x 3 transpose.
   float block[15];
@@ -23,6 +14,9 @@ TEST(StridedViews, TransposedViewThroughStridesAlone) {
     for (int j = 0; j < 3; ++j) EXPECT_EQ(transposed(i, j), block[j * 5 + i]);
   transposed(4, 2) = -1.0f;
   EXPECT_EQ(block[14], -1.0f);
+  EXPECT_EQ(transposed.get_row(1)[2], 11.0f);
+  EXPECT_EQ(transposed.get_col(2)[4], -1.0f);
+  EXPECT_EQ(transposed.get_col(2).size(), 5u);
 }
 
 TEST(StridedViews, SingleRowAndNegativeStrides) {
