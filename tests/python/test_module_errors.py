@@ -67,8 +67,8 @@ class TestLearning:
     def test_thread_counts_the_pool_cannot_serve(self, data):
         X, y = data
         wrap.set_seed(1)
-        for bad in (0, -3, 33):
-            assert "num_threads must be" in runtime_error(learn, X, y, 3, bad)
+        for bad in (0, -3):
+            assert runtime_error(learn, X, y, 3, bad) == f"num_threads must be at least 1, not {bad}"
         assert runtime_error(learn, X, y, 3, 33) == (
             "num_threads must be at most 32 (one generator of the pool per thread), not 33"
         )
@@ -86,8 +86,6 @@ class TestLearning:
             "X_ has 4-byte elements, too small for float64 (8 bytes): pass an array of float64"
         )
         assert "Y_ has 2-byte elements, too small for int32" in runtime_error(learn, X, y.astype(np.int16))
-        # Wider elements than the letters read are the caller's choice.
-        learn(X.astype(np.float32).astype(np.float64), y.astype(np.int64)[::1].astype(np.int32))
 
     def test_arguments_are_positional_and_typed(self, data):
         X, y = data
