@@ -5,6 +5,7 @@ shipped, encoded or combined shows up as a different forest."""
 
 import faulthandler
 import os
+import pickle
 import signal
 import sys
 import threading
@@ -177,10 +178,7 @@ class TestScatteredFit:
         forest.fit(X, y)
         local = velmot.RandomForestClassifier(n_estimators=23, random_state=5, **params).fit(X, y)
         assert_same_forest(forest, local)
-        if local._missing_value_fill_ is None:
-            assert forest._missing_value_fill_ is None
-        else:
-            assert np.array_equal(forest._missing_value_fill_, local._missing_value_fill_)
+        assert np.array_equal(forest._missing_value_fill_, local._missing_value_fill_)  # also when both are None
         assert np.array_equal(forest.predict_proba(X), local.predict_proba(X))
 
     def test_dask_inputs_are_gathered_and_keep_feature_names(self, client):
@@ -246,8 +244,6 @@ class TestPrediction:
         assert np.array_equal(forest.predict_proba(lazy).compute(), forest.to_local().predict_proba(frame))
 
     def test_clone_pickle_and_save_keep_the_forest(self, fitted, client, tmp_path):
-        import pickle
-
         forest, X = fitted
         assert clone(forest).client is client
         restored = pickle.loads(pickle.dumps(forest))
