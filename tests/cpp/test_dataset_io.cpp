@@ -175,28 +175,8 @@ TEST(DescriptionReader, ParseIntAcceptsDigitsOnlyAndWrapsAround) {
   EXPECT_EQ(read_text("num-features 2147483647").get_num_features(), 2147483647);
 }
 
-TEST(DescriptionReader, IgnoreGrowsTheFlags) {
-  const DataSetDescription description = read_text("num-features 4\nignore 7\n");
-  EXPECT_EQ(description.get_num_features(), 4);
-  EXPECT_EQ(description.get_num_ignorable_flags(), 8u);
-  EXPECT_EQ(description.get_ignored_columns(), std::set<int>{7});
-  // Before any feature count, and below it.
+TEST(DescriptionReader, IgnoreBeforeAndBelowTheFeatureCount) {
   const DataSetDescription early = read_text("ignore 2\nnum-features 6\nignore 5\nignore 5\n");
   EXPECT_EQ(early.get_num_ignorable_flags(), 6u);
   EXPECT_EQ(early.get_ignored_columns(), (std::set<int>{2, 5}));
-}
-
-TEST(DescriptionReader, HandleCommandChecksItsArgumentsWhenCalledDirectly) {
-  const VelmotDescriptionReader reader;
-  DataSetDescription description;
-  reader.handle_command(4, description, "class-column", {"2"});
-  EXPECT_EQ(description.get_class_column(), 2);
-  try {
-    reader.handle_command(4, description, "label", {});
-    FAIL() << "missing arguments must be rejected";
-  } catch (const DataIOException& e) {
-    EXPECT_EQ(e.get_line_no(), 4);
-    EXPECT_EQ(e.get_message(), "label: 0 arguments given but 2 required.");
-  }
-  EXPECT_THROW(reader.handle_command(4, description, "nope", {}), DataIOException);
 }
