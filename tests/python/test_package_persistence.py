@@ -71,22 +71,19 @@ def test_saving_needs_a_fitted_forest_and_loading_an_existing_file(tmp_path):
 
 
 @pytest.fixture
-def saved(forest, tmp_path):
-    """The forest's file contents as a dict, and a writer of altered copies."""
-    path = tmp_path / "forest.npz"
-    forest.save(path)
-    with np.load(path) as archive:
+def tampered(forest, tmp_path):
+    """Writes the forest's file with the entries a tamper function returns
+    replaced (None removes one); gives the altered file's path."""
+    forest.save(tmp_path / "forest.npz")
+    with np.load(tmp_path / "forest.npz") as archive:
         contents = {key: archive[key] for key in archive.files}
 
-    def write(**changes):
-        altered = {**contents, **changes}
-        for key in [key for key, value in altered.items() if value is None]:
-            del altered[key]
-        target = tmp_path / "altered.npz"
-        np.savez(target, **altered)
-        return target
+    def write(tamper):
+        altered = {**contents, **tamper(Tampering(contents))}
+        np.savez(tmp_path / "altered.npz", **{key: value for key, value in altered.items() if value is not None})
+        return tmp_path / "altered.npz"
 
-    return path, contents, write
+    return write
 
 
 def test_truncated_or_corrupted_files_are_refused(training, tmp_path):
@@ -175,7 +172,6 @@ def cycle_away_from_the_root(t):
         (lambda t: {"format": np.array(2)}, "format"),
     ],
 )
-def test_tampered_files_are_refused(saved, tamper, message):
-    _, contents, write = saved
+def test_tampered_files_are_refused(tampered, tamper, message):
     with pytest.raises(ValueError, match=message):
-        velmot.load(write(**tamper(Tampering(contents))))
+        velmot.load(tampered(tamper))
