@@ -113,15 +113,6 @@ def test_every_dtype_learns_and_predicts(data, dtype):
     assert forest.score(X, y) > 0.7
 
 
-def test_predictions_with_missing_values_do_not_depend_on_the_other_rows(data):
-    X, y = data
-    X = X.copy()
-    X[::7, 2] = np.nan
-    forest = RandomForestClassifier(n_estimators=20, random_state=0).fit(X, y)
-    one_at_a_time = np.vstack([forest.predict_proba(X[i : i + 1]) for i in range(0, 200, 7)])
-    np.testing.assert_array_equal(forest.predict_proba(X[::7]), one_at_a_time)
-
-
 def test_dataframes_keep_their_column_names(data):
     X, y = data
     frame = pd.DataFrame(X, columns=[f"f{i}" for i in range(8)])
