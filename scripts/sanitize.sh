@@ -31,8 +31,12 @@ echo "== Python tests under ASan/UBSan"
 # The interpreter itself is not instrumented and keeps memory alive at exit
 # on purpose, so leak detection is left to the valgrind run; every other
 # ASan and UBSan report aborts.
+# libstdc++ is preloaded with the ASan runtime: the interpreter does not
+# link it, and ASan's exception interceptor must find it at start-up, or the
+# first C++ exception thrown in the module aborts.
 asan_runtime=$(g++ -print-file-name=libasan.so)
-PYTHONMALLOC=malloc LD_PRELOAD="$asan_runtime" \
+cxx_runtime=$(g++ -print-file-name=libstdc++.so.6)
+PYTHONMALLOC=malloc LD_PRELOAD="$asan_runtime $cxx_runtime" \
   ASAN_OPTIONS=detect_leaks=0:abort_on_error=1:allocator_may_return_null=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
   PYTHONPATH="$root/$build:$root/python" \
   .venv/bin/python -m pytest -c "$root/pyproject.toml" --rootdir "$root" -p no:cacheprovider "$root/tests/python" \
