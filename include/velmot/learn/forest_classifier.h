@@ -82,6 +82,35 @@ inline const FlatNode* find_leaf(const FlatNode* nodes, const double* values) {
   return node;
 }
 
+// The leaves reached by `group` instances at once (values `stride` apart)
+// in the tree whose root is nodes[0], written to leaves[0 .. group). The
+// walks are interleaved, one step of each in turn, with the child chosen by
+// arithmetic rather than a branch: independent walks then overlap their
+// loads instead of each waiting on its own mispredicted branches. Measured
+// on 20 full-depth trees (W1 data) and 50,003 instances, CPU per call on a
+// loaded machine, two runs: one branchy walk at a time 172 and 169 ms on
+// one thread, 197 ms on two; groups of 8 143-154 ms and 156-178 ms; groups
+// of 16 no better; a branch-free single walk 221 ms.
+template <int group>
+inline void find_leaves(const FlatNode* nodes, const double* values, size_t stride, const FlatNode** leaves) {
+  const FlatNode* node[group];
+  for (int k = 0; k < group; ++k) node[k] = nodes;
+  for (;;) {
+    bool moved = false;
+    for (int k = 0; k < group; ++k) {
+      const FlatNode* here = node[k];
+      if (here->feature >= 0) {
+        // Equal and NaN go right: !(threshold > value).
+        const int32_t right = !(here->threshold > values[static_cast<size_t>(k) * stride + static_cast<size_t>(here->feature)]);
+        node[k] = nodes + here->next + right;
+        moved = true;
+      }
+    }
+    if (!moved) break;
+  }
+  for (int k = 0; k < group; ++k) leaves[k] = node[k];
+}
+
 // Instances [begin, end) of `data` copied instance by instance, `stride`
 // values apart (at least the feature count), as doubles (the type descent
 // compares in): the values one descent reads lie together.
@@ -309,7 +338,21 @@ void BaseForestClassifier<L>::for_each_instance(const D& data, Body&& body) {
         const FlatNode* nodes = flat_nodes.data() + tree_starts[t];
         const double* instance_values = values;
         int* tally = tallies;
-        for (int64_t i = begin; i < end; ++i, instance_values += stride, tally += slots) {
+        constexpr int group = 8;
+        const forest_prediction::FlatNode* leaves[group];
+        int64_t i = begin;
+        for (; i + group <= end && !missing; i += group, instance_values += group * stride, tally += group * slots) {
+          forest_prediction::find_leaves<group>(nodes, instance_values, stride, leaves);
+          for (int k = 0; k < group; ++k) {
+            const int32_t slot = leaves[k]->next;
+            if (slot >= 0) {
+              ++tally[static_cast<size_t>(k) * slots + static_cast<size_t>(slot)];
+            } else if (slot == forest_prediction::absent) {
+              missing = 1;
+            }
+          }
+        }
+        for (; i < end && !missing; ++i, instance_values += stride, tally += slots) {
           const int32_t slot = forest_prediction::find_leaf(nodes, instance_values)->next;
           if (slot >= 0) {
             ++tally[slot];
