@@ -1,4 +1,4 @@
-.PHONY: test demo setup sanitize fuzz valgrind
+.PHONY: test demo setup sanitize fuzz valgrind bench
 
 # Runs every test, C++ and Python, after the idempotent set-up.
 test:
@@ -23,3 +23,8 @@ fuzz:
 # A Python learn/test/prob round trip under valgrind memcheck.
 valgrind:
 	./scripts/valgrind.sh
+
+# Velmot beside its peers on identical data, split and threads (bench/README.md).
+# `make bench ARGS=--quick` runs small sizes.
+bench:
+	./bench/setup.sh && .venv/bin/python bench/run.py $(ARGS)
