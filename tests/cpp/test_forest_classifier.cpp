@@ -167,3 +167,52 @@ TEST(ForestPrediction, SharingInstancesAmongThreadsGivesTheOneByOneResult) {
   EXPECT_EQ(shared.votes_for_each_tree, one_by_one.votes_for_each_tree);
   omp_set_num_threads(1);
 }
+
+// Instances walk each tree in groups: leaves at different depths within one
+// group, a partial group at the end, and a missing child met by one instance
+// in the middle of a group.
+TEST(ForestPrediction, GroupedWalksGiveTheOneByOneResult) {
+  std::vector<double> values;
+  for (int i = 0; i < 45; ++i) values.push_back(static_cast<double>((i * 17) % 45));
+  MemoryDataSet<double, int> data = one_feature(values, 3);
+  // A chain: value < 5 -> 0; else < 15 -> 1; else < 30 -> 2; else -> 1.
+  Forest forest;
+  Node<int>* inner = new Node<int>(forest.leaf(2), forest.leaf(1));
+  inner->set_feature_index(0);
+  inner->set_threshold(30.0);
+  Node<int>* middle = new Node<int>(forest.leaf(1), inner);
+  middle->set_feature_index(0);
+  middle->set_threshold(15.0);
+  Node<int>* root = new Node<int>(forest.leaf(0), middle);
+  root->set_feature_index(0);
+  root->set_threshold(5.0);
+  forest.add(root);
+  forest.add_stump(0, 22.0, 2, 0);
+  forest.add_leaf(2);
+
+  ForestPredictor<int> predictor(3);
+  predictor.use_forest(forest.roots);
+  std::vector<int> expected;
+  for (size_t i = 0; i < values.size(); ++i) expected.push_back(predictor.predict(data, i));
+  std::vector<int> labels;
+  for (const int threads : {1, 2}) {
+    omp_set_num_threads(threads);
+    predictor.predict(data, labels);
+    EXPECT_EQ(labels, expected);
+  }
+  omp_set_num_threads(1);
+  EXPECT_EQ(expected[0], 2);  // value 0: votes 0 (depth 1), 2, 2
+  EXPECT_EQ(expected[3], 2);  // value 6: votes 1 (depth 2), 2, 2
+  EXPECT_EQ(expected[2], 0);  // value 34: votes 1 (depth 3), 0, 2: a tie, the smallest wins
+
+
+  // Only value 44 (instance 37, inside a group of eight) reaches the
+  // missing right child.
+  Forest one_sided;
+  Node<int>* top = new Node<int>(one_sided.leaf(0), nullptr);
+  top->set_feature_index(0);
+  top->set_threshold(44.0);
+  one_sided.add(top);
+  predictor.use_forest(one_sided.roots);
+  EXPECT_EQ(failure_message([&] { predictor.predict(data, labels); }), "tree descent reached a missing child");
+}
