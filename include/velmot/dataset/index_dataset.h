@@ -100,8 +100,10 @@ public:
         uint32_t* key = rank_sort.key.data();
         label_type* label = rank_sort.label.data();
         uint32_t rmin = rank_of[indices[begin]], rmax = rmin;
+        const uint64_t* position = indices.data() + begin;
         for (size_t i = 0; i < n; ++i) {
-          const uint32_t r = rank_of[indices[begin + i]];
+          if (i + prefetch_distance < n) __builtin_prefetch(rank_of + position[i + prefetch_distance]);
+          const uint32_t r = rank_of[position[i]];
           key[i] = r;
           label[i] = get_label(begin + i);
           rmin = std::min(rmin, r);
@@ -190,6 +192,12 @@ public:
   bool ranks_sorted = false;
 
 private:
+  // How far ahead the rank gather asks for the rank of a coming position:
+  // each is a cache miss into a column of the whole data set. 16 trees on
+  // 100,000 x 40 doubles, one thread, alternating runs: 5.41 and 5.70 s CPU
+  // without, 5.00 and 5.41 s with.
+  static constexpr size_t prefetch_distance = 16;
+
   // partition's exact steps, swapping each position's label with its index.
   size_t partition_with_labels(const feature_type* column, size_t begin, size_t end, feature_type threshold) {
     uint64_t* const first = indices.data() + begin;
