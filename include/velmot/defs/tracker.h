@@ -33,10 +33,7 @@ public:
       take_first(value, candidate);
       return;
     }
-    if (compare(value, minimum_value)) {
-      minimum_value = value;
-      minimizer = candidate;
-    }
+    offer_minimum(value, candidate);
     if (compare(maximum_value, value)) {
       maximum_value = value;
       maximizer = candidate;
@@ -49,10 +46,7 @@ public:
       take_first(value, candidate);
       return;
     }
-    if (compare(value, minimum_value)) {
-      minimum_value = value;
-      minimizer = candidate;
-    }
+    offer_minimum(value, candidate);
     if (compare(maximum_value, value)) {
       maximum_value = value;
       maximizer = candidate;
@@ -82,6 +76,14 @@ public:
   void set_num_ties(int n) { nties = n; }
 
 private:
+  // Ties of the minimum keep the earlier candidate; no draw is made for them.
+  void offer_minimum(double value, const T& candidate) {
+    if (compare(value, minimum_value)) {
+      minimum_value = value;
+      minimizer = candidate;
+    }
+  }
+
   void take_first(double value, const T& candidate) {
     minimum_value = maximum_value = value;
     minimizer = maximizer = candidate;

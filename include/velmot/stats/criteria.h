@@ -74,17 +74,15 @@ public:
   double get_final_score(double score, double initial) const { return score - initial; }
 };
 
-class TwoSplitInfoGain {
+// What the two entropy criteria share: the node's entropy as the initial
+// value, an unsplit node scoring 0, and the improvement measured the Gini way.
+class EntropyCriterion {
 public:
   template <class A>
   double get_initial(const A& node) const { return compute_entropy(node); }
   template <class A>
   double get_impurity(const A& node) const { return node.compute_gini_impurity(); }
   double get_initial_score(double) const { return 0.0; }
-  template <class A>
-  double operator()(double initial, const A& left, const A& right) const {
-    return compute_2split_infogain(initial, left, right);
-  }
   template <class A>
   double get_impurity(double, double, const A& left, const A& right) const {
     return criteria_detail::children_gini(left, right);
@@ -92,22 +90,20 @@ public:
   double get_final_score(double score, double) const { return score; }
 };
 
-class TwoSplitGainRatio {
+class TwoSplitInfoGain : public EntropyCriterion {
 public:
   template <class A>
-  double get_initial(const A& node) const { return compute_entropy(node); }
-  template <class A>
-  double get_impurity(const A& node) const { return node.compute_gini_impurity(); }
-  double get_initial_score(double) const { return 0.0; }
+  double operator()(double initial, const A& left, const A& right) const {
+    return compute_2split_infogain(initial, left, right);
+  }
+};
+
+class TwoSplitGainRatio : public EntropyCriterion {
+public:
   template <class A>
   double operator()(double initial, const A& left, const A& right) const {
     return compute_2split_gain_ratio(initial, left, right);
   }
-  template <class A>
-  double get_impurity(double, double, const A& left, const A& right) const {
-    return criteria_detail::children_gini(left, right);
-  }
-  double get_final_score(double score, double) const { return score; }
 };
 
 }  // namespace Velmot
