@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <vector>
 
@@ -199,42 +200,54 @@ TEST(RangeDataSet, ViewsItsSliceAndTestsHomogeneity) {
   EXPECT_EQ(range.partition(0, 5.0), 3u);
 }
 
-// The rank sort used by the forest and the value sort give the same buffer:
-// ascending values, equal values in buffer order. Sizes cover the small,
-// counting, 8-bit and 11-bit radix paths.
-TEST(IndexedDataSet, RankSortMatchesTheValueSort) {
+// The rank sorts used by the forest (packed keys for integer labels, ranks
+// beside labels for real ones) and the value sort leave the same pairs:
+// ascending values, equal values by ascending label, whatever order the
+// positions came in. Sizes cover the small, counting and radix paths.
+template <class L>
+void check_rank_sort_matches_value_sort(typename Velmot::IndexedDataSet<Velmot::MemoryDataSet<double, L>>::SortedForm
+                                            expected_form) {
+  typedef Velmot::IndexedDataSet<Velmot::MemoryDataSet<double, L>> Indexed;
   for (const size_t n : {5u, 100u, 1500u, 6000u}) {
     for (const int distinct : {3, 100000}) {
-      Velmot::MemoryDataSet<double, int> data(1);
+      Velmot::MemoryDataSet<double, L> data(1);
       data.nc = 3;
       Velmot::XorShiftRNG gen(Velmot::XorShiftState{1, 2, 3, static_cast<int64_t>(n)});
       for (size_t i = 0; i < 20000; ++i) {
         data.features[0].push_back(static_cast<double>(gen.next_int(distinct)) * 0.25 - 7);
-        data.labels.push_back(static_cast<int>(gen.next_int(3)));
+        data.labels.push_back(static_cast<L>(gen.next_int(3)));
       }
       const Velmot::FeatureRanks<double> ranks(data);
-      Velmot::IndexedDataSet<Velmot::MemoryDataSet<double, int>> by_value(&data);
+      Indexed by_value(&data);
       for (size_t i = 0; i < n + 10; ++i) by_value.add_index(static_cast<uint64_t>(gen.next_int(20000)));
       auto by_rank = by_value;
       by_rank.ranks = &ranks;
       ASSERT_TRUE(by_rank.buffer_sorted_feature_unless_constant(0, 10, n + 10));
-      ASSERT_TRUE(by_rank.sorted_ranks());
+      ASSERT_EQ(by_rank.sorted_form(), expected_form);
       by_value.buffer_feature(0, 10, n + 10);
       by_value.sort_buffered_feature(0, 10, n + 10);
-      const uint32_t* rank = by_rank.rank_sort.sorted_key();
-      const int* label = by_rank.rank_sort.sorted_label();
       const double* value_of_rank = by_rank.sorted_values();
       for (size_t i = 0; i < n; ++i) {
         const auto& expected = by_value.get_buffered_feature_label(10 + i);
-        ASSERT_EQ(value_of_rank[rank[i]], expected.first) << n << " " << i;
-        ASSERT_EQ(label[i], expected.second) << n << " " << i;
-        // Ranks are equal exactly when values are.
+        ASSERT_EQ(value_of_rank[by_rank.sorted_rank(i)], expected.first) << n << " " << i;
+        ASSERT_EQ(by_rank.sorted_label(i), expected.second) << n << " " << i;
         if (i > 0) {
-          ASSERT_EQ(rank[i] == rank[i - 1], expected.first == by_value.get_buffered_feature_label(9 + i).first);
+          const auto& before = by_value.get_buffered_feature_label(9 + i);
+          // Ranks are equal exactly when values are; equal values by label.
+          ASSERT_EQ(by_rank.sorted_rank(i) == by_rank.sorted_rank(i - 1), expected.first == before.first);
+          ASSERT_TRUE(before.first < expected.first || (before.first == expected.first && before.second <= expected.second));
         }
       }
     }
   }
+}
+
+TEST(IndexedDataSet, RankSortMatchesTheValueSort) {
+  typedef Velmot::IndexedDataSet<Velmot::MemoryDataSet<double, int>> IntLabels;
+  typedef Velmot::IndexedDataSet<Velmot::MemoryDataSet<double, double>> RealLabels;
+  check_rank_sort_matches_value_sort<int>(IntLabels::packed_ranks);
+  check_rank_sort_matches_value_sort<double>(RealLabels::ranks_and_labels);
+
   // Constant on the range: refused, whichever way.
   const auto data = one_feature<double, int>({2, 2, 2, 5}, {0, 1, 0, 1});
   const Velmot::FeatureRanks<double> ranks(data);
@@ -244,10 +257,81 @@ TEST(IndexedDataSet, RankSortMatchesTheValueSort) {
   EXPECT_TRUE(indexed.buffer_sorted_feature_unless_constant(0, 0, 4));
   indexed.ranks = nullptr;
   EXPECT_FALSE(indexed.buffer_sorted_feature_unless_constant(0, 0, 3));
-  // Without ranks the pairs are in the buffer, and the flag says so.
+  // Without ranks the pairs are in the buffer, and the form says so.
   EXPECT_TRUE(indexed.buffer_sorted_feature_unless_constant(0, 0, 4));
-  EXPECT_FALSE(indexed.sorted_ranks());
+  EXPECT_EQ(indexed.sorted_form(), decltype(indexed)::in_buffer);
   EXPECT_EQ(indexed.get_buffered_feature_label(3).first, 5.0);
+}
+
+}  // namespace
+
+namespace {
+
+// The sorted (value, label) pairs a range leaves, whichever form holds them.
+template <class F, class L>
+std::vector<std::pair<F, L>> sorted_pairs(Velmot::IndexedDataSet<Velmot::MemoryDataSet<F, L>>& indexed, size_t n) {
+  std::vector<std::pair<F, L>> pairs;
+  for (size_t i = 0; i < n; ++i) {
+    if (indexed.sorted_form() == indexed.in_buffer) {
+      pairs.push_back(indexed.get_buffered_feature_label(i));
+    } else {
+      pairs.emplace_back(indexed.sorted_values()[indexed.sorted_rank(i)], indexed.sorted_label(i));
+    }
+  }
+  return pairs;
+}
+
+// The grower keeps its positions in whatever order gathers fastest, so the
+// sort must not depend on it: a range and the same range reversed sort
+// alike, for every sort (small and large integer ranges, counting and
+// comparison; values and ranks, small and radix sizes).
+template <class F>
+void check_sort_ignores_position_order(int value_range, bool use_ranks) {
+  for (const size_t n : {40u, 300u, 5000u}) {
+    Velmot::MemoryDataSet<F, int> data(1);
+    data.nc = 4;
+    Velmot::XorShiftRNG gen(Velmot::XorShiftState{5, 6, 7, static_cast<int64_t>(n)});
+    for (size_t i = 0; i < n; ++i) {
+      data.features[0].push_back(static_cast<F>(gen.next_int(value_range)));
+      data.labels.push_back(static_cast<int>(gen.next_int(4)));
+    }
+    const Velmot::FeatureRanks<F> ranks(data);
+    auto forwards = all_of(data);
+    auto backwards = all_of(data);
+    std::reverse(backwards.indices.begin(), backwards.indices.end());
+    forwards.ranks = backwards.ranks = use_ranks ? &ranks : nullptr;
+    ASSERT_TRUE(forwards.buffer_sorted_feature_unless_constant(0, 0, n));
+    ASSERT_TRUE(backwards.buffer_sorted_feature_unless_constant(0, 0, n));
+    const auto expected = sorted_pairs(forwards, n);
+    ASSERT_EQ(sorted_pairs(backwards, n), expected) << value_range << " " << n;
+    ASSERT_TRUE(std::is_sorted(expected.begin(), expected.end())) << value_range << " " << n;
+  }
+}
+
+TEST(IndexedDataSet, SortedPairsDoNotDependOnPositionOrder) {
+  check_sort_ignores_position_order<int>(5, false);
+  check_sort_ignores_position_order<int>(1000000, false);
+  check_sort_ignores_position_order<unsigned char>(7, false);
+  check_sort_ignores_position_order<double>(9, false);
+  check_sort_ignores_position_order<double>(9, true);
+  check_sort_ignores_position_order<float>(100000, true);
+}
+
+// The grower's stable partitions split exactly as partition does and keep
+// each part in position order; by rank, given the first rank going right.
+TEST(IndexedDataSet, PartitionKeepingOrderSplitsLikePartition) {
+  const auto data = one_feature<double, int>({3, 1, 2.5, 2, 7, 0.5}, {0, 1, 0, 1, 0, 1});
+  const Velmot::FeatureRanks<double> ranks(data);
+  auto by_value = all_of(data);
+  by_value.follow_labels();
+  EXPECT_EQ(by_value.partition_keeping_order(0, 0, 6, 2.5), 3u);
+  EXPECT_EQ(by_value.indices, (std::vector<uint64_t>{1, 3, 5, 0, 2, 4}));
+  EXPECT_EQ(by_value.position_labels, (std::vector<int>{1, 1, 1, 0, 0, 0}));
+  auto by_rank = all_of(data);
+  by_rank.ranks = &ranks;
+  // Ranks: 0.5 -> 0, 1 -> 1, 2 -> 2, 2.5 -> 3, 3 -> 4, 7 -> 5.
+  EXPECT_EQ(by_rank.partition_by_rank_keeping_order(0, 0, 6, 3), 3u);
+  EXPECT_EQ(by_rank.indices, by_value.indices);
 }
 
 }  // namespace

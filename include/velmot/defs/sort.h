@@ -9,13 +9,16 @@
 //   with n log2 n, the comparison sort otherwise;
 // - for floating-point features, ComparisonFlexiSort: a stable sort by value
 //   (radix sort of the values' bits, or a comparison sort for small ranges).
-// RankSort serves floating-point features whose values were ranked once per
-// forest: it sorts the ranks instead, in the same stable order, and leaves
-// them as ranks for the split sweep.
+// RankSort and PackedRankSort serve floating-point features whose values were
+// ranked once per forest: they sort the ranks instead and leave them as ranks
+// for the split sweep.
 //
-// The counting sort's result is ascending by value and, within equal values,
-// ascending by label; the comparison sort leaves the order of equal values
-// unspecified. For real labels the counting sort writes each label back on
+// Every sort here leaves the pairs ascending by value and, within equal
+// values, ascending by label: the counting sort's order. The comparison sort
+// may leave equal values in any order; choosing this one everywhere makes a
+// node's sorted pairs independent of the order its instances came in, so the
+// grower is free to keep its index list in whatever order gathers fastest,
+// and a tree does not depend on which of the sorts its nodes used. For real labels the counting sort writes each label back on
 // the grid lmin + b, b = trunc(trunc(l) - lmin): a fractional label comes back
 // moved (0.5 and 2.7 come back as 0.5 and 1.5). That rewriting is kept.
 //
@@ -47,23 +50,51 @@ struct FeatureLabelLessThan {
 
 namespace sort_detail {
 
-// The comparison sort of integer pairs. Any algorithm that orders by value
-// will do: the order of equal values is free.
+// Ascending value, then ascending label: the one order every sort leaves.
+// Labels are never NaN in a learner (they are checked against the class
+// range first), so this is a strict weak order wherever values are not NaN.
+template <class P>
+struct ValueThenLabelLess {
+  bool operator()(const P& a, const P& b) const {
+    return a.first < b.first || (!(b.first < a.first) && a.second < b.second);
+  }
+};
+
+// The comparison sort of integer pairs, in value-then-label order.
 template <class Iterator>
 void comparison_sort(Iterator first, Iterator last) {
   typedef typename std::iterator_traits<Iterator>::value_type P;
-  std::sort(first, last, FeatureLabelLessThan<P>());
+  std::sort(first, last, ValueThenLabelLess<P>());
 }
 
-// Stable insertion sort by value, for the few pairs of small nodes (no
-// allocation, unlike std::stable_sort).
+// Insertion sort in value-then-label order, for the few pairs of small
+// nodes (no allocation).
 template <class P>
-void insertion_sort_by_value(P* first, P* last) {
+void insertion_sort_by_value_then_label(P* first, P* last) {
+  const ValueThenLabelLess<P> less;
   for (P* i = first + (first != last); i < last; ++i) {
     const P moving = *i;
     P* j = i;
-    for (; j != first && moving.first < (j - 1)->first; --j) *j = *(j - 1);
+    for (; j != first && less(moving, *(j - 1)); --j) *j = *(j - 1);
     *j = moving;
+  }
+}
+
+// After a stable sort by key alone: puts each run of equal keys in
+// ascending label order. Runs are short on the data that matters (a run is
+// a value repeated within one node), so insertion sort.
+template <class K, class L>
+void order_equal_keys_by_label(K* key, L* label, size_t n) {
+  size_t run_start = 0;
+  for (size_t i = 1; i <= n; ++i) {
+    if (i < n && key[i] == key[run_start]) continue;
+    for (size_t a = run_start + 1; a < i; ++a) {
+      const L moving = label[a];
+      size_t b = a;
+      for (; b != run_start && moving < label[b - 1]; --b) label[b] = label[b - 1];
+      label[b] = moving;
+    }
+    run_start = i;
   }
 }
 
@@ -173,13 +204,11 @@ private:
   }
 };
 
-// The comparison sort's contract (ascending values, equal values in any
-// order) for floating-point features, met by a stable sort: a least-
-// significant-digit radix sort on the values' bit patterns for ranges large
-// enough to repay it, skipping byte positions on which every key agrees, and
-// a stable comparison sort below. Being stable, it orders exactly as the
-// rank sort (RankSort) does, so a tree does not depend on which of the two
-// its nodes used. The scratch buffers are reused across nodes.
+// The value sort of floating-point features, in value-then-label order: a
+// least-significant-digit radix sort on the values' bit patterns for ranges
+// large enough to repay it (skipping byte positions on which every key
+// agrees; runs of equal values are then put in label order), and a
+// comparison sort below. The scratch buffers are reused across nodes.
 template <class F, class L>
 class ComparisonFlexiSort {
   static_assert(std::is_floating_point<F>::value, "radix keys are made from float or double bits");
@@ -197,14 +226,15 @@ public:
     const size_t n = static_cast<size_t>(last - first);
     if (n < 2) return;
     if (n < insertion_threshold) {
-      sort_detail::insertion_sort_by_value(&*first, &*first + n);
+      sort_detail::insertion_sort_by_value_then_label(&*first, &*first + n);
       return;
     }
     if (n < radix_threshold) {
-      std::stable_sort(first, last, FeatureLabelLessThan<pair_type>());
+      std::sort(first, last, sort_detail::ValueThenLabelLess<pair_type>());
       return;
     }
     radix_sort(&*first, n);
+    order_equal_values_by_label(&*first, n);
   }
 
   // Ascending unsigned keys in the order of the values: flip every bit of a
@@ -256,21 +286,30 @@ private:
     if (in != data) std::copy(in, in + n, data);
   }
 
+  static void order_equal_values_by_label(pair_type* data, size_t n) {
+    size_t run_start = 0;
+    for (size_t i = 1; i <= n; ++i) {
+      if (i < n && data[i].first == data[run_start].first) continue;
+      if (i - run_start > 1) sort_detail::insertion_sort_by_value_then_label(data + run_start, data + i);
+      run_start = i;
+    }
+  }
+
   std::vector<pair_type> scratch;
   std::vector<key_type> keys;
   uint32_t histogram[num_digits][256];
 };
 
-// Sorts a node's (rank, label) pairs of one feature stably by rank: a
-// counting sort when the node's rank range is within a few times its size,
-// a radix sort of the ranks (relative to the smallest) otherwise, with 8- or
-// 11-bit digits by size, and an insertion sort for small nodes. The caller
-// fills key[0..n) and label[0..n) through prepare(); the sorted ranks and
-// labels are then at sorted_key() and sorted_label(), each rank lowered by
-// key_offset(). Values are not written out: the split sweep compares ranks
-// and looks values up only for the thresholds it scores. (Writing the value
-// of every sorted rank took a third of the learner's time on 100,000 x 40
-// doubles: one cache miss per instance and feature into the value table.)
+// Sorts a node's (rank, label) pairs of one feature by rank, then label,
+// with the two kept in separate arrays (the form for real labels, which
+// cannot be packed into a key): a counting sort when the node's rank range
+// is within a few times its size, a radix sort of the ranks (relative to the
+// smallest) otherwise, with 8- or 11-bit digits by size, and an insertion
+// sort for small nodes; runs of equal ranks are then put in label order. The
+// caller fills key[0..n) and label[0..n) through prepare(); the sorted ranks
+// and labels are then at sorted_key() and sorted_label(), each rank lowered
+// by key_offset(). Values are not written out: the split sweep compares ranks
+// and looks values up only for the thresholds it keeps.
 template <class F, class L>
 class RankSort {
 public:
@@ -285,6 +324,22 @@ public:
   }
 
   void sort(size_t n, uint32_t rmin, uint32_t rmax) {
+    sort_by_rank(n, rmin, rmax);
+    sort_detail::order_equal_keys_by_label(result_key, result_label, n);
+  }
+
+  const uint32_t* sorted_key() const { return result_key; }
+  const L* sorted_label() const { return result_label; }
+  uint32_t key_offset() const { return offset; }
+
+  std::vector<uint32_t> key;
+  std::vector<L> label;
+
+private:
+  static constexpr size_t small_size = 64;
+
+  // Stable in rank alone.
+  void sort_by_rank(size_t n, uint32_t rmin, uint32_t rmax) {
     if (n < small_size) {
       insertion_sort(n);
       result_key = key.data();
@@ -342,16 +397,6 @@ public:
     result_label = l_in;
   }
 
-  const uint32_t* sorted_key() const { return result_key; }
-  const L* sorted_label() const { return result_label; }
-  uint32_t key_offset() const { return offset; }
-
-  std::vector<uint32_t> key;
-  std::vector<L> label;
-
-private:
-  static constexpr size_t small_size = 64;
-
   // Stable: a key moves only past strictly larger keys.
   void insertion_sort(size_t n) {
     uint32_t* k = key.data();
@@ -372,9 +417,100 @@ private:
   std::vector<uint32_t> key_scratch;
   std::vector<L> label_scratch;
   std::vector<uint32_t> count;
-  const uint32_t* result_key = nullptr;
-  const L* result_label = nullptr;
+  uint32_t* result_key = nullptr;
+  L* result_label = nullptr;
   uint32_t offset = 0;
+};
+
+// Sorts a node's (rank, label) pairs of one feature packed into one 32-bit
+// key each: the rank in the high bits, label + 1 in the low label_bits, so
+// that ascending keys are ascending ranks and, within a rank, ascending
+// labels. One array instead of two halves what the sort moves, and the split
+// sweep reads one stream. Equal keys are equal pairs, so stability does not
+// matter.
+//
+// Steps: the caller fills keys() (n of them, smallest kmin, largest kmax);
+// every key is lowered by base (kmin with its label bits cleared, so that a
+// lowered key still splits into rank - rank_of(base) and label); small
+// nodes are sorted by comparison, larger ones by one counting pass when the
+// lowered keys need at most 11 bits, else by two or three radix passes of
+// equal digit widths, both histograms counted in one read.
+class PackedRankSort {
+public:
+  void prepare(size_t n) {
+    if (key.size() < n) {
+      const size_t size = std::max(n, 2 * key.size());
+      key.resize(size);
+      scratch.resize(size);
+    }
+  }
+  uint32_t* keys() { return key.data(); }
+
+  void sort(size_t n, uint32_t kmin, uint32_t kmax, int label_bits) {
+    base_key = (kmin >> label_bits) << label_bits;
+    uint32_t* in = key.data();
+    for (size_t i = 0; i < n; ++i) in[i] -= base_key;
+    result = in;
+    if (n < comparison_size) {
+      std::sort(in, in + n);
+      return;
+    }
+    const uint32_t span = kmax - base_key;
+    int bits = 1;
+    while (bits < 32 && (span >> bits) != 0) ++bits;
+    const int passes = bits <= 11 ? 1 : bits <= 22 ? 2 : 3;
+    const int digit_bits = (bits + passes - 1) / passes;
+    const uint32_t mask = (1u << digit_bits) - 1;
+    const size_t buckets = size_t(1) << digit_bits;
+    if (count.size() < passes * buckets) count.resize(passes * buckets);
+    std::fill(count.begin(), count.begin() + passes * buckets, 0u);
+    uint32_t* c0 = count.data();
+    uint32_t* c1 = c0 + buckets;
+    uint32_t* c2 = c1 + buckets;
+    if (passes == 1) {
+      for (size_t i = 0; i < n; ++i) ++c0[in[i]];
+    } else if (passes == 2) {
+      for (size_t i = 0; i < n; ++i) {
+        ++c0[in[i] & mask];
+        ++c1[in[i] >> digit_bits];
+      }
+    } else {
+      for (size_t i = 0; i < n; ++i) {
+        ++c0[in[i] & mask];
+        ++c1[(in[i] >> digit_bits) & mask];
+        ++c2[in[i] >> (2 * digit_bits)];
+      }
+    }
+    uint32_t* out = scratch.data();
+    for (int pass = 0; pass < passes; ++pass) {
+      uint32_t* c = count.data() + pass * buckets;
+      const int shift = pass * digit_bits;
+      // A digit every key shares moves nothing.
+      if (c[(in[0] >> shift) & mask] == n) continue;
+      uint32_t position = 0;
+      for (size_t b = 0; b < buckets; ++b) {
+        const uint32_t here = c[b];
+        c[b] = position;
+        position += here;
+      }
+      for (size_t i = 0; i < n; ++i) out[c[(in[i] >> shift) & mask]++] = in[i];
+      std::swap(in, out);
+    }
+    result = in;
+  }
+
+  // The sorted keys, each lowered by base().
+  const uint32_t* sorted() const { return result; }
+  uint32_t base() const { return base_key; }
+
+private:
+  static constexpr size_t comparison_size = 96;
+
+  std::vector<uint32_t> key;
+  std::vector<uint32_t> scratch;
+  std::vector<uint32_t> count;
+  const uint32_t* result = nullptr;
+  uint32_t base_key = 0;
 };
 
 template <class F, class L>

@@ -30,6 +30,8 @@
 
 #include <omp.h>
 
+#include <algorithm>
+#include <cstdint>
 #include <deque>
 #include <functional>
 #include <vector>
@@ -87,17 +89,43 @@ private:
   std::vector<int> drawn;
 };
 
+// One feature's best split as the node's search keeps it: the feature, the
+// split's impurity, and either the two ranks around the boundary (ranked
+// features: the values are looked up only if this feature wins) or the two
+// values themselves. For the seed both are the smallest.
+template <class F>
+struct SplitCandidate {
+  int feature_index = -1;
+  double impurity = 0.0;
+  bool is_seed = true;
+  bool ranked = false;
+  uint32_t lower_rank = 0, upper_rank = 0;
+  F lower_value{}, upper_value{};
+};
+
+// Scratch of the split search, reused across the nodes of a tree.
+template <class A>
+struct SearchWorkspace {
+  A left;
+  A right;
+};
+
 // The best split over the features chosen for one node, or an uninitialized
-// tracker when no feature could be evaluated.
+// tracker when no feature could be evaluated. Scores are the ones
+// learn_tree_node reports, offered in the same order with the same draws.
 template <class I, class A, class Criterion>
-Tracker<NodeResult<typename I::feature_type>, std::less<double>> search_features(
+Tracker<SplitCandidate<typename I::feature_type>, std::less<double>> search_features(
     RangeDataSet<I>& range, const A& counts, int fte_per_split, const Criterion& criteria, XorShiftRNG& random,
-    DrawnFeatures& drawn) {
+    DrawnFeatures& drawn, SearchWorkspace<A>& workspace) {
+  typedef typename I::feature_type F;
+  typedef typename I::label_type L;
   const int nf = static_cast<int>(range.get_num_features());
   const int k = (fte_per_split >= 1 && fte_per_split < nf) ? fte_per_split : nf;
   const bool random_mode = k != nf;
   const size_t n = range.get_num_instances();
-  Tracker<NodeResult<typename I::feature_type>, std::less<double>> best_over_features;
+  const double initial = criteria.get_initial(counts);
+  I& indexed = *range.dataset;
+  Tracker<SplitCandidate<F>, std::less<double>> best_over_features;
   drawn.clear();
   for (int kk = 0; kk < k;) {
     int fte;
@@ -112,18 +140,90 @@ Tracker<NodeResult<typename I::feature_type>, std::less<double>> search_features
     drawn.insert(fte);
     // A constant feature is skipped and not counted.
     if (n < 2 || !range.buffer_sorted_feature_unless_constant(static_cast<size_t>(fte))) continue;
-    // Floating-point features sorted by rank are swept on their ranks.
-    const auto best_for_feature =
-        range.sorted_ranks()
-            ? learn_tree_node_on_ranks(n, range.dataset->rank_sort.sorted_key(),
-                                       range.dataset->rank_sort.sorted_label(), range.dataset->sorted_values(),
-                                       counts, range.get_labeling(), range.get_num_classes(), fte, criteria)
-            : learn_tree_node(random, range, counts, fte, criteria);
-    best_over_features.try_candidate_break_ties(best_for_feature.get_maximum(), best_for_feature.get_maximizer(),
-                                                random);
+    SplitCandidate<F> candidate;
+    candidate.feature_index = fte;
+    double score = 0.0;
+    auto keep = [&](const auto& split) {
+      score = split.score;
+      candidate.impurity = split.impurity;
+      candidate.is_seed = split.is_seed;
+    };
+    switch (indexed.sorted_form()) {
+      case I::packed_ranks: {
+        const uint32_t* key = indexed.packed_sort.sorted();
+        const int shift = indexed.packed_label_bits;
+        const uint32_t label_mask = indexed.packed_label_mask();
+        const auto split = best_split_of_feature<L>(
+            n, [key, shift](size_t i) { return key[i] >> shift; },
+            [key, label_mask](size_t i) { return static_cast<L>(static_cast<int64_t>(key[i] & label_mask) - 1); },
+            counts, initial, workspace.left, workspace.right, criteria);
+        keep(split);
+        const uint32_t base_rank = indexed.packed_sort.base() >> shift;
+        candidate.ranked = true;
+        candidate.lower_rank = split.lower + base_rank;
+        candidate.upper_rank = split.upper + base_rank;
+        break;
+      }
+      case I::ranks_and_labels: {
+        const uint32_t* rank = indexed.rank_sort.sorted_key();
+        const L* label = indexed.rank_sort.sorted_label();
+        const auto split = best_split_of_feature<L>(
+            n, [rank](size_t i) { return rank[i]; }, [label](size_t i) { return label[i]; }, counts, initial,
+            workspace.left, workspace.right, criteria);
+        keep(split);
+        candidate.ranked = true;
+        candidate.lower_rank = split.lower + indexed.rank_sort.key_offset();
+        candidate.upper_rank = split.upper + indexed.rank_sort.key_offset();
+        break;
+      }
+      case I::in_buffer: {
+        const typename I::pair_type* pairs = range.buffered_pairs();
+        const auto split = best_split_of_feature<L>(
+            n, [pairs](size_t i) { return pairs[i].first; }, [pairs](size_t i) { return pairs[i].second; }, counts,
+            initial, workspace.left, workspace.right, criteria);
+        keep(split);
+        candidate.lower_value = split.lower;
+        candidate.upper_value = split.upper;
+        break;
+      }
+    }
+    best_over_features.try_candidate_break_ties(score, candidate, random);
     ++kk;
   }
   return best_over_features;
+}
+
+// The winning split's threshold: the smallest value for the seed, else the
+// threshold between the two values around the boundary.
+template <class I>
+typename I::feature_type threshold_of(const I& indexed, const SplitCandidate<typename I::feature_type>& c) {
+  typedef typename I::feature_type F;
+  F lower = c.lower_value, upper = c.upper_value;
+  if (c.ranked) {
+    const F* values = indexed.ranks->values(static_cast<size_t>(c.feature_index));
+    lower = values[c.lower_rank];
+    upper = values[c.upper_rank];
+  }
+  return c.is_seed ? lower : ThresholdInfo<F>::get_less_than_threshold(lower, upper);
+}
+
+// Splits the range by the winner, keeping positions in order; returns the
+// number sent left (value < threshold). Ranks stand in for values when the
+// threshold lies above the lower value and not above the upper one (or the
+// seed's smallest value), which the usual midpoint does; any other rounding
+// falls back to comparing values.
+template <class I>
+size_t partition_by_winner(RangeDataSet<I>& range, const SplitCandidate<typename I::feature_type>& c,
+                           typename I::feature_type threshold) {
+  const size_t f = static_cast<size_t>(c.feature_index);
+  if (c.ranked) {
+    const auto* values = range.dataset->ranks->values(f);
+    if (c.is_seed) return range.partition_by_rank_keeping_order(f, c.lower_rank);
+    if (values[c.lower_rank] < threshold && !(values[c.upper_rank] < threshold)) {
+      return range.partition_by_rank_keeping_order(f, c.upper_rank);
+    }
+  }
+  return range.partition_keeping_order(f, threshold);
 }
 
 }  // namespace learn_tree_detail
@@ -167,9 +267,13 @@ Node<typename D::label_type>* learn_tree(const IndexedDataSet<D>& data, int fte_
   // fetched once.
   XorShiftRNG& random = thread_generator();
   I indexed_data(data);
+  // Sorted pairs do not depend on the order of a node's positions, so they
+  // are kept ascending: gathers then read each column forwards.
+  indexed_data.sort_indices();
   indexed_data.follow_labels();
   learn_tree_detail::DrawnFeatures drawn(data.get_num_features());
   NominalLabelPriorAccumulator<int> counts;
+  learn_tree_detail::SearchWorkspace<NominalLabelPriorAccumulator<int>> workspace;
   std::deque<NodeLearnTask<L>> to_learn;
   Node<L>* root = new Node<L>();
   try {
@@ -194,17 +298,18 @@ Node<typename D::label_type>* learn_tree(const IndexedDataSet<D>& data, int fte_
         continue;
       }
 
-      const auto winner = learn_tree_detail::search_features(range, counts, fte_per_split, criteria, random, drawn);
+      const auto winner =
+          learn_tree_detail::search_features(range, counts, fte_per_split, criteria, random, drawn, workspace);
       int f = -1;
       F t = 0;
       double g = 0.0;
       int split_index = task.begin_i;
       if (winner.is_initialized()) {
-        const NodeResult<F>& best = winner.get_maximizer();
+        const auto& best = winner.get_maximizer();
         f = best.feature_index;
-        t = best.threshold;
-        g = best.best_improvement;
-        split_index = task.begin_i + static_cast<int>(range.partition(static_cast<size_t>(f), t));
+        t = learn_tree_detail::threshold_of(indexed_data, best);
+        g = std::max(best.impurity - criteria.get_impurity(counts), 0.0);
+        split_index = task.begin_i + static_cast<int>(learn_tree_detail::partition_by_winner(range, best, t));
       }
       node->set_threshold(static_cast<double>(t));
       node->set_label(static_cast<L>(-2));

@@ -29,9 +29,11 @@
 #include <cstdint>
 #include <functional>
 #include <type_traits>
+#include <vector>
 
 #include "velmot/defs/labeling.h"
 #include "velmot/defs/tracker.h"
+#include "velmot/stats/criteria.h"
 #include "velmot/stats/label_accumulator.h"
 
 namespace Velmot {
@@ -68,15 +70,92 @@ struct Boundary {
 
 // The sweep over n sorted pairs, whatever holds them: key_at(i) is the i-th
 // sorted key (a value, or a rank standing for one: keys are equal exactly
-// when values are), label_at(i) its label, and value_of(key) the value of a
-// key. Templates rather than calls through pointers: these run once per
-// pair and feature.
-//
-// The sweep tracks boundaries by position and makes thresholds only for the
-// two it keeps: on ranks, reading two values per improvement cost 13% of the
-// learner's samples (a cache miss into the value table each time) on
-// 100,000 x 40 doubles. Offering the same scores in the same order to a
-// tracker of positions keeps the same winners.
+// when values are) and label_at(i) its label. `left` must be empty and
+// `right` hold the node's counts; both end moved. Each admissible boundary
+// is offered as offer(score, position, impurity_of) in sweep order, where
+// impurity_of() computes the split's impurity from the current counts:
+// a sink that only keeps the best computes it only for improvements.
+// Templates rather than calls through pointers: these run once per pair and
+// feature.
+template <class L, class A, class Criterion, class KeyAt, class LabelAt, class Offer>
+void sweep_boundaries(size_t ni, KeyAt key_at, LabelAt label_at, double initial, const A& counts, A& left, A& right,
+                      const Criterion& criteria, Offer&& offer) {
+  left.set_labeling(counts.get_labeling());
+  left.set_num_classes(counts.get_num_classes());
+  right = counts;
+  left.increment_count(label_class(label_at(0)));
+  right.decrement_count(label_class(label_at(0)));
+  if (!(ni > 2 && key_at(0) != key_at(ni - 1))) return;
+  L first_label = label_at(0);
+  bool different_labels = false;
+  auto previous = key_at(0);
+  auto impurity_of = [&]() { return criteria.get_impurity(0.0, 0.0, left, right); };
+  for (size_t i = 1; i < ni; ++i) {
+    const auto key = key_at(i);
+    const L label = label_at(i);
+    if (!different_labels) different_labels = label != first_label;
+    if (different_labels && previous != key) {
+      offer(criteria(initial, left, right), i, impurity_of);
+      different_labels = false;
+      first_label = label;
+    }
+    left.increment_count(label_class(label));
+    right.decrement_count(label_class(label));
+    previous = key;
+  }
+}
+
+// The Gini criterion needs of each side only its total and sum of squared
+// counts. Held in locals they stay in registers; in the accumulators every
+// count store may alias them (int64_t and size_t), which forced a reload
+// and a store of each per pair. The scores are the accumulators' to the bit:
+// sum_squared / total per side (0 for an empty side), left plus right.
+template <class L, class A, class KeyAt, class LabelAt, class Offer>
+void sweep_boundaries(size_t ni, KeyAt key_at, LabelAt label_at, double /*initial*/, const A& counts, A& /*left*/,
+                      A& /*right*/, const TwoSplitGiniImpurity& /*criteria*/, Offer&& offer) {
+  // Per-thread scratch: the sweep runs once per node and feature.
+  static thread_local std::vector<int64_t> side_counts;
+  const size_t slots = counts.get_num_slots();
+  side_counts.assign(2 * slots, 0);
+  int64_t* const lc = side_counts.data();
+  int64_t* const rc = lc + slots;
+  for (size_t slot = 0; slot < slots; ++slot) rc[slot] = counts[static_cast<int>(slot)];
+  int64_t left_squares = 0, right_squares = counts.get_sum_squared();
+  int64_t left_total = 0, right_total = static_cast<int64_t>(counts.get_total_count());
+  auto move_left = [&](L label) {
+    const size_t slot = static_cast<size_t>(label_class(label) + 1);
+    left_squares += 2 * lc[slot] + 1;
+    ++lc[slot];
+    ++left_total;
+    --rc[slot];
+    right_squares -= 2 * rc[slot] + 1;
+    --right_total;
+  };
+  auto gini = [](int64_t squares, int64_t total) {
+    return total == 0 ? 0.0 : static_cast<double>(squares) / static_cast<double>(total);
+  };
+  move_left(label_at(0));
+  if (!(ni > 2 && key_at(0) != key_at(ni - 1))) return;
+  L first_label = label_at(0);
+  bool different_labels = false;
+  auto previous = key_at(0);
+  for (size_t i = 1; i < ni; ++i) {
+    const auto key = key_at(i);
+    const L label = label_at(i);
+    if (!different_labels) different_labels = label != first_label;
+    if (different_labels && previous != key) {
+      const double score = gini(left_squares, left_total) + gini(right_squares, right_total);
+      offer(score, i, [score]() { return score; });
+      different_labels = false;
+      first_label = label;
+    }
+    move_left(label);
+    previous = key;
+  }
+}
+
+// The full search result of one feature (the tracker learn_tree_node
+// returns): value_of(key) turns a key into its value.
 template <class F, class L, class A, class Criterion, class KeyAt, class LabelAt, class ValueOf>
 Tracker<NodeResult<F>, std::less<double>> sweep(size_t ni, KeyAt key_at, LabelAt label_at, ValueOf value_of,
                                                 const A& counts, LabelingType labeling, size_t num_classes,
@@ -87,36 +166,16 @@ Tracker<NodeResult<F>, std::less<double>> sweep(size_t ni, KeyAt key_at, LabelAt
 
   const double initial = criteria.get_initial(counts);
   const double node_impurity = criteria.get_impurity(counts);
-  A left_counts;
-  left_counts.set_labeling(labeling);
-  left_counts.set_num_classes(static_cast<int>(num_classes));
-  A right_counts(counts);
+  (void)labeling;
+  (void)num_classes;
+  A left_counts, right_counts;
 
   Tracker<Boundary, std::less<double>> boundaries;
   boundaries.try_candidate(criteria.get_initial_score(initial), Boundary{0, 0.0});
-  left_counts.increment_count(label_class(label_at(0)));
-  right_counts.decrement_count(label_class(label_at(0)));
-
-  L first_label = label_at(0);
-  bool different_labels = false;
-  if (ni > 2 && key_at(0) != key_at(ni - 1)) {
-    auto previous = key_at(0);
-    for (size_t i = 1; i < ni; ++i) {
-      const auto key = key_at(i);
-      const L label = label_at(i);
-      if (!different_labels) different_labels = label != first_label;
-      if (different_labels && previous != key) {
-        const double score = criteria(initial, left_counts, right_counts);
-        const double impurity = criteria.get_impurity(0.0, 0.0, left_counts, right_counts);
-        boundaries.try_candidate(score, Boundary{i, impurity});
-        different_labels = false;
-        first_label = label;
-      }
-      left_counts.increment_count(label_class(label));
-      right_counts.decrement_count(label_class(label));
-      previous = key;
-    }
-  }
+  sweep_boundaries<L>(ni, key_at, label_at, initial, counts, left_counts, right_counts, criteria,
+                      [&](double score, size_t position, auto impurity_of) {
+                        boundaries.try_candidate(score, Boundary{position, impurity_of()});
+                      });
 
   auto result_of = [&](const Boundary& b) {
     if (b.position == 0) return Result(feature_index, value_of(key_at(0)), 0.0);
@@ -139,6 +198,47 @@ Tracker<NodeResult<F>, std::less<double>> sweep(size_t ni, KeyAt key_at, LabelAt
 }
 
 }  // namespace split_search_detail
+
+// What the grower keeps of one feature's search: its final score and where
+// its best split lies, as the two sorted keys around the boundary (the
+// seed: both are the smallest key). Turning keys into a threshold costs
+// value lookups (cache misses into a value table, for ranks), so it is done
+// only for the feature that wins the node.
+template <class Key>
+struct FeatureSplit {
+  double score = 0.0;
+  double impurity = 0.0;  // of the split, before the node's is subtracted
+  bool is_seed = true;
+  Key lower{};
+  Key upper{};
+};
+
+// The grower's sweep: the same maximum, first maximizer and impurity as
+// learn_tree_node, without the tracker's other bookkeeping. `left` and
+// `right` are scratch accumulators, reused across calls; initial is
+// criteria.get_initial(counts).
+template <class L, class A, class Criterion, class KeyAt, class LabelAt>
+auto best_split_of_feature(size_t ni, KeyAt key_at, LabelAt label_at, const A& counts, double initial, A& left,
+                           A& right, const Criterion& criteria) -> FeatureSplit<decltype(key_at(0))> {
+  double best_score = criteria.get_initial_score(initial);
+  size_t best_position = 0;
+  double best_impurity = 0.0;
+  split_search_detail::sweep_boundaries<L>(ni, key_at, label_at, initial, counts, left, right, criteria,
+                                           [&](double score, size_t position, auto impurity_of) {
+                                             if (best_score < score) {
+                                               best_score = score;
+                                               best_position = position;
+                                               best_impurity = impurity_of();
+                                             }
+                                           });
+  FeatureSplit<decltype(key_at(0))> split;
+  split.score = criteria.get_final_score(best_score, initial);
+  split.impurity = best_impurity;
+  split.is_seed = best_position == 0;
+  split.lower = key_at(split.is_seed ? 0 : best_position - 1);
+  split.upper = key_at(best_position);
+  return split;
+}
 
 // The sweep over the range's buffered (value, label) pairs.
 template <class RNG, class R, class A, class Criterion>
