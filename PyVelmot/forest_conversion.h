@@ -5,14 +5,15 @@
 // shape (5, n), one column per node in breadth-first order, rows: left
 // child, right child (-1: none), feature index, threshold, label. A forest
 // comes back as tree text (str or bytes, cut at the first NUL) or as a
-// sequence of float32/float64 tree arrays.
+// sequence of float32/float64 tree arrays, and is laid out for prediction
+// (velmot/learn/flat_forest.h) without linked nodes for the arrays.
 //
-// Failures are thrown as ModuleError; the text reader adds its own
-// exceptions.
+// Failures are thrown as ModuleError; the text reader and the checks of
+// the array encoding add their own exceptions.
 
 #include "numpy_api.h"
 
-#include "owned_forest.h"
+#include "velmot/learn/flat_forest.h"
 #include "velmot/learn/tree.h"
 
 namespace PyVelmot {
@@ -21,16 +22,11 @@ namespace PyVelmot {
 template <class L>
 PyObject* get_numpy_array_from_vectorized_tree(Velmot::VectorizedTree<L>& tree);
 
-// The root of a tree rebuilt from a (>= 5, n) array of element type E
-// (float or double; rows past the fifth ignored), owned by the caller, or
-// null for an array without columns.
-template <class L, class E>
-Velmot::Node<L>* convert_array_to_tree(PyObject* array);
-
 // Appends the trees of `forest` to `out`, in order. Sequence items that are
-// not exactly numpy arrays, and arrays without columns, give no tree. The
-// trees converted before a failure stay in `out` (which frees them).
-void convert_forest(PyObject* forest, OwnedForest<int>& out);
+// not exactly numpy arrays, and arrays without columns, give no tree. Tree
+// arrays are laid out on the current OpenMP team; whatever fails, the
+// error raised is the one a conversion in list order meets first.
+void convert_forest(PyObject* forest, Velmot::FlatForest& out);
 
 }  // namespace PyVelmot
 

@@ -4,7 +4,12 @@
 
 #include <omp.h>
 
+#include <algorithm>
+#include <cstdlib>
 #include <cstring>
+#include <memory>
+#include <type_traits>
+#include <utility>
 #include <vector>
 
 #include "argument_checks.h"
@@ -12,20 +17,104 @@
 #include "entry_points.h"
 #include "forest_conversion.h"
 #include "method_list.h"
-#include "owned_forest.h"
-#include "velmot/dataset/dataset.h"
-#include "velmot/dataset/native_array_dataset.h"
 #include "velmot/defs/contiguous_array_2d.h"
+#include "velmot/defs/labeling.h"
 #include "velmot/defs/random.h"
+#include "velmot/learn/flat_forest.h"
 #include "velmot/learn/forest_classifier.h"
 
 namespace PyVelmot {
 
 namespace {
 
+// The instance matrix read in place through its strides (dimension 0
+// features, dimension 1 instances), as the forest predictor's data set.
+// A missing value of a floating-point feature reads as that feature's
+// fill: the value MemoryDataSet::impute would put there, the upper median
+// of the feature's present values in this matrix, found by the same
+// selection over the same values in the same order. So prediction sees
+// what learning sees, without copying the matrix.
+template <class F>
+class InstanceMatrix {
+public:
+  InstanceMatrix(PyArrayObject* x, int num_classes)
+      : data(static_cast<const unsigned char*>(PyArray_DATA(x))),
+        num_features(static_cast<size_t>(PyArray_DIM(x, 0))),
+        num_instances(static_cast<size_t>(PyArray_DIM(x, 1))),
+        num_classes(static_cast<size_t>(num_classes)),
+        feature_stride(PyArray_STRIDE(x, 0)),
+        instance_stride(PyArray_STRIDE(x, 1)) {
+    if constexpr (std::is_floating_point<F>::value) find_fills();
+  }
+
+  size_t get_num_instances() const { return num_instances; }
+  size_t get_num_features() const { return num_features; }
+  size_t get_num_classes() const { return num_classes; }
+  Velmot::LabelingType get_labeling() const { return Velmot::DiscreteZeroOnward; }
+
+  F operator()(size_t i, size_t j) const {
+    const F value = stored(i, j);
+    if constexpr (std::is_floating_point<F>::value) {
+      if (value != value) return fills[j];
+    }
+    return value;
+  }
+
+private:
+  F stored(size_t i, size_t j) const {
+    F value;
+    std::memcpy(&value, data + static_cast<npy_intp>(i) * instance_stride + static_cast<npy_intp>(j) * feature_stride,
+                sizeof(F));
+    return value;
+  }
+
+  void find_fills() {
+    std::vector<char> missing(num_features, 0);
+    bool any_missing = false;
+    // Scanned along the smaller stride, which is the matrix's memory order.
+    if (std::abs(feature_stride) <= std::abs(instance_stride)) {
+      for (size_t i = 0; i < num_instances; ++i) {
+        for (size_t j = 0; j < num_features; ++j) {
+          if (stored(i, j) != stored(i, j)) missing[j] = any_missing = true;
+        }
+      }
+    } else {
+      for (size_t j = 0; j < num_features; ++j) {
+        for (size_t i = 0; i < num_instances && !missing[j]; ++i) {
+          if (stored(i, j) != stored(i, j)) missing[j] = any_missing = true;
+        }
+      }
+    }
+    if (!any_missing) return;
+    fills.assign(num_features, F(0));
+    std::vector<F> present(num_instances);
+    for (size_t j = 0; j < num_features; ++j) {
+      if (!missing[j]) continue;
+      size_t k = 0;
+      for (size_t i = 0; i < num_instances; ++i) {
+        const F value = stored(i, j);
+        if (value == value) present[k++] = value;
+      }
+      if (k > 0) {
+        std::nth_element(present.begin(), present.begin() + static_cast<std::ptrdiff_t>(k / 2),
+                         present.begin() + static_cast<std::ptrdiff_t>(k));
+        fills[j] = present[k / 2];
+      }
+    }
+  }
+
+  const unsigned char* data;
+  size_t num_features;
+  size_t num_instances;
+  size_t num_classes;
+  npy_intp feature_stride;
+  npy_intp instance_stride;
+  std::vector<F> fills;  // per feature; empty when nothing is missing
+};
+
 // What a prediction call shares between test and prob after its arguments
-// are parsed: the checked instance matrix, read into column storage with
-// missing values imputed as learning does, and the rebuilt forest.
+// are parsed: the checked instance matrix and the forest laid out for
+// prediction.
 template <class F, class L>
 struct PredictionInput {
   PredictionInput(PyObject* x_object, PyObject* forest_object, int num_classes, int num_threads) {
@@ -38,7 +127,6 @@ struct PredictionInput {
     // be started and end the process inside the runtime.
     require_thread_count(num_threads, Velmot::pool_size);
     omp_set_num_threads(num_threads);
-    num_features = PyArray_DIM(x, 0);
     num_instances = PyArray_DIM(x, 1);
     x_array = x;
     forest_arg = forest_object;
@@ -46,26 +134,18 @@ struct PredictionInput {
   }
 
   // Separate from the constructor so that output checks run before the
-  // forest is rebuilt and the matrix copied.
+  // forest is converted and the matrix scanned for missing values.
   void load() {
     convert_forest(forest_arg, forest);
-    // Prediction needs no labels: one placeholder, repeated by a 0 stride.
-    const int placeholder_label = 0;
-    const Velmot::DisNativeArrayDataSet<F, L> native(
-        static_cast<const unsigned char*>(PyArray_DATA(x_array)), &placeholder_label,
-        static_cast<size_t>(num_instances), static_cast<size_t>(num_features), static_cast<size_t>(classes),
-        static_cast<size_t>(PyArray_STRIDE(x_array, 1)), static_cast<size_t>(PyArray_STRIDE(x_array, 0)), 0);
-    dataset.copy_from(native);
-    dataset.impute();
+    instances.reset(new InstanceMatrix<F>(x_array, classes));
   }
 
-  npy_intp num_features = 0;
   npy_intp num_instances = 0;
   int classes = 0;
   PyArrayObject* x_array = nullptr;
   PyObject* forest_arg = nullptr;
-  OwnedForest<L> forest;
-  Velmot::MemoryDataSet<F, L> dataset;
+  Velmot::FlatForest forest;
+  std::unique_ptr<InstanceMatrix<F>> instances;
 };
 
 // The float returned by test_* and prob_*: it carries no meaning, callers
@@ -95,9 +175,9 @@ PyObject* test_wrap(PyObject*, PyObject* args) {
     input.load();
 
     Velmot::BaseForestClassifier<L> predictor(num_classes);
-    predictor.use_forest(input.forest.roots());
+    predictor.use_forest(std::move(input.forest));
     std::vector<int> predicted_labels;
-    predictor.predict(input.dataset, predicted_labels);
+    predictor.predict(*input.instances, predicted_labels);
 
     unsigned char* out = static_cast<unsigned char*>(PyArray_DATA(labels_out));
     const npy_intp stride = PyArray_STRIDE(labels_out, 0);
@@ -131,13 +211,13 @@ PyObject* prob_wrap(PyObject*, PyObject* args) {
     input.load();
 
     Velmot::BaseForestClassifier<L> predictor(num_classes);
-    predictor.use_forest(input.forest.roots());
+    predictor.use_forest(std::move(input.forest));
     Velmot::Array2D<T> probabilities(static_cast<T*>(PyArray_DATA(probs_out)),
                                      static_cast<int>(PyArray_DIM(probs_out, 0)),
                                      static_cast<int>(PyArray_DIM(probs_out, 1)),
                                      static_cast<int>(PyArray_STRIDE(probs_out, 0)),
                                      static_cast<int>(PyArray_STRIDE(probs_out, 1)));
-    predictor.compute_probabilities(input.dataset, probabilities);
+    predictor.compute_probabilities(*input.instances, probabilities);
     return meaningless_result();
   });
 }

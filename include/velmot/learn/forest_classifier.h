@@ -12,18 +12,14 @@
 // Descent: value < threshold goes left; equal or NaN goes right, matching
 // the learner's partition.
 //
+// The forest is walked in its flat form (flat_forest.h): given as linked
+// roots (use_forest), it is laid out once; given flat, it is used as is.
 // Two paths give the same votes:
 //   predict(data, i)   one instance, its trees shared among the threads;
-//   the batch paths    (predict into a vector, compute_probabilities) copy
-//                      the trees into one flat array of nodes and walk tree
-//                      by tree over blocks of instances, the blocks shared
-//                      among the threads. Measured on 30,000 instances x 40
-//                      features and 100 full-depth trees (450,000 nodes),
-//                      walking linked nodes instance by instance spent its
-//                      time in cache misses (6.4 s on 2 threads); the flat
-//                      walk keeps one tree's nodes in cache while it
-//                      streams through a block of instances (0.6 s on 1
-//                      thread).
+//   the batch paths    (predict into a vector, compute_probabilities) walk
+//                      tree by tree over blocks of instances, the blocks
+//                      shared among the threads, each block's values
+//                      gathered once, instance by instance, as doubles.
 //
 // D, the data set, needs get_num_instances(), get_num_features(),
 // get_num_classes(), get_labeling() and operator()(i, j).
@@ -39,11 +35,13 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "velmot/defs/contiguous_array_2d.h"
 #include "velmot/defs/exception.h"
 #include "velmot/defs/labeling.h"
+#include "velmot/learn/flat_forest.h"
 #include "velmot/learn/tree.h"
 
 namespace Velmot {
@@ -52,73 +50,21 @@ namespace forest_prediction {
 
 inline Exception missing_child() { return Exception("tree descent reached a missing child"); }
 
-// One node of a flattened tree, 16 bytes. A split node tests `feature` and
-// its children sit side by side: left at `next`, right at `next` + 1. A
-// leaf has feature -1 and `next` holds its tally slot (-1 when the label
-// lies outside the tally). An absent child of a one-child node is a
-// stand-in leaf with slot `absent`.
-struct FlatNode {
-  double threshold;
-  int32_t feature;
-  int32_t next;
-};
-
-constexpr int32_t absent = -2;
-
-// Leaf reached by an instance whose feature f is values[f], in the tree
-// whose root is nodes[0]. Equal and NaN go right: !(threshold > value).
-inline const FlatNode* find_leaf(const FlatNode* nodes, const double* values) {
-  const FlatNode* node = nodes;
-  while (node->feature >= 0) {
-    // A branch, not a select: the processor then runs ahead along its guess
-    // instead of waiting for each comparison (the select measured about
-    // 1.5 times slower on 100 full-depth trees).
-    if (node->threshold > values[node->feature]) {
-      node = nodes + node->next;
-    } else {
-      node = nodes + node->next + 1;
-    }
-  }
-  return node;
-}
-
-// The leaves reached by `group` instances at once (values `stride` apart)
-// in the tree whose root is nodes[0], written to leaves[0 .. group). The
-// walks are interleaved, one step of each in turn, with the child chosen by
-// arithmetic rather than a branch: independent walks then overlap their
-// loads instead of each waiting on its own mispredicted branches. Measured
-// on 20 full-depth trees (W1 data) and 50,003 instances, CPU per call on a
-// loaded machine, two runs: one branchy walk at a time 172 and 169 ms on
-// one thread, 197 ms on two; groups of 8 143-154 ms and 156-178 ms; groups
-// of 16 no better; a branch-free single walk 221 ms.
-template <int group>
-inline void find_leaves(const FlatNode* nodes, const double* values, size_t stride, const FlatNode** leaves) {
-  const FlatNode* node[group];
-  for (int k = 0; k < group; ++k) node[k] = nodes;
-  for (;;) {
-    bool moved = false;
-    for (int k = 0; k < group; ++k) {
-      const FlatNode* here = node[k];
-      if (here->feature >= 0) {
-        // Equal and NaN go right: !(threshold > value).
-        const int32_t right = !(here->threshold > values[static_cast<size_t>(k) * stride + static_cast<size_t>(here->feature)]);
-        node[k] = nodes + here->next + right;
-        moved = true;
-      }
-    }
-    if (!moved) break;
-  }
-  for (int k = 0; k < group; ++k) leaves[k] = node[k];
-}
-
-// Instances [begin, end) of `data` copied instance by instance, `stride`
-// values apart (at least the feature count), as doubles (the type descent
-// compares in): the values one descent reads lie together.
+// Instances [begin, end) of `data` as doubles (the type descent compares
+// in), instance i's values at values[(i - begin) * stride + 1 ..], each row
+// opened by the sentinel that leaves read. Copied in tiles of a few
+// instances, so that both column-stored and instance-major sources are read
+// along their cache lines.
 template <class D>
 void gather_block(const D& data, size_t begin, size_t end, size_t stride, double* values) {
   const size_t nf = data.get_num_features();
-  for (size_t f = 0; f < nf; ++f) {
-    for (size_t i = begin; i < end; ++i) values[(i - begin) * stride + f] = static_cast<double>(data(i, f));
+  constexpr size_t tile = 32;
+  for (size_t first = begin; first < end; first += tile) {
+    const size_t last = std::min(end, first + tile);
+    for (size_t i = first; i < last; ++i) values[(i - begin) * stride] = flat_forest::sentinel;
+    for (size_t f = 0; f < nf; ++f) {
+      for (size_t i = first; i < last; ++i) values[(i - begin) * stride + 1 + f] = static_cast<double>(data(i, f));
+    }
   }
 }
 
@@ -135,9 +81,16 @@ public:
   // The trees stay owned by the caller and must outlive their use here.
   void use_forest(const std::vector<Node<L>*>& trees) {
     forest = trees;
-    checked_num_features = unchecked;
-    flat_nodes.clear();
-    tree_starts.clear();
+    flat.clear();
+    flat_is_current = false;
+  }
+
+  // A forest already laid out for prediction (the module builds it straight
+  // from the tree arrays); `forest` is left empty.
+  void use_forest(FlatForest&& trees) {
+    forest.clear();
+    flat = std::move(trees);
+    flat_is_current = true;
   }
 
   void clear() { std::fill(counts.begin(), counts.end(), 0); }
@@ -168,9 +121,6 @@ public:
   std::vector<Node<L>*> forest;
 
 private:
-  typedef forest_prediction::FlatNode FlatNode;
-  static constexpr size_t unchecked = static_cast<size_t>(-1);
-
   int64_t slot_of(int64_t label) const {
     const int64_t slot = label + 1;
     return slot >= 0 && slot < static_cast<int64_t>(counts.size()) ? slot : -1;
@@ -188,17 +138,18 @@ private:
     return best_label;
   }
 
-  void require_trees() const {
-    if (forest.empty()) throw Exception("forest is empty: cannot predict");
+  // The forest, flat and checked against the data's features; throws what
+  // an empty forest, a null tree or an unknown feature deserve.
+  const FlatForest& ready_forest(size_t num_features) {
+    if (forest.empty() && flat.empty()) throw Exception("forest is empty: cannot predict");
+    if (!flat_is_current) {
+      flat.clear();
+      for (const Node<L>* root : forest) flat.append(flatten_tree(root));
+      flat_is_current = true;
+    }
+    flat.check_features(num_features);
+    return flat;
   }
-
-  // Refuses a forest whose split nodes test a feature the data lacks, once
-  // per forest and feature count.
-  void check_features(size_t num_features);
-
-  // Copies the trees into flat_nodes (breadth-first, one tree after the
-  // other), once per forest.
-  void flatten_forest();
 
   // Runs body(i, tally) for every instance, tally pointing at the instance's
   // counts.size() vote counts. Each thread works on its own blocks of
@@ -206,9 +157,8 @@ private:
   template <class D, class Body>
   void for_each_instance(const D& data, Body&& body);
 
-  size_t checked_num_features = unchecked;
-  std::vector<FlatNode> flat_nodes;
-  std::vector<size_t> tree_starts;
+  FlatForest flat;
+  bool flat_is_current = false;
 };
 
 template <class L>
@@ -219,70 +169,21 @@ public:
 };
 
 template <class L>
-void BaseForestClassifier<L>::check_features(size_t num_features) {
-  if (checked_num_features == num_features) return;
-  std::vector<const Node<L>*> pending;
-  for (const Node<L>* root : forest) {
-    if (root == nullptr) throw Exception("forest holds a null tree");
-    pending.push_back(root);
-    while (!pending.empty()) {
-      const Node<L>* node = pending.back();
-      pending.pop_back();
-      if (node->is_leaf()) continue;
-      const int f = node->get_feature_index();
-      if (f < 0 || static_cast<size_t>(f) >= num_features) {
-        throw Exception("tree node tests feature " + std::to_string(f) + " but the data has " +
-                        std::to_string(num_features) + " features");
-      }
-      if (node->get_left() != nullptr) pending.push_back(node->get_left());
-      if (node->get_right() != nullptr) pending.push_back(node->get_right());
-    }
-  }
-  checked_num_features = num_features;
-}
-
-template <class L>
-void BaseForestClassifier<L>::flatten_forest() {
-  if (tree_starts.size() == forest.size()) return;
-  flat_nodes.clear();
-  tree_starts.clear();
-  // Breadth-first, so that the nodes near the root, visited by every
-  // instance, share cache lines. A null entry stands for an absent child.
-  std::vector<const Node<L>*> order;
-  for (const Node<L>* root : forest) {
-    tree_starts.push_back(flat_nodes.size());
-    order.assign(1, root);
-    for (size_t k = 0; k < order.size(); ++k) {
-      const Node<L>* node = order[k];
-      FlatNode flat{0.0, -1, forest_prediction::absent};
-      if (node != nullptr && node->is_leaf()) {
-        flat.next = static_cast<int32_t>(slot_of(static_cast<int64_t>(node->get_label())));
-      } else if (node != nullptr) {
-        flat = FlatNode{node->get_threshold(), node->get_feature_index(), static_cast<int32_t>(order.size())};
-        order.push_back(node->get_left());
-        order.push_back(node->get_right());
-      }
-      flat_nodes.push_back(flat);
-    }
-  }
-}
-
-template <class L>
 template <class D>
 int BaseForestClassifier<L>::predict(const D& data, size_t instance_index) {
-  const int forest_size = static_cast<int>(forest.size());
-  require_trees();
-  check_features(data.get_num_features());
+  const FlatForest& trees = ready_forest(data.get_num_features());
+  const int forest_size = static_cast<int>(trees.size());
   clear();
   votes_for_each_tree.resize(static_cast<size_t>(forest_size));
+  auto value_of = [&](int32_t f) { return static_cast<double>(data(instance_index, static_cast<size_t>(f))); };
   int missing = 0;
 #pragma omp parallel for schedule(static) reduction(| : missing)
   for (int k = 0; k < forest_size; ++k) {
-    const Node<L>* leaf = forest[k]->find_leaf(data, instance_index);
-    if (leaf == nullptr) {
+    const FlatNode* leaf = flat_forest::find_leaf(trees.tree(static_cast<size_t>(k)), value_of);
+    if (flat_forest::is_stand_in(*leaf)) {
       missing = 1;
     } else {
-      votes_for_each_tree[k] = static_cast<int>(leaf->get_label());
+      votes_for_each_tree[k] = flat_forest::label_of(*leaf);
     }
   }
   if (missing) throw forest_prediction::missing_child();
@@ -295,27 +196,28 @@ template <class D, class Body>
 void BaseForestClassifier<L>::for_each_instance(const D& data, Body&& body) {
   const int64_t num_instances = static_cast<int64_t>(data.get_num_instances());
   if (num_instances == 0) return;
-  require_trees();
-  check_features(data.get_num_features());
-  flatten_forest();
+  const FlatForest& trees = ready_forest(data.get_num_features());
 
   // All but the last instance in blocks; the last one through predict() so
   // that votes_for_each_tree and counts end as the one-by-one loop leaves
   // them. Every tree walks a whole block before the next tree starts, so a
-  // tree is loaded into cache once per block: the larger the block, the
-  // fewer loads (measured for 30,000 instances and 100 trees of 4,500
-  // nodes on one thread: blocks of 256 instances 1.84 s, 4,096 0.74 s,
-  // all 30,000 0.61 s). Blocks are capped at 4 Mi values and tallies each,
-  // so that memory stays bounded, and at one per thread.
+  // tree is loaded into cache once per block; but the block's values pass
+  // through the cache once per tree too. Measured on 50,000 instances x 40
+  // features and 100 trees of 12,500 nodes, CPU on one thread: blocks of
+  // 2,048 instances 410 ms, 8,192 190 ms, 12,500 to 16,384 170-180 ms,
+  // 25,000 195-210 ms, 50,000 225-250 ms. So blocks hold at most 2^19
+  // values (4 MiB), as many tallies at most, and are no larger than one
+  // thread's share.
   const size_t slots = counts.size();
-  const size_t stride = std::max<size_t>(data.get_num_features(), 1);
+  const size_t stride = data.get_num_features() + 1;
   const int team = std::max(omp_get_max_threads(), 1);
   const int64_t batched = num_instances - 1;
-  const size_t cap = size_t(1) << 22;
+  const size_t cap = size_t(1) << 19;
   const int64_t block_size = std::max<int64_t>(
-      16, std::min<int64_t>((batched + team - 1) / team, static_cast<int64_t>(std::min(cap / stride, cap / std::max<size_t>(slots, 1)))));
+      64, std::min<int64_t>((batched + team - 1) / team,
+                            static_cast<int64_t>(std::min(cap / stride, cap / std::max<size_t>(slots, 1)))));
   const int64_t num_blocks = (batched + block_size - 1) / block_size;
-  const size_t num_trees = tree_starts.size();
+  const size_t num_trees = trees.size();
   // Every thread's buffers are allocated here, where an allocation failure
   // can still be reported: nothing may throw inside the region.
   const size_t tally_cells = static_cast<size_t>(block_size) * slots;
@@ -327,6 +229,13 @@ void BaseForestClassifier<L>::for_each_instance(const D& data, Body&& body) {
   {
     int* const tallies = all_tallies.data() + static_cast<size_t>(omp_get_thread_num()) * tally_cells;
     double* const values = all_values.data() + static_cast<size_t>(omp_get_thread_num()) * value_cells;
+    // Counts the vote of `leaf` in `tally`; false for a stand-in.
+    auto count_vote = [slots](const FlatNode* leaf, int* tally) {
+      if (flat_forest::is_stand_in(*leaf)) return false;
+      const uint64_t slot = static_cast<uint64_t>(static_cast<int64_t>(flat_forest::label_of(*leaf)) + 1);
+      if (slot < slots) ++tally[slot];
+      return true;
+    };
 #pragma omp for schedule(dynamic, 1)
     for (int64_t b = 0; b < num_blocks; ++b) {
       if (missing) continue;
@@ -335,31 +244,22 @@ void BaseForestClassifier<L>::for_each_instance(const D& data, Body&& body) {
       forest_prediction::gather_block(data, static_cast<size_t>(begin), static_cast<size_t>(end), stride, values);
       std::fill(tallies, tallies + tally_cells, 0);
       for (size_t t = 0; t < num_trees && !missing; ++t) {
-        const FlatNode* nodes = flat_nodes.data() + tree_starts[t];
-        const double* instance_values = values;
+        const FlatNode* nodes = trees.tree(t);
+        const double* instance_values = values + 1;
         int* tally = tallies;
         constexpr int group = 8;
-        const forest_prediction::FlatNode* leaves[group];
+        const FlatNode* leaves[group];
         int64_t i = begin;
-        for (; i + group <= end && !missing; i += group, instance_values += group * stride, tally += group * slots) {
-          forest_prediction::find_leaves<group>(nodes, instance_values, stride, leaves);
+        for (; i + group <= end; i += group, instance_values += group * stride, tally += group * slots) {
+          flat_forest::find_leaves<group>(nodes, instance_values, stride, leaves);
           for (int k = 0; k < group; ++k) {
-            const int32_t slot = leaves[k]->next;
-            if (slot >= 0) {
-              ++tally[static_cast<size_t>(k) * slots + static_cast<size_t>(slot)];
-            } else if (slot == forest_prediction::absent) {
-              missing = 1;
-            }
+            if (!count_vote(leaves[k], tally + static_cast<size_t>(k) * slots)) missing = 1;
           }
+          if (missing) break;
         }
         for (; i < end && !missing; ++i, instance_values += stride, tally += slots) {
-          const int32_t slot = forest_prediction::find_leaf(nodes, instance_values)->next;
-          if (slot >= 0) {
-            ++tally[slot];
-          } else if (slot == forest_prediction::absent) {
-            missing = 1;
-            break;
-          }
+          auto value_of = [instance_values](int32_t f) { return instance_values[f]; };
+          if (!count_vote(flat_forest::find_leaf(nodes, value_of), tally)) missing = 1;
         }
       }
       if (missing) continue;
@@ -385,7 +285,6 @@ void BaseForestClassifier<L>::predict(const D& data, std::vector<int>& predicted
 template <class L>
 template <class D, class T>
 void BaseForestClassifier<L>::compute_probabilities(const D& data, Array2D<T>& probabilities) {
-  const double num_trees = static_cast<double>(forest.size());
   const size_t ni = data.get_num_instances();
   const LabelingType labeling = data.get_labeling();
   if (labeling == Regression) throw Exception("cannot compute probabilities for regression");
@@ -396,6 +295,7 @@ void BaseForestClassifier<L>::compute_probabilities(const D& data, Array2D<T>& p
                     std::to_string(probabilities.num_cols()) + ", too small for " + std::to_string(ni) +
                     " instances x " + std::to_string(nc) + " classes");
   }
+  const double num_trees = static_cast<double>(flat_is_current ? flat.size() : forest.size());
   // Classes past the tally (a class count larger than the one the predictor
   // was built with) received no votes.
   const size_t slots = counts.size();

@@ -1,0 +1,279 @@
+#ifndef VELMOT_LEARN_FLAT_FOREST_H
+#define VELMOT_LEARN_FLAT_FOREST_H
+
+// The forest as prediction walks it: each tree one array of 16-byte nodes,
+// built either from linked Nodes or straight from the five rows of the tree
+// array encoding (without linked nodes in between).
+//
+// Glossary:
+//   split     a node with at least one child. It tests `feature` against
+//             `threshold`; its children sit side by side, left at `next`,
+//             right at `next` + 1.
+//   leaf      a node without children: `threshold` holds its label (exact:
+//             every int is a double), `feature` is -1, `next` its own
+//             position.
+//   stand-in  the absent child of a one-child split, laid out like a leaf
+//             with threshold +inf; reaching it is an error.
+//   sentinel  -inf, stored just before each instance's values, read through
+//             feature -1 by leaves and stand-ins.
+//
+// The descent step is  node = next + !(threshold > values[feature]):  a
+// value below the threshold goes left, an equal value or NaN goes right.
+// A leaf (label > -inf) and a stand-in (+inf > -inf) step "left" onto
+// themselves, so several walks can step in lockstep with no branch until
+// every one rests on a leaf.
+//
+// Layout: depth first with sibling pairs. The root is at 0; when a split is
+// laid out its two children take the next two positions, then the left
+// child's subtree is laid out entirely before the right child's. The last
+// levels of a walk then stay within a few cache lines (measured on 100
+// full-depth trees of 12,500 nodes, 50,000 instances: 10 to 15 % less CPU
+// than breadth-first order).
+//
+// From the array encoding, the columns are checked exactly as
+// VectorizedTree::vector_to_root checks them, column by column, with the
+// same messages; columns unreachable from column 0 are checked but not laid
+// out.
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <limits>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "velmot/defs/contiguous_array_2d.h"
+#include "velmot/defs/exception.h"
+#include "velmot/learn/tree.h"
+
+namespace Velmot {
+
+struct FlatNode {
+  double threshold;
+  int32_t feature;
+  int32_t next;
+};
+static_assert(sizeof(FlatNode) == 16, "four nodes to a cache line");
+
+namespace flat_forest {
+
+constexpr double sentinel = -std::numeric_limits<double>::infinity();
+constexpr double stand_in_mark = std::numeric_limits<double>::infinity();
+
+inline bool rests(const FlatNode& node, size_t position) { return static_cast<size_t>(node.next) == position; }
+inline bool is_stand_in(const FlatNode& node) { return node.threshold == stand_in_mark; }
+inline int label_of(const FlatNode& leaf) { return static_cast<int>(leaf.threshold); }
+
+inline FlatNode leaf_at(size_t position, int label) {
+  return FlatNode{static_cast<double>(label), -1, static_cast<int32_t>(position)};
+}
+inline FlatNode stand_in_at(size_t position) { return FlatNode{stand_in_mark, -1, static_cast<int32_t>(position)}; }
+
+// Positions are int32: refuses a tree whose layout would need more.
+inline void require_position(size_t position) {
+  if (position > static_cast<size_t>(std::numeric_limits<int32_t>::max())) {
+    throw Exception("tree has too many nodes to predict with");
+  }
+}
+
+// The leaf reached by one instance; value_of(f) gives its feature f as a
+// double. Used where instances come one at a time.
+template <class ValueOf>
+const FlatNode* find_leaf(const FlatNode* nodes, ValueOf&& value_of) {
+  const FlatNode* node = nodes;
+  while (node->feature >= 0) node = nodes + node->next + !(node->threshold > value_of(node->feature));
+  return node;
+}
+
+// The leaves reached by `group` instances, whose values start at values,
+// values + stride, ... (each preceded by the sentinel), stepped in
+// lockstep until all rest. Independent walks overlap their loads; the child
+// is chosen by arithmetic, not a branch. Measured on the trees above, CPU
+// per 50,000 instances on one thread: groups of 8 170-180 ms, of 4 250 ms,
+// of 16 no better than 8; refilling a group's finished walks one by one
+// (a branch per step) 205-230 ms, although lockstep takes 20 steps per
+// walk where 15 would do.
+template <int group>
+inline void find_leaves(const FlatNode* nodes, const double* values, size_t stride, const FlatNode** leaves) {
+  const FlatNode* node[group];
+  const double* instance[group];
+  for (int k = 0; k < group; ++k) {
+    node[k] = nodes;
+    instance[k] = values + static_cast<size_t>(k) * stride;
+  }
+  for (;;) {
+    // Negative when every walk stood on a leaf before this step.
+    int32_t all_rest = -1;
+    for (int k = 0; k < group; ++k) {
+      const FlatNode* here = node[k];
+      node[k] = nodes + here->next + !(here->threshold > instance[k][here->feature]);
+      all_rest &= here->feature;
+    }
+    if (all_rest < 0) break;
+  }
+  for (int k = 0; k < group; ++k) leaves[k] = node[k];
+}
+
+}  // namespace flat_forest
+
+struct FlatTree {
+  std::vector<FlatNode> nodes;  // empty only for a null root handed to the library
+  // Extremes of the split nodes' features (an empty range without splits):
+  // the data's features are checked against them before any walk.
+  int32_t lowest_feature = std::numeric_limits<int32_t>::max();
+  int32_t highest_feature = std::numeric_limits<int32_t>::min();
+
+  void note_split_feature(int32_t f) {
+    lowest_feature = std::min(lowest_feature, f);
+    highest_feature = std::max(highest_feature, f);
+  }
+};
+
+// Lays out a linked tree; a null root gives an empty tree.
+template <class L>
+FlatTree flatten_tree(const Node<L>* root) {
+  using namespace flat_forest;
+  FlatTree tree;
+  if (root == nullptr) return tree;
+  std::vector<const Node<L>*> source{root};  // the node at each position, null for a stand-in
+  std::vector<size_t> pending{0};
+  tree.nodes.resize(1);
+  while (!pending.empty()) {
+    const size_t position = pending.back();
+    pending.pop_back();
+    const Node<L>* node = source[position];
+    if (node == nullptr) {
+      tree.nodes[position] = stand_in_at(position);
+    } else if (node->is_leaf()) {
+      tree.nodes[position] = leaf_at(position, static_cast<int>(node->get_label()));
+    } else {
+      const size_t children = tree.nodes.size();
+      require_position(children + 1);
+      tree.nodes[position] = FlatNode{node->get_threshold(), node->get_feature_index(), static_cast<int32_t>(children)};
+      tree.note_split_feature(node->get_feature_index());
+      tree.nodes.resize(children + 2);
+      source.push_back(node->get_left());
+      source.push_back(node->get_right());
+      pending.push_back(children + 1);
+      pending.push_back(children);
+    }
+  }
+  return tree;
+}
+
+// Lays out the tree of n >= 1 columns given as five strided rows of the
+// array encoding (E: float or double), refusing what vector_to_root
+// refuses, with the same messages, in the same column order.
+template <class E>
+FlatTree flatten_encoded_tree(int n, const Array1D<E>& left_row, const Array1D<E>& right_row,
+                              const Array1D<E>& feature_row, const Array1D<E>& threshold_row,
+                              const Array1D<E>& label_row) {
+  using namespace flat_forest;
+  using tree_encoding::child_column;
+  using tree_encoding::truncate_to_int;
+  const size_t count = static_cast<size_t>(n);
+  std::vector<int32_t> left_of(count), right_of(count);
+  std::vector<char> has_parent(count, 0);
+  for (size_t i = 0; i < count; ++i) {
+    left_of[i] = static_cast<int32_t>(child_column(static_cast<double>(left_row[i]), n));
+    right_of[i] = static_cast<int32_t>(child_column(static_cast<double>(right_row[i]), n));
+    for (const int32_t child : {left_of[i], right_of[i]}) {
+      if (child < 0) continue;
+      if (child == 0) throw Exception("tree array: the root (column 0) cannot be a child");
+      if (has_parent[static_cast<size_t>(child)]) throw Exception("tree array: a node is the child of more than one node");
+      has_parent[static_cast<size_t>(child)] = 1;
+    }
+    truncate_to_int(static_cast<double>(feature_row[i]), "feature index");
+    truncate_to_int(static_cast<double>(label_row[i]), "label");
+  }
+
+  // No column has two parents and the root has none, so the walk from
+  // column 0 meets every reachable column once.
+  FlatTree tree;
+  std::vector<int32_t> column_at{0};  // -1 for a stand-in
+  std::vector<size_t> pending{0};
+  tree.nodes.resize(1);
+  while (!pending.empty()) {
+    const size_t position = pending.back();
+    pending.pop_back();
+    const int32_t column = column_at[position];
+    if (column < 0) {
+      tree.nodes[position] = stand_in_at(position);
+      continue;
+    }
+    const size_t c = static_cast<size_t>(column);
+    if (left_of[c] < 0 && right_of[c] < 0) {
+      tree.nodes[position] = leaf_at(position, static_cast<int>(static_cast<double>(label_row[c])));
+      continue;
+    }
+    const size_t children = tree.nodes.size();
+    require_position(children + 1);
+    const int32_t feature = static_cast<int32_t>(static_cast<double>(feature_row[c]));
+    tree.nodes[position] = FlatNode{static_cast<double>(threshold_row[c]), feature, static_cast<int32_t>(children)};
+    tree.note_split_feature(feature);
+    tree.nodes.resize(children + 2);
+    column_at.push_back(left_of[c]);
+    column_at.push_back(right_of[c]);
+    pending.push_back(children + 1);
+    pending.push_back(children);
+  }
+  return tree;
+}
+
+class FlatForest {
+public:
+  FlatForest() = default;
+
+  void append(FlatTree&& tree) { trees.push_back(std::move(tree)); }
+  void clear() { trees.clear(); }
+
+  size_t size() const { return trees.size(); }
+  bool empty() const { return trees.empty(); }
+  const FlatNode* tree(size_t t) const { return trees[t].nodes.data(); }
+
+  // Refuses a forest that holds a null tree or whose split nodes test a
+  // feature the data lacks, reporting the first such node in the order the
+  // linked trees are checked: tree by tree, each depth first from the root,
+  // right subtree before left.
+  void check_features(size_t num_features) const;
+
+private:
+  std::vector<FlatTree> trees;
+};
+
+inline void FlatForest::check_features(size_t num_features) const {
+  auto outside = [num_features](int64_t f) { return f < 0 || static_cast<uint64_t>(f) >= num_features; };
+  bool all_inside = true;
+  for (const FlatTree& t : trees) {
+    if (t.nodes.empty() || (t.lowest_feature <= t.highest_feature &&
+                            (outside(t.lowest_feature) || outside(t.highest_feature)))) {
+      all_inside = false;
+      break;
+    }
+  }
+  if (all_inside) return;
+  std::vector<size_t> pending;
+  for (const FlatTree& t : trees) {
+    if (t.nodes.empty()) throw Exception("forest holds a null tree");
+    pending.assign(1, 0);
+    while (!pending.empty()) {
+      const size_t position = pending.back();
+      pending.pop_back();
+      const FlatNode& node = t.nodes[position];
+      if (flat_forest::rests(node, position)) continue;
+      if (outside(node.feature)) {
+        throw Exception("tree node tests feature " + std::to_string(node.feature) + " but the data has " +
+                        std::to_string(num_features) + " features");
+      }
+      // Stand-ins are pushed too; they rest, as the linked check skips a
+      // missing child.
+      pending.push_back(static_cast<size_t>(node.next));
+      pending.push_back(static_cast<size_t>(node.next) + 1);
+    }
+  }
+}
+
+}  // namespace Velmot
+
+#endif
