@@ -75,6 +75,24 @@ def test_the_progress_bar_does_not_change_the_forest(data, capsys):
     assert same_forest(quiet, shown)
 
 
+@pytest.mark.parametrize("dtype", [np.float64, np.float32])
+def test_the_memory_layout_of_X_does_not_change_the_forest(dtype):
+    # Large enough to be copied in several blocks of instances; missing
+    # values, both zeros and ties reach the imputation and the ranking.
+    X, y = make_classification(n_samples=12_000, n_features=8, n_informative=5, n_classes=3, random_state=4)
+    X = X.astype(dtype)
+    X[::7, 1] = np.nan
+    X[:, 2] = np.round(X[:, 2])
+    X[::5, 3] = -0.0
+    X[1::5, 3] = 0.0
+    params = dict(n_estimators=4, max_features=3, max_depth=6, random_state=2, n_jobs=2)
+    forests = [
+        RandomForestClassifier(**params).fit(layout, y)
+        for layout in (X, np.asfortranarray(X), np.repeat(X, 2, axis=0)[::2], X[:, ::-1][:, ::-1])
+    ]
+    assert all(same_forest(forests[0], other) for other in forests[1:])
+
+
 @pytest.mark.parametrize(
     "y",
     [
