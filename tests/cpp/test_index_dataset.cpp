@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <functional>
 #include <vector>
 
 #include "velmot/dataset/dataset.h"
@@ -332,6 +333,42 @@ TEST(IndexedDataSet, PartitionKeepingOrderSplitsLikePartition) {
   // Ranks: 0.5 -> 0, 1 -> 1, 2 -> 2, 2.5 -> 3, 3 -> 4, 7 -> 5.
   EXPECT_EQ(by_rank.partition_by_rank_keeping_order(0, 0, 6, 3), 3u);
   EXPECT_EQ(by_rank.indices, by_value.indices);
+}
+
+}  // namespace
+
+namespace {
+
+// Every path of the packed sort against std::sort: comparison (small),
+// buckets, buckets overflowing on clustered keys (radix instead), dense keys
+// (one counting pass) and wide keys (three radix passes).
+TEST(PackedRankSort, SortsLikeStdSortOnEveryPath) {
+  Velmot::XorShiftRNG gen(Velmot::XorShiftState{9, 8, 7, 6});
+  auto draw = [&gen](uint32_t bound) { return static_cast<uint32_t>(gen.next_int(static_cast<int64_t>(bound))); };
+  struct Case {
+    size_t n;
+    std::function<uint32_t(size_t)> key;
+  };
+  const std::vector<Case> cases = {
+      {50, [&](size_t) { return draw(1u << 20); }},
+      {1000, [&](size_t) { return draw(1u << 20); }},
+      {1000, [&](size_t i) { return i == 0 ? (1u << 20) : 5000 + draw(200); }},  // clustered, one outlier
+      {3000, [&](size_t) { return 40 + draw(700); }},                             // dense
+      {20000, [&](size_t) { return draw(1u << 20); }},
+      {5000, [&](size_t) { return draw(0x7fffffffu) * 2 + draw(2); }},            // 32-bit keys
+  };
+  for (const Case& c : cases) {
+    Velmot::PackedRankSort sorter;
+    sorter.prepare(c.n);
+    std::vector<uint32_t> keys(c.n);
+    for (size_t i = 0; i < c.n; ++i) keys[i] = c.key(i);
+    std::copy(keys.begin(), keys.end(), sorter.keys());
+    const uint32_t kmin = *std::min_element(keys.begin(), keys.end());
+    const uint32_t kmax = *std::max_element(keys.begin(), keys.end());
+    sorter.sort(c.n, kmin, kmax, 3);
+    std::sort(keys.begin(), keys.end());
+    for (size_t i = 0; i < c.n; ++i) ASSERT_EQ(sorter.sorted()[i] + sorter.base(), keys[i]) << c.n << " " << i;
+  }
 }
 
 }  // namespace

@@ -17,8 +17,9 @@
 // D must offer feature_type, label_type, get_num_instances/features/classes,
 // get_labeling, get_label(i) and column(j) (a pointer to feature j's values).
 
-#include <cstdint>
 #include <algorithm>
+#include <array>
+#include <cstdint>
 #include <limits>
 #include <type_traits>
 #include <utility>
@@ -90,6 +91,8 @@ public:
   //   sort_buffered_feature would leave it (sorted_form() is in_buffer);
   // - a ranked feature, integer labels: packed (rank, label) keys in
   //   packed_sort (packed_ranks; see sorted_rank / sorted_label);
+  // - a byte feature, integer labels: packed (value, label) keys in
+  //   packed_sort (packed_values): the value serves as its own rank;
   // - a ranked feature, real labels: ranks and labels in rank_sort (ranks).
   // With ranks, one gather serves both the constancy test and a sort of
   // small integers instead of values.
@@ -101,9 +104,19 @@ public:
         if (n <= 1) return false;
         buffered_feature_index = feature_index;
         if constexpr (std::is_integral<label_type>::value) {
-          if (packable()) return gather_and_sort_packed(feature_index, begin, n);
+          if (packable(dataset->get_num_instances())) {
+            return gather_and_sort_packed(ranks->ranks(feature_index), begin, n, packed_ranks);
+          }
         }
         return gather_and_sort_ranks(feature_index, begin, n);
+      }
+    }
+    if constexpr (std::is_same<feature_type, unsigned char>::value && std::is_integral<label_type>::value) {
+      const size_t n = end - begin;
+      if (n <= 1) return false;
+      if (packable(255)) {
+        buffered_feature_index = feature_index;
+        return gather_and_sort_packed(dataset->column(feature_index), begin, n, packed_values);
       }
     }
     if (is_homogeneous(feature_index, begin, end)) return false;
@@ -203,12 +216,13 @@ public:
   FlexiSort<feature_type, label_type> flexi_sort;
 
   // Where the last buffer_sorted_feature_unless_constant left its result.
-  enum SortedForm { in_buffer, ranks_and_labels, packed_ranks };
+  enum SortedForm { in_buffer, ranks_and_labels, packed_ranks, packed_values };
   SortedForm sorted_form() const { return form; }
   bool sorted_ranks() const { return form == ranks_and_labels; }
   // The value table of the sorted feature, shifted so that the sorted ranks
   // (rank_sort.sorted_key(), or packed keys >> packed_label_bits) index it.
   const feature_type* sorted_values() const {
+    if (form == packed_values) return byte_values() + (packed_sort.base() >> packed_label_bits);
     const feature_type* values = ranks->values(buffered_feature_index);
     return form == packed_ranks ? values + (packed_sort.base() >> packed_label_bits) : values + rank_sort.key_offset();
   }
@@ -216,15 +230,25 @@ public:
   // label), whichever form holds it. For tests and checks: the sweep reads
   // the arrays directly.
   uint32_t sorted_rank(size_t i) const {
-    return form == packed_ranks ? packed_sort.sorted()[i] >> packed_label_bits : rank_sort.sorted_key()[i];
+    return form == packed_ranks || form == packed_values ? packed_sort.sorted()[i] >> packed_label_bits
+                                                         : rank_sort.sorted_key()[i];
   }
   label_type sorted_label(size_t i) const {
-    if (form == packed_ranks) {
+    if (form == packed_ranks || form == packed_values) {
       return static_cast<label_type>(static_cast<int64_t>(packed_sort.sorted()[i] & packed_label_mask()) - 1);
     }
     return rank_sort.sorted_label()[i];
   }
   uint32_t packed_label_mask() const { return (uint32_t(1) << packed_label_bits) - 1; }
+  // Every byte value, in order: the value table of a byte feature.
+  static const feature_type* byte_values() {
+    static const auto table = [] {
+      std::array<feature_type, 256> t{};
+      for (size_t v = 0; v < t.size(); ++v) t[v] = static_cast<feature_type>(v);
+      return t;
+    }();
+    return table.data();
+  }
 
   // Optional ranks of the data set's features (not owned), and their sorts.
   const FeatureRanks<feature_type>* ranks = nullptr;
@@ -243,35 +267,37 @@ private:
   std::vector<uint64_t> partition_indices;
   std::vector<label_type> partition_labels;
 
-  // Whether (rank, label + 1) fits one 32-bit key for every rank and label
-  // of the data set; sets packed_label_bits.
-  bool packable() {
+  // Whether (rank, label + 1) fits one 32-bit key for every rank up to
+  // largest_rank and every label of the data set; sets packed_label_bits.
+  bool packable(uint64_t largest_rank) {
     const uint64_t largest_code = static_cast<uint64_t>(dataset->get_num_classes()) + 1;
     int label_bits = 1;
     while (label_bits < 32 && (largest_code >> label_bits) != 0) ++label_bits;
-    const uint64_t largest_rank = dataset->get_num_instances();
     if (label_bits >= 32 || (largest_rank >> (32 - label_bits)) != 0) return false;
     packed_label_bits = label_bits;
     return true;
   }
 
-  bool gather_and_sort_packed(size_t feature_index, size_t begin, size_t n) {
+  // Gathers (rank_of[instance], label) keys of the range and sorts them;
+  // rank_of is the feature's ranks or, for bytes, its values.
+  template <class Rank>
+  bool gather_and_sort_packed(const Rank* rank_of, size_t begin, size_t n, SortedForm packed_form) {
     packed_sort.prepare(n);
-    const uint32_t* rank_of = ranks->ranks(feature_index);
     uint32_t* key = packed_sort.keys();
     const uint64_t* position = indices.data() + begin;
     const int shift = packed_label_bits;
     uint32_t kmin = std::numeric_limits<uint32_t>::max(), kmax = 0;
     for (size_t i = 0; i < n; ++i) {
       if (i + prefetch_distance < n) __builtin_prefetch(rank_of + position[i + prefetch_distance]);
-      const uint32_t k = (rank_of[position[i]] << shift) | static_cast<uint32_t>(get_label(begin + i) + 1);
+      const uint32_t k = (static_cast<uint32_t>(rank_of[position[i]]) << shift) |
+                         static_cast<uint32_t>(get_label(begin + i) + 1);
       key[i] = k;
       kmin = std::min(kmin, k);
       kmax = std::max(kmax, k);
     }
     if ((kmin >> shift) == (kmax >> shift)) return false;
     packed_sort.sort(n, kmin, kmax, shift);
-    form = packed_ranks;
+    form = packed_form;
     return true;
   }
 

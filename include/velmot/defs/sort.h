@@ -458,6 +458,64 @@ public:
     const uint32_t span = kmax - base_key;
     int bits = 1;
     while (bits < 32 && (span >> bits) != 0) ++bits;
+    // Few distinct keys for their number (byte values, say): one counting
+    // pass over them all beats buckets full of equal keys.
+    const bool dense = bits <= 11 && 8 * n >= (size_t(1) << bits);
+    if (!dense && n <= bucket_sort_max && bucket_sort(n, bits)) return;
+    radix_sort(n, bits);
+  }
+
+  // The sorted keys, each lowered by base().
+  const uint32_t* sorted() const { return result; }
+  uint32_t base() const { return base_key; }
+
+private:
+  static constexpr size_t comparison_size = 96;
+  static constexpr size_t bucket_sort_max = 4096;
+  static constexpr uint32_t bucket_size_limit = 32;
+
+  // One distribution pass by the keys' top bits into about 2n buckets, then
+  // an insertion sort, whose moves stay inside buckets: one scatter instead
+  // of two radix passes. A node's ranks of a feature spread fairly evenly
+  // over their span, so buckets hold one or two keys; if one holds more
+  // than bucket_size_limit (clustered keys), the radix sort runs instead.
+  bool bucket_sort(size_t n, int bits) {
+    int bucket_bits = 1;
+    while ((size_t(1) << bucket_bits) < 2 * n) ++bucket_bits;
+    if (bucket_bits > bits) bucket_bits = bits;
+    const int shift = bits - bucket_bits;
+    const size_t buckets = size_t(1) << bucket_bits;
+    if (count.size() < buckets) count.resize(buckets);
+    uint32_t* c = count.data();
+    std::fill(c, c + buckets, 0u);
+    uint32_t* in = key.data();
+    for (size_t i = 0; i < n; ++i) ++c[in[i] >> shift];
+    uint32_t position = 0;
+    uint32_t largest = 0;
+    for (size_t b = 0; b < buckets; ++b) {
+      const uint32_t here = c[b];
+      largest = std::max(largest, here);
+      c[b] = position;
+      position += here;
+    }
+    if (largest > bucket_size_limit) return false;
+    uint32_t* out = scratch.data();
+    for (size_t i = 0; i < n; ++i) out[c[in[i] >> shift]++] = in[i];
+    for (size_t i = 1; i < n; ++i) {
+      const uint32_t moving = out[i];
+      size_t j = i;
+      for (; j != 0 && moving < out[j - 1]; --j) out[j] = out[j - 1];
+      out[j] = moving;
+    }
+    result = out;
+    return true;
+  }
+
+  // Least-significant digit first: one counting pass when the lowered keys
+  // need at most 11 bits, else two or three passes of equal digit widths,
+  // all histograms counted in one read.
+  void radix_sort(size_t n, int bits) {
+    uint32_t* in = key.data();
     const int passes = bits <= 11 ? 1 : bits <= 22 ? 2 : 3;
     const int digit_bits = (bits + passes - 1) / passes;
     const uint32_t mask = (1u << digit_bits) - 1;
@@ -498,13 +556,6 @@ public:
     }
     result = in;
   }
-
-  // The sorted keys, each lowered by base().
-  const uint32_t* sorted() const { return result; }
-  uint32_t base() const { return base_key; }
-
-private:
-  static constexpr size_t comparison_size = 96;
 
   std::vector<uint32_t> key;
   std::vector<uint32_t> scratch;

@@ -149,7 +149,8 @@ Tracker<SplitCandidate<typename I::feature_type>, std::less<double>> search_feat
       candidate.is_seed = split.is_seed;
     };
     switch (indexed.sorted_form()) {
-      case I::packed_ranks: {
+      case I::packed_ranks:
+      case I::packed_values: {
         const uint32_t* key = indexed.packed_sort.sorted();
         const int shift = indexed.packed_label_bits;
         const uint32_t label_mask = indexed.packed_label_mask();
@@ -159,9 +160,15 @@ Tracker<SplitCandidate<typename I::feature_type>, std::less<double>> search_feat
             counts, initial, workspace.left, workspace.right, criteria);
         keep(split);
         const uint32_t base_rank = indexed.packed_sort.base() >> shift;
-        candidate.ranked = true;
-        candidate.lower_rank = split.lower + base_rank;
-        candidate.upper_rank = split.upper + base_rank;
+        if (indexed.sorted_form() == I::packed_ranks) {
+          candidate.ranked = true;
+          candidate.lower_rank = split.lower + base_rank;
+          candidate.upper_rank = split.upper + base_rank;
+        } else {
+          // Byte values are their own ranks.
+          candidate.lower_value = static_cast<F>(split.lower + base_rank);
+          candidate.upper_value = static_cast<F>(split.upper + base_rank);
+        }
         break;
       }
       case I::ranks_and_labels: {

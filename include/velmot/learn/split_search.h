@@ -106,30 +106,35 @@ void sweep_boundaries(size_t ni, KeyAt key_at, LabelAt label_at, double initial,
 }
 
 // The Gini criterion needs of each side only its total and sum of squared
-// counts. Held in locals they stay in registers; in the accumulators every
-// count store may alias them (int64_t and size_t), which forced a reload
-// and a store of each per pair. The scores are the accumulators' to the bit:
+// counts, and the right side's follow from the left's: with N the node's
+// counts and l the left's, sum (N - l)^2 = sum N^2 - 2 sum N l + sum l^2,
+// and sum N l grows by N[c] when an instance of class c moves left. So one
+// count per class is updated per pair, and the sums stay in registers (in
+// the accumulators every count store may alias them: int64_t and size_t).
+// All integer, so the scores are the accumulators' to the bit:
 // sum_squared / total per side (0 for an empty side), left plus right.
 template <class L, class A, class KeyAt, class LabelAt, class Offer>
 void sweep_boundaries(size_t ni, KeyAt key_at, LabelAt label_at, double /*initial*/, const A& counts, A& /*left*/,
                       A& /*right*/, const TwoSplitGiniImpurity& /*criteria*/, Offer&& offer) {
+  struct ClassCounts {
+    int64_t left;
+    int64_t node;
+  };
   // Per-thread scratch: the sweep runs once per node and feature.
-  static thread_local std::vector<int64_t> side_counts;
+  static thread_local std::vector<ClassCounts> class_counts;
   const size_t slots = counts.get_num_slots();
-  side_counts.assign(2 * slots, 0);
-  int64_t* const lc = side_counts.data();
-  int64_t* const rc = lc + slots;
-  for (size_t slot = 0; slot < slots; ++slot) rc[slot] = counts[static_cast<int>(slot)];
-  int64_t left_squares = 0, right_squares = counts.get_sum_squared();
-  int64_t left_total = 0, right_total = static_cast<int64_t>(counts.get_total_count());
+  class_counts.resize(slots);
+  ClassCounts* const c = class_counts.data();
+  for (size_t slot = 0; slot < slots; ++slot) c[slot] = ClassCounts{0, counts[static_cast<int>(slot)]};
+  const int64_t node_squares = counts.get_sum_squared();
+  const int64_t node_total = static_cast<int64_t>(counts.get_total_count());
+  int64_t left_squares = 0, cross = 0, left_total = 0;
   auto move_left = [&](L label) {
-    const size_t slot = static_cast<size_t>(label_class(label) + 1);
-    left_squares += 2 * lc[slot] + 1;
-    ++lc[slot];
+    ClassCounts& k = c[static_cast<size_t>(label_class(label) + 1)];
+    left_squares += 2 * k.left + 1;
+    cross += k.node;
+    ++k.left;
     ++left_total;
-    --rc[slot];
-    right_squares -= 2 * rc[slot] + 1;
-    --right_total;
   };
   auto gini = [](int64_t squares, int64_t total) {
     return total == 0 ? 0.0 : static_cast<double>(squares) / static_cast<double>(total);
@@ -144,7 +149,8 @@ void sweep_boundaries(size_t ni, KeyAt key_at, LabelAt label_at, double /*initia
     const L label = label_at(i);
     if (!different_labels) different_labels = label != first_label;
     if (different_labels && previous != key) {
-      const double score = gini(left_squares, left_total) + gini(right_squares, right_total);
+      const int64_t right_squares = node_squares - 2 * cross + left_squares;
+      const double score = gini(left_squares, left_total) + gini(right_squares, node_total - left_total);
       offer(score, i, [score]() { return score; });
       different_labels = false;
       first_label = label;
