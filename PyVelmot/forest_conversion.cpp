@@ -80,10 +80,10 @@ bool view_tree_array(PyObject* item, TreeArray& tree) {
 }
 
 template <class E>
-Velmot::FlatTree flatten_tree_array(const TreeArray& tree) {
+Velmot::FlatTree flatten_tree_array(const TreeArray& tree, Velmot::EncodedTreeScratch& scratch) {
   unsigned char* data = const_cast<unsigned char*>(tree.data);
   auto row = [&](int64_t r) { return Velmot::Array1D<E>(data + r * tree.row_stride, tree.columns, tree.column_stride); };
-  return Velmot::flatten_encoded_tree<E>(tree.columns, row(0), row(1), row(2), row(3), row(4));
+  return Velmot::flatten_encoded_tree<E>(tree.columns, row(0), row(1), row(2), row(3), row(4), scratch);
 }
 
 // Collects the sequence's tree arrays in order, stopping at the first item
@@ -135,12 +135,17 @@ void convert_array_forest(PyObject* forest, Velmot::FlatForest& out) {
   const int64_t count = static_cast<int64_t>(arrays.size());
   std::vector<Velmot::FlatTree> trees(arrays.size());
   std::vector<std::exception_ptr> errors(arrays.size());
-#pragma omp parallel for schedule(dynamic, 1)
-  for (int64_t k = 0; k < count; ++k) {
-    try {
-      trees[k] = arrays[k].single_precision ? flatten_tree_array<float>(arrays[k]) : flatten_tree_array<double>(arrays[k]);
-    } catch (...) {
-      errors[k] = std::current_exception();
+#pragma omp parallel
+  {
+    Velmot::EncodedTreeScratch scratch;
+#pragma omp for schedule(dynamic, 1)
+    for (int64_t k = 0; k < count; ++k) {
+      try {
+        trees[k] = arrays[k].single_precision ? flatten_tree_array<float>(arrays[k], scratch)
+                                              : flatten_tree_array<double>(arrays[k], scratch);
+      } catch (...) {
+        errors[k] = std::current_exception();
+      }
     }
   }
   for (const std::exception_ptr& error : errors) {
