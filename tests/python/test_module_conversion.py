@@ -159,3 +159,46 @@ def test_exported_trees_rebuild_to_the_same_predictions():
 
     text = " ".join(to_text(t) for t in trees)
     assert classes(text, X) == classes(trees, X)
+
+
+@pytest.mark.parametrize("num_threads", [1, 2])
+def test_the_first_failure_in_list_order_is_reported(num_threads):
+    # Tree arrays are laid out in parallel; the error is still the one met
+    # first when the forest is read in order.
+    def predict(forest):
+        with pytest.raises(RuntimeError) as error:
+            wrap.test_di(np.zeros((1, 3)), forest, 3, np.zeros(3, dtype=np.int32), num_threads)
+        return str(error.value)
+
+    two_parents = stump(0, 0.5, 0, 1)
+    two_parents[1, 0] = 1
+    out_of_range = stump(0, 0.5, 0, 1)
+    out_of_range[0, 0] = 7
+    bad_label = leaf(3e10)
+    int_array = np.zeros((5, 1), dtype=np.int32)
+    parents_message = "error: tree array: a node is the child of more than one node\n"
+    assert predict([leaf(0)] * 20 + [two_parents, out_of_range] + [leaf(1)] * 20) == parents_message
+    assert predict([out_of_range, two_parents]) == "error: tree array: child index out of range\n"
+    assert predict([leaf(1), bad_label, int_array]) == "error: tree array: label out of range\n"
+    assert predict([int_array, bad_label]) == (
+        "only float32/float64 supported for numpy arrays that encode decision trees"
+    )
+    assert predict([two_parents, np.zeros((5, 1, 1))]) == parents_message
+    assert predict([np.zeros((4, 2)), two_parents]) == "decision tree array must have at least 5 rows"
+
+
+def test_arrays_made_on_demand_by_the_sequence_stay_alive():
+    # The sequence keeps no reference to the arrays it hands out.
+    class Stumps:
+        def __len__(self):
+            return 60
+
+        def __getitem__(self, i):
+            if i >= 60:
+                raise IndexError(i)
+            return stump(0, float(i % 3), 1, 2).astype(np.float32 if i % 2 else np.float64)
+
+    X = np.array([[0.5, 1.5, 2.5]])
+    # Thresholds 0, 1, 2 (left votes 1, right votes 2): value 0.5 goes right
+    # only at 0, value 2.5 everywhere.
+    np.testing.assert_array_equal(votes(Stumps(), X=X), [[0, 2 / 3, 1 / 3], [0, 1 / 3, 2 / 3], [0, 0, 1]])

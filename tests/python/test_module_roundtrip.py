@@ -131,6 +131,30 @@ def test_missing_values_are_imputed_before_prediction():
     np.testing.assert_array_equal(four, [0, 1, 1, 1])
 
 
+def test_missing_values_are_filled_with_medians_of_the_whole_matrix_through_its_strides():
+    # Instance-major storage handed over as its transpose; column 0 has 3
+    # present values (median 5), column 1 none (filled with 0), column 2
+    # nothing missing. Each stump votes through one feature.
+    instances = np.array([[5.0, np.nan, 1.0], [np.nan, np.nan, 2.0], [9.0, np.nan, 3.0], [1.0, np.nan, 4.0]])
+    stumps = [
+        np.array([[1, -1, -1], [2, -1, -1], [f, -1, -1], [t, 0, 0], [-2, 0, 1]], dtype=np.float64)
+        for f, t in ((0, 5.0), (1, 0.0), (2, 2.5))
+    ]
+    for dtype, function in ((np.float64, wrap.prob_dd), (np.float32, wrap.prob_sd)):
+        X = instances.astype(dtype)
+        out = np.zeros((4, 2))
+        function(X.T, stumps, 2, out, 2)
+        # Votes for class 1: column 0 (5 -> right, NaN -> 5 -> right, 9, 1),
+        # column 1 (0 -> right always), column 2 (>= 2.5 for the last two).
+        np.testing.assert_array_equal(out[:, 1] * 3, [2, 2, 3, 2])
+        filled = X.copy()
+        filled[1, 0] = 5.0
+        filled[:, 1] = 0.0
+        expected = np.zeros((4, 2))
+        function(np.ascontiguousarray(filled.T), stumps, 2, expected, 1)
+        np.testing.assert_array_equal(out, expected)
+
+
 @pytest.mark.parametrize("num_threads", [1, 3])
 def test_same_seed_same_forest(num_threads):
     X, y = two_class_data(50)
