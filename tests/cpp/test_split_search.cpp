@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <vector>
 
 #include "velmot/dataset/dataset.h"
@@ -150,6 +151,55 @@ TEST(SplitSearch, RealLabelsAreSplitByTheirIntegerParts) {
   EXPECT_EQ(scored, (std::vector<size_t>{1, 2, 3}));
   EXPECT_EQ(best.get_maximizer().threshold, 2.5);
   EXPECT_EQ(best.get_maximum(), 2.0);
+}
+
+}  // namespace
+
+namespace {
+
+// The grower's lighter sweep (best_split_of_feature, with its own loop for
+// Gini) reports what learn_tree_node reports: the final score, the
+// threshold between the keys it keeps and the improvement, bit for bit, on
+// many nodes with ties, runs of one label and sizes down to the seed-only 2.
+template <class Criterion>
+void check_light_sweep_matches_learn_tree_node(const Criterion& criterion) {
+  Velmot::XorShiftRNG gen(Velmot::XorShiftState{3, 1, 4, 1});
+  for (int trial = 0; trial < 400; ++trial) {
+    const size_t n = 2 + static_cast<size_t>(gen.next_int(trial < 200 ? 12 : 300));
+    const int distinct = 1 + static_cast<int>(gen.next_int(trial % 2 ? 5 : 1000));
+    const int classes = 2 + static_cast<int>(gen.next_int(3));
+    std::vector<double> values(n);
+    std::vector<int> labels(n);
+    for (size_t i = 0; i < n; ++i) {
+      values[i] = static_cast<double>(gen.next_int(distinct)) * 0.5;
+      // Runs of one label now and then, so the label-change rule matters.
+      labels[i] = (i > 0 && gen.next_int(3) == 0) ? labels[i - 1] : static_cast<int>(gen.next_int(classes));
+    }
+    OneNode<double, int, Criterion> node(values, labels, classes);
+    const auto expected = node.search(criterion);
+
+    Velmot::RangeDataSet<Velmot::IndexedDataSet<Velmot::MemoryDataSet<double, int>>> range(&node.indexed);
+    Velmot::NominalLabelPriorAccumulator<int> counts, left, right;
+    counts.set_num_classes(classes);
+    counts.add_count(range);
+    const auto* pairs = range.buffered_pairs();  // still sorted by search()
+    const auto split = Velmot::best_split_of_feature<int>(
+        n, [pairs](size_t i) { return pairs[i].first; }, [pairs](size_t i) { return pairs[i].second; }, counts,
+        criterion.get_initial(counts), left, right, criterion);
+    const double threshold =
+        split.is_seed ? split.lower : Velmot::ThresholdInfo<double>::get_less_than_threshold(split.lower, split.upper);
+    ASSERT_EQ(split.score, expected.get_maximum()) << trial;
+    ASSERT_EQ(threshold, expected.get_maximizer().threshold) << trial;
+    ASSERT_EQ(std::max(split.impurity - criterion.get_impurity(counts), 0.0),
+              expected.get_maximizer().best_improvement)
+        << trial;
+  }
+}
+
+TEST(SplitSearch, GrowersSweepMatchesLearnTreeNode) {
+  check_light_sweep_matches_learn_tree_node(Velmot::TwoSplitGiniImpurity());
+  check_light_sweep_matches_learn_tree_node(Velmot::TwoSplitInfoGain());
+  check_light_sweep_matches_learn_tree_node(Velmot::TwoSplitGainRatio());
 }
 
 }  // namespace

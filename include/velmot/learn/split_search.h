@@ -105,61 +105,6 @@ void sweep_boundaries(size_t ni, KeyAt key_at, LabelAt label_at, double initial,
   }
 }
 
-// The Gini criterion needs of each side only its total and sum of squared
-// counts, and the right side's follow from the left's: with N the node's
-// counts and l the left's, sum (N - l)^2 = sum N^2 - 2 sum N l + sum l^2,
-// and sum N l grows by N[c] when an instance of class c moves left. So one
-// count per class is updated per pair, and the sums stay in registers (in
-// the accumulators every count store may alias them: int64_t and size_t).
-// All integer, so the scores are the accumulators' to the bit:
-// sum_squared / total per side (0 for an empty side), left plus right.
-template <class L, class A, class KeyAt, class LabelAt, class Offer>
-void sweep_boundaries(size_t ni, KeyAt key_at, LabelAt label_at, double /*initial*/, const A& counts, A& /*left*/,
-                      A& /*right*/, const TwoSplitGiniImpurity& /*criteria*/, Offer&& offer) {
-  struct ClassCounts {
-    int64_t left;
-    int64_t node;
-  };
-  // Per-thread scratch: the sweep runs once per node and feature.
-  static thread_local std::vector<ClassCounts> class_counts;
-  const size_t slots = counts.get_num_slots();
-  class_counts.resize(slots);
-  ClassCounts* const c = class_counts.data();
-  for (size_t slot = 0; slot < slots; ++slot) c[slot] = ClassCounts{0, counts[static_cast<int>(slot)]};
-  const int64_t node_squares = counts.get_sum_squared();
-  const int64_t node_total = static_cast<int64_t>(counts.get_total_count());
-  int64_t left_squares = 0, cross = 0, left_total = 0;
-  auto move_left = [&](L label) {
-    ClassCounts& k = c[static_cast<size_t>(label_class(label) + 1)];
-    left_squares += 2 * k.left + 1;
-    cross += k.node;
-    ++k.left;
-    ++left_total;
-  };
-  auto gini = [](int64_t squares, int64_t total) {
-    return total == 0 ? 0.0 : static_cast<double>(squares) / static_cast<double>(total);
-  };
-  move_left(label_at(0));
-  if (!(ni > 2 && key_at(0) != key_at(ni - 1))) return;
-  L first_label = label_at(0);
-  bool different_labels = false;
-  auto previous = key_at(0);
-  for (size_t i = 1; i < ni; ++i) {
-    const auto key = key_at(i);
-    const L label = label_at(i);
-    if (!different_labels) different_labels = label != first_label;
-    if (different_labels && previous != key) {
-      const int64_t right_squares = node_squares - 2 * cross + left_squares;
-      const double score = gini(left_squares, left_total) + gini(right_squares, node_total - left_total);
-      offer(score, i, [score]() { return score; });
-      different_labels = false;
-      first_label = label;
-    }
-    move_left(label);
-    previous = key;
-  }
-}
-
 // The full search result of one feature (the tracker learn_tree_node
 // returns): value_of(key) turns a key into its value.
 template <class F, class L, class A, class Criterion, class KeyAt, class LabelAt, class ValueOf>
@@ -241,6 +186,93 @@ auto best_split_of_feature(size_t ni, KeyAt key_at, LabelAt label_at, const A& c
   split.score = criteria.get_final_score(best_score, initial);
   split.impurity = best_impurity;
   split.is_seed = best_position == 0;
+  split.lower = key_at(split.is_seed ? 0 : best_position - 1);
+  split.upper = key_at(best_position);
+  return split;
+}
+
+// The same for the Gini criterion, which needs of each side only its total
+// and sum of squared counts; the right side's follow from the left's: with
+// N the node's counts and l the left's, sum (N - l)^2 = sum N^2 - 2 sum N l
+// + sum l^2, and sum N l grows by N[c] when an instance of class c moves
+// left. One count per class is updated per pair; the sums stay in locals.
+//
+// The loop has no data-dependent branch but a rare one: every boundary is
+// first compared with the best as a fraction, (sqL nR + sqR nL) / (nL nR),
+// by multiplication and with a margin of 1e-12 (far above the few ulps by
+// which the rounded score can differ from the fraction), and only a
+// boundary that may beat the best gets its score computed the
+// accumulators' way, sqL / nL + sqR / nR in double, and compared exactly.
+// So the maximum, its first position and every score are the generic
+// sweep's to the bit.
+template <class L, class A, class KeyAt, class LabelAt>
+auto best_split_of_feature(size_t ni, KeyAt key_at, LabelAt label_at, const A& counts, double initial, A& /*left*/,
+                           A& /*right*/, const TwoSplitGiniImpurity& /*criteria*/)
+    -> FeatureSplit<decltype(key_at(0))> {
+  struct ClassCounts {
+    int64_t left;
+    int64_t node;
+  };
+  // Per-thread scratch: the sweep runs once per node and feature.
+  static thread_local std::vector<ClassCounts> class_counts;
+  const size_t slots = counts.get_num_slots();
+  class_counts.resize(slots);
+  ClassCounts* const c = class_counts.data();
+  for (size_t slot = 0; slot < slots; ++slot) c[slot] = ClassCounts{0, counts[static_cast<int>(slot)]};
+  const int64_t node_squares = counts.get_sum_squared();
+  const int64_t node_total = static_cast<int64_t>(counts.get_total_count());
+  int64_t left_squares = 0, cross = 0, left_total = 0;
+  auto move_left = [&](L label) {
+    ClassCounts& k = c[static_cast<size_t>(label_class(label) + 1)];
+    left_squares += 2 * k.left + 1;
+    cross += k.node;
+    ++k.left;
+    ++left_total;
+  };
+  auto gini = [](int64_t squares, int64_t total) {
+    return total == 0 ? 0.0 : static_cast<double>(squares) / static_cast<double>(total);
+  };
+
+  // The unsplit node's score, initial = node_squares / node_total.
+  double best_score = initial;
+  double best_numerator = static_cast<double>(node_squares), best_denominator = static_cast<double>(node_total);
+  size_t best_position = 0;
+  constexpr double margin = 1.0 - 1e-12;
+  move_left(label_at(0));
+  if (ni > 2 && key_at(0) != key_at(ni - 1)) {
+    L first_label = label_at(0);
+    bool different_labels = false;
+    auto previous = key_at(0);
+    for (size_t i = 1; i < ni; ++i) {
+      const auto key = key_at(i);
+      const L label = label_at(i);
+      different_labels |= label != first_label;
+      const bool boundary = different_labels & (previous != key);
+      const int64_t right_total = node_total - left_total;
+      const int64_t right_squares = node_squares - 2 * cross + left_squares;
+      const double numerator = static_cast<double>(left_squares) * static_cast<double>(right_total) +
+                               static_cast<double>(right_squares) * static_cast<double>(left_total);
+      const double denominator = static_cast<double>(left_total) * static_cast<double>(right_total);
+      if (boundary & (numerator * best_denominator >= margin * best_numerator * denominator)) {
+        const double score = gini(left_squares, left_total) + gini(right_squares, right_total);
+        if (best_score < score) {
+          best_score = score;
+          best_position = i;
+          best_numerator = numerator;
+          best_denominator = denominator;
+        }
+      }
+      first_label = boundary ? label : first_label;
+      different_labels &= !boundary;
+      move_left(label);
+      previous = key;
+    }
+  }
+  FeatureSplit<decltype(key_at(0))> split;
+  split.score = best_score - initial;
+  split.is_seed = best_position == 0;
+  // A split's Gini impurity is its score.
+  split.impurity = split.is_seed ? 0.0 : best_score;
   split.lower = key_at(split.is_seed ? 0 : best_position - 1);
   split.upper = key_at(best_position);
   return split;
