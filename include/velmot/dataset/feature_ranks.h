@@ -11,6 +11,9 @@
 // A feature holding a not-a-number value gets no ranks (has_ranks false):
 // NaN has no place in an order, and its nodes use the value sort instead.
 //
+// F: the feature type, an integer or IEEE floating-point type of at most 64
+// bits (int, float, double, unsigned char); checked in ordered_key.
+//
 // Glossary:
 //   key        an unsigned integer made from a value's bits whose integer
 //              order is the value order; -0.0 and +0.0 share the key of +0.0,
