@@ -68,6 +68,46 @@ void gather_block(const D& data, size_t begin, size_t end, size_t stride, double
   }
 }
 
+// Counts the vote of `leaf` in `tally` (of `slots` counts); false for a
+// stand-in, a missing child.
+inline bool count_vote(const FlatNode* leaf, int* tally, size_t slots) {
+  if (flat_forest::is_stand_in(*leaf)) return false;
+  const uint64_t slot = static_cast<uint64_t>(static_cast<int64_t>(flat_forest::label_of(*leaf)) + 1);
+  if (slot < slots) ++tally[slot];
+  return true;
+}
+
+// Adds the votes of `trees` trees (roots[0 ..)) for `count` instances,
+// gathered as gather_block does (values at the first instance's feature 0),
+// to their tallies; false as soon as a walk reaches a missing child.
+template <int group, int trees>
+bool walk_block(const FlatNode* const* roots, const double* values, size_t stride, int64_t count, int* tallies,
+                size_t slots) {
+  const FlatNode* leaves[group * trees];
+  int64_t i = 0;
+  for (; i + group <= count; i += group) {
+    flat_forest::find_leaves<group, trees>(roots, values + static_cast<size_t>(i) * stride, stride, leaves);
+    int* tally = tallies + static_cast<size_t>(i) * slots;
+    bool reached_all = true;
+    for (int t = 0; t < trees; ++t) {
+      for (int k = 0; k < group; ++k) {
+        reached_all &= count_vote(leaves[t * group + k], tally + static_cast<size_t>(k) * slots, slots);
+      }
+    }
+    if (!reached_all) return false;
+  }
+  for (; i < count; ++i) {
+    const double* instance_values = values + static_cast<size_t>(i) * stride;
+    auto value_of = [instance_values](int32_t f) { return instance_values[f]; };
+    for (int t = 0; t < trees; ++t) {
+      if (!count_vote(flat_forest::find_leaf(roots[t], value_of), tallies + static_cast<size_t>(i) * slots, slots)) {
+        return false;
+      }
+    }
+  }
+  return true;
+}
+
 }  // namespace forest_prediction
 
 template <class L>
@@ -229,13 +269,6 @@ void BaseForestClassifier<L>::for_each_instance(const D& data, Body&& body) {
   {
     int* const tallies = all_tallies.data() + static_cast<size_t>(omp_get_thread_num()) * tally_cells;
     double* const values = all_values.data() + static_cast<size_t>(omp_get_thread_num()) * value_cells;
-    // Counts the vote of `leaf` in `tally`; false for a stand-in.
-    auto count_vote = [slots](const FlatNode* leaf, int* tally) {
-      if (flat_forest::is_stand_in(*leaf)) return false;
-      const uint64_t slot = static_cast<uint64_t>(static_cast<int64_t>(flat_forest::label_of(*leaf)) + 1);
-      if (slot < slots) ++tally[slot];
-      return true;
-    };
 #pragma omp for schedule(dynamic, 1)
     for (int64_t b = 0; b < num_blocks; ++b) {
       if (missing) continue;
@@ -243,23 +276,13 @@ void BaseForestClassifier<L>::for_each_instance(const D& data, Body&& body) {
       const int64_t end = std::min(begin + block_size, batched);
       forest_prediction::gather_block(data, static_cast<size_t>(begin), static_cast<size_t>(end), stride, values);
       std::fill(tallies, tallies + tally_cells, 0);
-      for (size_t t = 0; t < num_trees && !missing; ++t) {
-        const FlatNode* nodes = trees.tree(t);
-        const double* instance_values = values + 1;
-        int* tally = tallies;
-        constexpr int group = 8;
-        const FlatNode* leaves[group];
-        int64_t i = begin;
-        for (; i + group <= end; i += group, instance_values += group * stride, tally += group * slots) {
-          flat_forest::find_leaves<group>(nodes, instance_values, stride, leaves);
-          for (int k = 0; k < group; ++k) {
-            if (!count_vote(leaves[k], tally + static_cast<size_t>(k) * slots)) missing = 1;
-          }
-          if (missing) break;
-        }
-        for (; i < end && !missing; ++i, instance_values += stride, tally += slots) {
-          auto value_of = [instance_values](int32_t f) { return instance_values[f]; };
-          if (!count_vote(flat_forest::find_leaf(nodes, value_of), tally)) missing = 1;
+      for (size_t t = 0; t < num_trees && !missing; t += 2) {
+        if (t + 1 < num_trees) {
+          const FlatNode* roots[2] = {trees.tree(t), trees.tree(t + 1)};
+          missing = !forest_prediction::walk_block<4, 2>(roots, values + 1, stride, end - begin, tallies, slots);
+        } else {
+          const FlatNode* roots[1] = {trees.tree(t)};
+          missing = !forest_prediction::walk_block<8, 1>(roots, values + 1, stride, end - begin, tallies, slots);
         }
       }
       if (missing) continue;
