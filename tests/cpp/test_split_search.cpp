@@ -157,8 +157,8 @@ TEST(SplitSearch, RealLabelsAreSplitByTheirIntegerParts) {
 
 namespace {
 
-// The grower's lighter sweep (best_split_of_feature, with its own loop for
-// Gini) reports what learn_tree_node reports: the final score, the
+// The grower's lighter sweeps (best_split_of_feature, with its own loop for
+// Gini, and best_split_of_cells over a histogram of keys) report what learn_tree_node reports: the final score, the
 // threshold between the keys it keeps and the improvement, bit for bit, on
 // many nodes with ties, runs of one label and sizes down to the seed-only 2.
 template <class Criterion>
@@ -191,6 +191,25 @@ void check_light_sweep_matches_learn_tree_node(const Criterion& criterion) {
     ASSERT_EQ(split.score, expected.get_maximum()) << trial;
     ASSERT_EQ(threshold, expected.get_maximizer().threshold) << trial;
     ASSERT_EQ(std::max(split.impurity - criterion.get_impurity(counts), 0.0),
+              expected.get_maximizer().best_improvement)
+        << trial;
+
+    // The same from a histogram of packed (value index, label + 1) keys, as
+    // the grower sweeps ranges with few distinct keys (values are k / 2).
+    if (n <= 2) continue;
+    const int label_bits = 3;
+    std::vector<uint32_t> cells(static_cast<size_t>(distinct) << label_bits, 0);
+    for (size_t i = 0; i < n; ++i) {
+      ++cells[(static_cast<size_t>(values[i] * 2) << label_bits) | static_cast<size_t>(labels[i] + 1)];
+    }
+    const auto by_cells = Velmot::best_split_of_cells<int>(cells.data(), cells.size(), label_bits, counts,
+                                                           criterion.get_initial(counts), left, right, criterion);
+    const double lower = by_cells.lower * 0.5, upper = by_cells.upper * 0.5;
+    ASSERT_EQ(by_cells.score, expected.get_maximum()) << trial;
+    ASSERT_EQ(by_cells.is_seed ? lower : Velmot::ThresholdInfo<double>::get_less_than_threshold(lower, upper),
+              expected.get_maximizer().threshold)
+        << trial;
+    ASSERT_EQ(std::max(by_cells.impurity - criterion.get_impurity(counts), 0.0),
               expected.get_maximizer().best_improvement)
         << trial;
   }

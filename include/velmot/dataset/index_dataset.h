@@ -255,6 +255,11 @@ public:
   RankSort<feature_type, label_type> rank_sort;
   PackedRankSort packed_sort;
   int packed_label_bits = 0;
+  // Whether packed keys that span fewer values than there are keys may be
+  // left counted instead of sorted (the grower sweeps the counts), and
+  // whether the last packed gather was.
+  bool count_dense_keys = false;
+  bool packed_counted = false;
 
 private:
   // How far ahead the rank gather asks for the rank of a coming position:
@@ -296,7 +301,8 @@ private:
       kmax = std::max(kmax, k);
     }
     if ((kmin >> shift) == (kmax >> shift)) return false;
-    packed_sort.sort(n, kmin, kmax, shift);
+    // A range of two is never split, so it is never worth counting.
+    packed_counted = !packed_sort.sort_or_count(n, kmin, kmax, shift, count_dense_keys && n > 2);
     form = packed_form;
     return true;
   }

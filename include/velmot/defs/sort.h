@@ -446,6 +446,31 @@ public:
   }
   uint32_t* keys() { return key.data(); }
 
+  // Sorts key[0..n), or, when the keys span no more distinct values than
+  // there are keys, only counts each key (a histogram over [base, kmax])
+  // and returns false: a sweep over the histogram then does the work of a
+  // sweep over the sorted keys in fewer steps. With count_only false it
+  // always sorts and returns true.
+  bool sort_or_count(size_t n, uint32_t kmin, uint32_t kmax, int label_bits, bool count_only) {
+    base_key = (kmin >> label_bits) << label_bits;
+    const size_t cells = static_cast<size_t>(kmax - base_key) + 1;
+    if (!count_only || cells > n) {
+      sort(n, kmin, kmax, label_bits);
+      return true;
+    }
+    if (count.size() < cells) count.resize(cells);
+    uint32_t* c = count.data();
+    std::fill(c, c + cells, 0u);
+    const uint32_t* in = key.data();
+    for (size_t i = 0; i < n; ++i) ++c[in[i] - base_key];
+    num_cells = cells;
+    return false;
+  }
+  // The histogram of the last sort_or_count that counted: cell k holds the
+  // number of keys equal to base() + k.
+  const uint32_t* cell_counts() const { return count.data(); }
+  size_t cell_count() const { return num_cells; }
+
   void sort(size_t n, uint32_t kmin, uint32_t kmax, int label_bits) {
     base_key = (kmin >> label_bits) << label_bits;
     uint32_t* in = key.data();
@@ -562,6 +587,7 @@ private:
   std::vector<uint32_t> count;
   const uint32_t* result = nullptr;
   uint32_t base_key = 0;
+  size_t num_cells = 0;
 };
 
 template <class F, class L>

@@ -151,13 +151,19 @@ Tracker<SplitCandidate<typename I::feature_type>, std::less<double>> search_feat
     switch (indexed.sorted_form()) {
       case I::packed_ranks:
       case I::packed_values: {
-        const uint32_t* key = indexed.packed_sort.sorted();
         const int shift = indexed.packed_label_bits;
-        const uint32_t label_mask = indexed.packed_label_mask();
-        const auto split = best_split_of_feature<L>(
-            n, [key, shift](size_t i) { return key[i] >> shift; },
-            [key, label_mask](size_t i) { return static_cast<L>(static_cast<int64_t>(key[i] & label_mask) - 1); },
-            counts, initial, workspace.left, workspace.right, criteria);
+        FeatureSplit<uint32_t> split;
+        if (indexed.packed_counted) {
+          split = best_split_of_cells<L>(indexed.packed_sort.cell_counts(), indexed.packed_sort.cell_count(), shift,
+                                         counts, initial, workspace.left, workspace.right, criteria);
+        } else {
+          const uint32_t* key = indexed.packed_sort.sorted();
+          const uint32_t label_mask = indexed.packed_label_mask();
+          split = best_split_of_feature<L>(
+              n, [key, shift](size_t i) { return key[i] >> shift; },
+              [key, label_mask](size_t i) { return static_cast<L>(static_cast<int64_t>(key[i] & label_mask) - 1); },
+              counts, initial, workspace.left, workspace.right, criteria);
+        }
         keep(split);
         const uint32_t base_rank = indexed.packed_sort.base() >> shift;
         if (indexed.sorted_form() == I::packed_ranks) {
@@ -278,6 +284,7 @@ Node<typename D::label_type>* learn_tree(const IndexedDataSet<D>& data, int fte_
   // are kept ascending: gathers then read each column forwards.
   indexed_data.sort_indices();
   indexed_data.follow_labels();
+  indexed_data.count_dense_keys = true;
   learn_tree_detail::DrawnFeatures drawn(data.get_num_features());
   NominalLabelPriorAccumulator<int> counts;
   learn_tree_detail::SearchWorkspace<NominalLabelPriorAccumulator<int>> workspace;

@@ -306,6 +306,121 @@ Tracker<NodeResult<F>, std::less<double>> learn_tree_node_on_ranks(size_t ni, co
       criteria);
 }
 
+// The sweep over a histogram of packed keys instead of the sorted keys
+// themselves: cell k counts the pairs whose key is k (rank offset k >>
+// label_bits, label (k & mask) - 1), cells in key order. A cell of c equal
+// pairs acts as its first pair followed by c - 1 pairs that can neither
+// open a boundary (same key) nor change the label-change flag (same label),
+// so moving them left together offers the same boundaries with the same
+// scores in the same order as the pair-by-pair sweep. Keys in the result
+// are rank offsets, as with sorted packed keys.
+//
+// Sides is the bookkeeping of the two sides: move(slot, c) moves c pairs of
+// a class left, score() and impurity() as the criterion gives them.
+template <class L, class Sides>
+FeatureSplit<uint32_t> sweep_cells(const uint32_t* cell, size_t num_cells, int label_bits, Sides& sides,
+                                   double seed_score) {
+  const uint32_t label_mask = (uint32_t(1) << label_bits) - 1;
+  auto label_of = [label_mask](size_t k) { return static_cast<L>(static_cast<int64_t>(k & label_mask) - 1); };
+  double best_score = seed_score, best_impurity = 0.0;
+  uint32_t best_lower = 0, best_upper = 0;
+  bool seed = true;
+  size_t k = 0;
+  while (cell[k] == 0) ++k;
+  const uint32_t first_rank = static_cast<uint32_t>(k >> label_bits);
+  sides.move(static_cast<size_t>(label_of(k) + 1), cell[k]);
+  L first_label = label_of(k);
+  bool different_labels = false;
+  uint32_t previous_rank = first_rank;
+  for (++k; k < num_cells; ++k) {
+    if (cell[k] == 0) continue;
+    const uint32_t rank = static_cast<uint32_t>(k >> label_bits);
+    const L label = label_of(k);
+    if (!different_labels) different_labels = label != first_label;
+    if (different_labels && previous_rank != rank) {
+      const double score = sides.score();
+      if (best_score < score) {
+        best_score = score;
+        best_impurity = sides.impurity();
+        best_lower = previous_rank;
+        best_upper = rank;
+        seed = false;
+      }
+      different_labels = false;
+      first_label = label;
+    }
+    sides.move(static_cast<size_t>(label + 1), cell[k]);
+    previous_rank = rank;
+  }
+  FeatureSplit<uint32_t> split;
+  split.score = best_score;
+  split.impurity = best_impurity;
+  split.is_seed = seed;
+  split.lower = seed ? first_rank : best_lower;
+  split.upper = seed ? first_rank : best_upper;
+  return split;
+}
+
+// Any criterion, through its accumulators (one count per pair moved).
+template <class L, class A, class Criterion>
+FeatureSplit<uint32_t> best_split_of_cells(const uint32_t* cell, size_t num_cells, int label_bits, const A& counts,
+                                           double initial, A& left, A& right, const Criterion& criteria) {
+  left.set_labeling(counts.get_labeling());
+  left.set_num_classes(counts.get_num_classes());
+  right = counts;
+  struct Sides {
+    A& left;
+    A& right;
+    const Criterion& criteria;
+    double initial;
+    void move(size_t slot, uint32_t c) {
+      for (uint32_t j = 0; j < c; ++j) {
+        left.increment_count(static_cast<int>(slot) - 1);
+        right.decrement_count(static_cast<int>(slot) - 1);
+      }
+    }
+    double score() const { return criteria(initial, left, right); }
+    double impurity() const { return criteria.get_impurity(0.0, 0.0, left, right); }
+  } sides{left, right, criteria, initial};
+  FeatureSplit<uint32_t> split =
+      sweep_cells<L>(cell, num_cells, label_bits, sides, criteria.get_initial_score(initial));
+  split.score = criteria.get_final_score(split.score, initial);
+  return split;
+}
+
+// Gini: the sums of the pair-by-pair Gini sweep, moved a cell at a time
+// (c pairs of a class with l on the left add 2 c l + c^2 squares).
+template <class L, class A>
+FeatureSplit<uint32_t> best_split_of_cells(const uint32_t* cell, size_t num_cells, int label_bits, const A& counts,
+                                           double initial, A& /*left*/, A& /*right*/,
+                                           const TwoSplitGiniImpurity& /*criteria*/) {
+  static thread_local std::vector<int64_t> left_counts;
+  left_counts.assign(counts.get_num_slots(), 0);
+  struct Sides {
+    const A& node;
+    int64_t* left;
+    int64_t node_squares, node_total;
+    int64_t left_squares = 0, cross = 0, left_total = 0;
+    void move(size_t slot, uint32_t c) {
+      const int64_t moved = c;
+      left_squares += 2 * moved * left[slot] + moved * moved;
+      cross += moved * node[static_cast<int>(slot)];
+      left[slot] += moved;
+      left_total += moved;
+    }
+    static double gini(int64_t squares, int64_t total) {
+      return total == 0 ? 0.0 : static_cast<double>(squares) / static_cast<double>(total);
+    }
+    double score() const {
+      return gini(left_squares, left_total) + gini(node_squares - 2 * cross + left_squares, node_total - left_total);
+    }
+    double impurity() const { return score(); }
+  } sides{counts, left_counts.data(), counts.get_sum_squared(), static_cast<int64_t>(counts.get_total_count())};
+  FeatureSplit<uint32_t> split = sweep_cells<L>(cell, num_cells, label_bits, sides, initial);
+  split.score -= initial;
+  return split;
+}
+
 }  // namespace Velmot
 
 #endif
