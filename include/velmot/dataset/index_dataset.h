@@ -220,11 +220,13 @@ public:
   SortedForm sorted_form() const { return form; }
   bool sorted_ranks() const { return form == ranks_and_labels; }
   // The value table of the sorted feature, shifted so that the sorted ranks
-  // (rank_sort.sorted_key(), or packed keys >> packed_label_bits) index it.
+  // (rank_sort.sorted_key(), packed keys >> packed_label_bits, or a counted
+  // cell's index >> packed_label_bits) index it.
   const feature_type* sorted_values() const {
-    if (form == packed_values) return byte_values() + (packed_sort.base() >> packed_label_bits);
+    const uint32_t cell_rank = packed_counted ? packed_sort.cell_base() >> packed_label_bits : 0;
+    if (form == packed_values) return byte_values() + cell_rank;
     const feature_type* values = ranks->values(buffered_feature_index);
-    return form == packed_ranks ? values + (packed_sort.base() >> packed_label_bits) : values + rank_sort.key_offset();
+    return form == packed_ranks ? values + cell_rank : values + rank_sort.key_offset();
   }
   // The i-th sorted pair of a ranked feature as (index into sorted_values(),
   // label), whichever form holds it. For tests and checks: the sweep reads

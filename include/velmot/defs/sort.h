@@ -430,11 +430,10 @@ private:
 // matter.
 //
 // Steps: the caller fills keys() (n of them, smallest kmin, largest kmax);
-// every key is lowered by base (kmin with its label bits cleared, so that a
-// lowered key still splits into rank - rank_of(base) and label); small
-// nodes are sorted by comparison, larger ones by one counting pass when the
-// lowered keys need at most 11 bits, else by two or three radix passes of
-// equal digit widths, both histograms counted in one read.
+// small nodes are sorted by comparison; mid-sized ones by buckets; the
+// others by one counting pass when the keys, lowered by kmin with its label
+// bits cleared, need at most 11 bits, else by two or three radix passes of
+// equal digit widths, all histograms counted in one read.
 class PackedRankSort {
 public:
   void prepare(size_t n) {
@@ -447,13 +446,13 @@ public:
   uint32_t* keys() { return key.data(); }
 
   // Sorts key[0..n), or, when the keys span no more distinct values than
-  // there are keys, only counts each key (a histogram over [base, kmax])
-  // and returns false: a sweep over the histogram then does the work of a
-  // sweep over the sorted keys in fewer steps. With count_only false it
+  // there are keys, only counts each key (a histogram over [cell_base(),
+  // kmax]) and returns false: a sweep over the histogram then does the work
+  // of a sweep over the sorted keys in fewer steps. With count_only false it
   // always sorts and returns true.
   bool sort_or_count(size_t n, uint32_t kmin, uint32_t kmax, int label_bits, bool count_only) {
-    base_key = (kmin >> label_bits) << label_bits;
-    const size_t cells = static_cast<size_t>(kmax - base_key) + 1;
+    const uint32_t base = (kmin >> label_bits) << label_bits;
+    const size_t cells = static_cast<size_t>(kmax - base) + 1;
     if (!count_only || cells > n) {
       sort(n, kmin, kmax, label_bits);
       return true;
@@ -462,37 +461,39 @@ public:
     uint32_t* c = count.data();
     std::fill(c, c + cells, 0u);
     const uint32_t* in = key.data();
-    for (size_t i = 0; i < n; ++i) ++c[in[i] - base_key];
+    for (size_t i = 0; i < n; ++i) ++c[in[i] - base];
+    base_key = base;
     num_cells = cells;
     return false;
   }
   // The histogram of the last sort_or_count that counted: cell k holds the
-  // number of keys equal to base() + k.
+  // number of keys equal to cell_base() + k (a key whose label bits are 0).
   const uint32_t* cell_counts() const { return count.data(); }
   size_t cell_count() const { return num_cells; }
+  uint32_t cell_base() const { return base_key; }
 
+  // Digits are taken from the keys lowered by kmin's rank (so that they
+  // need as few bits as the range's span), the keys themselves move as
+  // they are.
   void sort(size_t n, uint32_t kmin, uint32_t kmax, int label_bits) {
-    base_key = (kmin >> label_bits) << label_bits;
     uint32_t* in = key.data();
-    for (size_t i = 0; i < n; ++i) in[i] -= base_key;
     result = in;
     if (n < comparison_size) {
       std::sort(in, in + n);
       return;
     }
-    const uint32_t span = kmax - base_key;
+    const uint32_t base = (kmin >> label_bits) << label_bits;
+    const uint32_t span = kmax - base;
     int bits = 1;
     while (bits < 32 && (span >> bits) != 0) ++bits;
     // Few distinct keys for their number (byte values, say): one counting
     // pass over them all beats buckets full of equal keys.
     const bool dense = bits <= 11 && 8 * n >= (size_t(1) << bits);
-    if (!dense && n <= bucket_sort_max && bucket_sort(n, bits)) return;
-    radix_sort(n, bits);
+    if (!dense && n <= bucket_sort_max && bucket_sort(n, base, bits)) return;
+    radix_sort(n, base, bits);
   }
 
-  // The sorted keys, each lowered by base().
   const uint32_t* sorted() const { return result; }
-  uint32_t base() const { return base_key; }
 
 private:
   static constexpr size_t comparison_size = 96;
@@ -504,7 +505,7 @@ private:
   // of two radix passes. A node's ranks of a feature spread fairly evenly
   // over their span, so buckets hold one or two keys; if one holds more
   // than bucket_size_limit (clustered keys), the radix sort runs instead.
-  bool bucket_sort(size_t n, int bits) {
+  bool bucket_sort(size_t n, uint32_t base, int bits) {
     int bucket_bits = 1;
     while ((size_t(1) << bucket_bits) < 2 * n) ++bucket_bits;
     if (bucket_bits > bits) bucket_bits = bits;
@@ -513,8 +514,8 @@ private:
     if (count.size() < buckets) count.resize(buckets);
     uint32_t* c = count.data();
     std::fill(c, c + buckets, 0u);
-    uint32_t* in = key.data();
-    for (size_t i = 0; i < n; ++i) ++c[in[i] >> shift];
+    const uint32_t* in = key.data();
+    for (size_t i = 0; i < n; ++i) ++c[(in[i] - base) >> shift];
     uint32_t position = 0;
     uint32_t largest = 0;
     for (size_t b = 0; b < buckets; ++b) {
@@ -525,7 +526,7 @@ private:
     }
     if (largest > bucket_size_limit) return false;
     uint32_t* out = scratch.data();
-    for (size_t i = 0; i < n; ++i) out[c[in[i] >> shift]++] = in[i];
+    for (size_t i = 0; i < n; ++i) out[c[(in[i] - base) >> shift]++] = in[i];
     for (size_t i = 1; i < n; ++i) {
       const uint32_t moving = out[i];
       size_t j = i;
@@ -539,7 +540,7 @@ private:
   // Least-significant digit first: one counting pass when the lowered keys
   // need at most 11 bits, else two or three passes of equal digit widths,
   // all histograms counted in one read.
-  void radix_sort(size_t n, int bits) {
+  void radix_sort(size_t n, uint32_t base, int bits) {
     uint32_t* in = key.data();
     const int passes = bits <= 11 ? 1 : bits <= 22 ? 2 : 3;
     const int digit_bits = (bits + passes - 1) / passes;
@@ -551,17 +552,19 @@ private:
     uint32_t* c1 = c0 + buckets;
     uint32_t* c2 = c1 + buckets;
     if (passes == 1) {
-      for (size_t i = 0; i < n; ++i) ++c0[in[i]];
+      for (size_t i = 0; i < n; ++i) ++c0[in[i] - base];
     } else if (passes == 2) {
       for (size_t i = 0; i < n; ++i) {
-        ++c0[in[i] & mask];
-        ++c1[in[i] >> digit_bits];
+        const uint32_t k = in[i] - base;
+        ++c0[k & mask];
+        ++c1[k >> digit_bits];
       }
     } else {
       for (size_t i = 0; i < n; ++i) {
-        ++c0[in[i] & mask];
-        ++c1[(in[i] >> digit_bits) & mask];
-        ++c2[in[i] >> (2 * digit_bits)];
+        const uint32_t k = in[i] - base;
+        ++c0[k & mask];
+        ++c1[(k >> digit_bits) & mask];
+        ++c2[k >> (2 * digit_bits)];
       }
     }
     uint32_t* out = scratch.data();
@@ -569,14 +572,14 @@ private:
       uint32_t* c = count.data() + pass * buckets;
       const int shift = pass * digit_bits;
       // A digit every key shares moves nothing.
-      if (c[(in[0] >> shift) & mask] == n) continue;
+      if (c[((in[0] - base) >> shift) & mask] == n) continue;
       uint32_t position = 0;
       for (size_t b = 0; b < buckets; ++b) {
         const uint32_t here = c[b];
         c[b] = position;
         position += here;
       }
-      for (size_t i = 0; i < n; ++i) out[c[(in[i] >> shift) & mask]++] = in[i];
+      for (size_t i = 0; i < n; ++i) out[c[((in[i] - base) >> shift) & mask]++] = in[i];
       std::swap(in, out);
     }
     result = in;

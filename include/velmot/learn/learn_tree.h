@@ -165,7 +165,8 @@ Tracker<SplitCandidate<typename I::feature_type>, std::less<double>> search_feat
               counts, initial, workspace.left, workspace.right, criteria);
         }
         keep(split);
-        const uint32_t base_rank = indexed.packed_sort.base() >> shift;
+        // Cells count from the histogram's base; sorted keys are whole.
+        const uint32_t base_rank = indexed.packed_counted ? indexed.packed_sort.cell_base() >> shift : 0;
         if (indexed.sorted_form() == I::packed_ranks) {
           candidate.ranked = true;
           candidate.lower_rank = split.lower + base_rank;
