@@ -27,6 +27,15 @@
 // Random draws happen only in three places, always on the calling thread's
 // generator: feature choice (random mode), ties between features' best
 // scores, and leaf labels.
+//
+// How the work is laid out (none of it changes a tree): the index list is
+// sorted by instance number once and partitioned stably, so every slice
+// ascends and gathers read columns forwards; a feature's pairs come sorted
+// in value-then-label order whatever the slice's order (see
+// dataset/index_dataset.h), as packed (rank, label) keys or a histogram of
+// them where the feature has ranks or bytes; each feature's search keeps
+// only its score and the keys around its best boundary, and the threshold
+// is looked up for the node's winner alone.
 
 #include <omp.h>
 

@@ -24,6 +24,11 @@
 //
 // The range R needs buffered_pairs(), get_num_instances(), get_num_classes()
 // and get_labeling(); the criterion is one of stats/criteria.h.
+//
+// The grower calls lighter forms of the same sweep (best_split_of_feature
+// over sorted keys, best_split_of_cells over a histogram of packed keys):
+// the same boundaries, scores and first maximum, without the tracker's other
+// bookkeeping, and with a branch-free, division-free loop for Gini.
 
 #include <algorithm>
 #include <cstdint>
