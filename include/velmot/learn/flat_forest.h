@@ -93,9 +93,11 @@ const FlatNode* find_leaf(const FlatNode* nodes, ValueOf&& value_of) {
 // overlap their loads; the child is chosen by arithmetic, not a branch; two
 // trees over the same instances read each instance's values twice per
 // pass over a block. Measured on the trees above, CPU per 50,000 instances
-// on one thread: one tree and groups of 8 170-185 ms, 4 250 ms, 16 no
-// better than 8; two trees and groups of 4 155-165 ms; refilling a group's
-// finished walks one by one (a branch per step) 205-230 ms, although
+// on one thread, blocks of 12,787 instances, three runs: one tree and
+// groups of 8 166-170 ms (4: 250 ms, 16: no better than 8); two trees and
+// groups of 8 155-159 ms, of 4 165-168 ms; three trees and groups of 4
+// 155-163 ms; four trees and groups of 2 175-183 ms. Refilling a group's
+// finished walks one by one (a branch per step) took 205-230 ms, although
 // lockstep takes 20 steps per walk where 15 would do.
 template <int group, int trees>
 inline void find_leaves(const FlatNode* const* roots, const double* values, size_t stride, const FlatNode** leaves) {

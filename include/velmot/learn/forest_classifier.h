@@ -17,8 +17,8 @@
 // Two paths give the same votes:
 //   predict(data, i)   one instance, its trees shared among the threads;
 //   the batch paths    (predict into a vector, compute_probabilities) walk
-//                      tree by tree over blocks of instances, the blocks
-//                      shared among the threads, each block's values
+//                      two trees at a time over blocks of instances, the
+//                      blocks shared among the threads, each block's values
 //                      gathered once, instance by instance, as doubles.
 //
 // D, the data set, needs get_num_instances(), get_num_features(),
@@ -240,14 +240,15 @@ void BaseForestClassifier<L>::for_each_instance(const D& data, Body&& body) {
 
   // All but the last instance in blocks; the last one through predict() so
   // that votes_for_each_tree and counts end as the one-by-one loop leaves
-  // them. Every tree walks a whole block before the next tree starts, so a
-  // tree is loaded into cache once per block; but the block's values pass
-  // through the cache once per tree too. Measured on 50,000 instances x 40
-  // features and 100 trees of 12,500 nodes, CPU on one thread: blocks of
-  // 2,048 instances 410 ms, 8,192 190 ms, 12,500 to 16,384 170-180 ms,
-  // 25,000 195-210 ms, 50,000 225-250 ms. So blocks hold at most 2^19
-  // values (4 MiB), as many tallies at most, and are no larger than one
-  // thread's share.
+  // them. Each pair of trees walks a whole block before the next pair
+  // starts, so a tree is loaded into cache once per block; but the block's
+  // values pass through the cache once per pair too. Measured on 50,000
+  // instances x 40 features and 100 trees of 12,500 nodes, CPU on one
+  // thread (a loaded machine, so the larger blocks vary): blocks of 3,200
+  // instances 218 ms, 6,400 178 ms, 12,787 155-165 ms, 25,000 172-197 ms,
+  // 50,000 158-200 ms. So blocks hold at most 2^19 values (4 MiB), as many
+  // tallies at most, and are no larger than one thread's share, which also
+  // leaves several blocks per thread to balance the load.
   const size_t slots = counts.size();
   const size_t stride = data.get_num_features() + 1;
   const int team = std::max(omp_get_max_threads(), 1);
@@ -279,7 +280,7 @@ void BaseForestClassifier<L>::for_each_instance(const D& data, Body&& body) {
       for (size_t t = 0; t < num_trees && !missing; t += 2) {
         if (t + 1 < num_trees) {
           const FlatNode* roots[2] = {trees.tree(t), trees.tree(t + 1)};
-          missing = !forest_prediction::walk_block<4, 2>(roots, values + 1, stride, end - begin, tallies, slots);
+          missing = !forest_prediction::walk_block<8, 2>(roots, values + 1, stride, end - begin, tallies, slots);
         } else {
           const FlatNode* roots[1] = {trees.tree(t)};
           missing = !forest_prediction::walk_block<8, 1>(roots, values + 1, stride, end - begin, tallies, slots);
