@@ -496,7 +496,7 @@ public:
   const uint32_t* sorted() const { return result; }
 
 private:
-  static constexpr size_t comparison_size = 96;
+  static constexpr size_t comparison_size = 48;
   static constexpr size_t bucket_sort_max = 4096;
   static constexpr uint32_t bucket_size_limit = 32;
 

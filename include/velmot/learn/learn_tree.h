@@ -289,7 +289,12 @@ Node<typename D::label_type>* learn_tree(const IndexedDataSet<D>& data, int fte_
   // The pool cannot change while a tree grows, so the thread's generator is
   // fetched once.
   XorShiftRNG& random = thread_generator();
-  I indexed_data(data);
+  // The private copy takes the sample's indices and ranks only: its buffer
+  // and sort workspaces are filled per feature before they are read, so
+  // copying the sample's (a 16-byte pair per instance) would be wasted.
+  I indexed_data(data.get_dataset());
+  indexed_data.indices = data.indices;
+  indexed_data.ranks = data.ranks;
   // Sorted pairs do not depend on the order of a node's positions, so they
   // are kept ascending: gathers then read each column forwards.
   indexed_data.sort_indices();
