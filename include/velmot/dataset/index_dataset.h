@@ -160,9 +160,11 @@ public:
   // Equal and not-a-number values go to the back, as in prediction.
   size_t partition(size_t feature_index, size_t begin, size_t end, feature_type threshold) {
     const feature_type* column = dataset->column(feature_index);
-    if (labels_follow) return partition_with_labels(column, begin, end, threshold);
-    uint64_t* lo = indices.data() + begin;
+    uint64_t* const first = indices.data() + begin;
+    uint64_t* lo = first;
     uint64_t* hi = indices.data() + end;
+    // While labels follow the positions, every swap moves them too.
+    label_type* const labels = labels_follow ? position_labels.data() : nullptr;
     // Two-ended: scan from the front for an instance that goes right and
     // from the back for one that goes left, then swap them.
     while (true) {
@@ -172,9 +174,10 @@ public:
       while (lo != hi && !(column[*hi] < threshold)) --hi;
       if (lo == hi) break;
       std::swap(*lo, *hi);
+      if (labels != nullptr) std::swap(labels[lo - indices.data()], labels[hi - indices.data()]);
       ++lo;
     }
-    return static_cast<size_t>(lo - (indices.data() + begin));
+    return static_cast<size_t>(lo - first);
   }
 
   // Copies the label of every position beside the index list and keeps it
@@ -356,25 +359,6 @@ private:
       std::copy(partition_labels.begin(), partition_labels.begin() + static_cast<std::ptrdiff_t>(right), label + left);
     }
     return left - begin;
-  }
-
-  // partition's exact steps, swapping each position's label with its index.
-  size_t partition_with_labels(const feature_type* column, size_t begin, size_t end, feature_type threshold) {
-    uint64_t* const first = indices.data() + begin;
-    uint64_t* lo = first;
-    uint64_t* hi = indices.data() + end;
-    label_type* const labels = position_labels.data();
-    while (true) {
-      while (lo != hi && column[*lo] < threshold) ++lo;
-      if (lo == hi) break;
-      --hi;
-      while (lo != hi && !(column[*hi] < threshold)) --hi;
-      if (lo == hi) break;
-      std::swap(*lo, *hi);
-      std::swap(labels[lo - indices.data()], labels[hi - indices.data()]);
-      ++lo;
-    }
-    return static_cast<size_t>(lo - first);
   }
 };
 
