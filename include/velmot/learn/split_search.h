@@ -66,6 +66,16 @@ inline int label_class(L label) {
 
 namespace split_search_detail {
 
+// The Gini sweeps keep their per-class scratch per thread between calls
+// (they run once per node and feature), unless a huge class count made it
+// larger than this many slots: then it is released after the call.
+constexpr size_t kept_scratch_slots = 4096;
+
+template <class T>
+void release_if_large(std::vector<T>& scratch) {
+  if (scratch.size() > kept_scratch_slots) std::vector<T>().swap(scratch);
+}
+
 // A scored boundary of the sweep: the sorted position just right of it (0
 // stands for the seed) and the split's impurity.
 struct Boundary {
@@ -218,7 +228,6 @@ auto best_split_of_feature(size_t ni, KeyAt key_at, LabelAt label_at, const A& c
     int64_t left;
     int64_t node;
   };
-  // Per-thread scratch: the sweep runs once per node and feature.
   static thread_local std::vector<ClassCounts> class_counts;
   const size_t slots = counts.get_num_slots();
   class_counts.resize(slots);
@@ -273,6 +282,7 @@ auto best_split_of_feature(size_t ni, KeyAt key_at, LabelAt label_at, const A& c
       previous = key;
     }
   }
+  split_search_detail::release_if_large(class_counts);
   FeatureSplit<decltype(key_at(0))> split;
   split.score = best_score - initial;
   split.is_seed = best_position == 0;
@@ -422,6 +432,7 @@ FeatureSplit<uint32_t> best_split_of_cells(const uint32_t* cell, size_t num_cell
     double impurity() const { return score(); }
   } sides{counts, left_counts.data(), counts.get_sum_squared(), static_cast<int64_t>(counts.get_total_count())};
   FeatureSplit<uint32_t> split = sweep_cells<L>(cell, num_cells, label_bits, sides, initial);
+  split_search_detail::release_if_large(left_counts);
   split.score -= initial;
   return split;
 }
