@@ -184,8 +184,8 @@ void check_light_sweep_matches_learn_tree_node(const Criterion& criterion) {
     counts.add_count(range);
     const auto* pairs = range.buffered_pairs();  // still sorted by search()
     const auto split = Velmot::best_split_of_feature<int>(
-        n, [pairs](size_t i) { return pairs[i].first; }, [pairs](size_t i) { return pairs[i].second; }, counts,
-        criterion.get_initial(counts), left, right, criterion);
+        n, n, [pairs](size_t i) { return pairs[i].first; }, [pairs](size_t i) { return pairs[i].second; },
+        Velmot::UnitWeight(), counts, criterion.get_initial(counts), left, right, criterion);
     const double threshold =
         split.is_seed ? split.lower : Velmot::ThresholdInfo<double>::get_less_than_threshold(split.lower, split.upper);
     ASSERT_EQ(split.score, expected.get_maximum()) << trial;

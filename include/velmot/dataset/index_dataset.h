@@ -14,6 +14,14 @@
 // keeps positions ascending by instance number (sort_indices once, then
 // partition_keeping_order) for the sake of its gathers.
 //
+// The grower also merges a bootstrap's repeated instance numbers into one
+// position with a weight (merge_repeats): copies of one instance share value
+// and label, so they sort next to each other and can neither open a
+// boundary nor change the label-change flag between them; moving them as
+// one weighted pair gives the same boundaries, scores and splits, while
+// every gather, sort, sweep and partition handles each instance once (about
+// 63% of a bootstrap's draws are distinct).
+//
 // D must offer feature_type, label_type, get_num_instances/features/classes,
 // get_labeling, get_label(i) and column(j) (a pointer to feature j's values).
 
@@ -51,6 +59,14 @@ public:
   const feature_type& operator()(size_t i, size_t j) const { return (*dataset)(indices[i], j); }
   const label_type& get_label(size_t i) const {
     return labels_follow ? position_labels[i] : dataset->get_label(indices[i]);
+  }
+  // How many instances position i stands for: 1 unless merge_repeats ran.
+  uint32_t get_weight(size_t i) const { return position_weights.empty() ? 1u : position_weights[i]; }
+  size_t weight_of(size_t begin, size_t end) const {
+    if (position_weights.empty()) return end - begin;
+    size_t total = 0;
+    for (size_t p = begin; p < end; ++p) total += position_weights[p];
+    return total;
   }
   const pair_type& get_buffered_feature_label(size_t i) const { return feature_label_buffer[i]; }
   const pair_type* buffered_pairs(size_t begin) const { return feature_label_buffer.data() + begin; }
@@ -95,9 +111,14 @@ public:
   //   packed_sort (packed_values): the value serves as its own rank;
   // - a ranked feature, real labels: ranks and labels in rank_sort (ranks).
   // With ranks, one gather serves both the constancy test and a sort of
-  // small integers instead of values.
+  // small integers instead of values. With weights (merge_repeats), packed
+  // keys carry each position's weight in their low packed_weight_bits bits;
+  // the other forms hold a copy per instance, sorted_size() elements from
+  // sorted_pairs() on (in_buffer).
   bool buffer_sorted_feature_unless_constant(size_t feature_index, size_t begin, size_t end) {
     form = in_buffer;
+    sorted_begin = begin;
+    sorted_count = end - begin;
     if constexpr (std::is_floating_point<feature_type>::value) {
       if (ranks != nullptr && ranks->has_ranks(feature_index)) {
         const size_t n = end - begin;
@@ -120,10 +141,19 @@ public:
       }
     }
     if (is_homogeneous(feature_index, begin, end)) return false;
-    buffer_feature(feature_index, begin, end);
-    sort_buffered_feature(feature_index, begin, end);
+    if (position_weights.empty()) {
+      buffer_feature(feature_index, begin, end);
+      sort_buffered_feature(feature_index, begin, end);
+      return true;
+    }
+    buffer_copies(feature_index, begin, end);
+    sort_buffered_feature(feature_index, 0, sorted_count);
     return true;
   }
+  // The elements the last buffer_sorted_feature_unless_constant sorted, and
+  // in_buffer, where they start.
+  size_t sorted_size() const { return sorted_count; }
+  const pair_type* sorted_pairs() const { return feature_label_buffer.data() + sorted_begin; }
 
   // The grower's partition: the same split as partition, but stable, so
   // that a range whose positions ascend by instance number keeps them
@@ -143,16 +173,27 @@ public:
   }
 
   // Puts the index list in ascending instance order (a counting sort by
-  // instance number), so that gathers read columns forwards.
-  void sort_indices() {
-    labels_follow = false;
+  // instance number, so that gathers read columns forwards), each instance
+  // once with its number of copies as its weight, and follows labels.
+  void merge_repeats() {
     const size_t ni = dataset->get_num_instances();
     std::vector<uint32_t> copies(ni, 0);
     for (const uint64_t i : indices) ++copies[i];
     size_t p = 0;
+    uint32_t most = 0;
+    position_weights.resize(indices.size());
     for (size_t i = 0; i < ni; ++i) {
-      for (uint32_t c = copies[i]; c > 0; --c) indices[p++] = i;
+      if (copies[i] == 0) continue;
+      indices[p] = i;
+      position_weights[p] = copies[i];
+      most = std::max(most, copies[i]);
+      ++p;
     }
+    indices.resize(p);
+    position_weights.resize(p);
+    sample_weight_bits = 0;
+    while (sample_weight_bits < 32 && (most >> sample_weight_bits) != 0) ++sample_weight_bits;
+    follow_labels();
   }
 
   // Moves the instances whose value is below the threshold (compared in the
@@ -175,6 +216,7 @@ public:
       if (lo == hi) break;
       std::swap(*lo, *hi);
       if (labels != nullptr) std::swap(labels[lo - indices.data()], labels[hi - indices.data()]);
+      if (!position_weights.empty()) std::swap(position_weights[lo - indices.data()], position_weights[hi - indices.data()]);
       ++lo;
     }
     return static_cast<size_t>(lo - first);
@@ -193,19 +235,23 @@ public:
 
   void use_all_instances() {
     labels_follow = false;
+    position_weights.clear();
     indices.resize(dataset->get_num_instances());
     for (size_t i = 0; i < indices.size(); ++i) indices[i] = i;
   }
   void clear_indices() {
     labels_follow = false;
+    position_weights.clear();
     indices.clear();
   }
   void add_index(uint64_t i) {
     labels_follow = false;
+    position_weights.clear();
     indices.push_back(i);
   }
   void set_dataset(const D* d) {
     labels_follow = false;
+    position_weights.clear();
     dataset = d;
   }
 
@@ -214,6 +260,9 @@ public:
   // The label of each position, while labels_follow (see follow_labels).
   std::vector<label_type> position_labels;
   bool labels_follow = false;
+  // The weight of each position once merge_repeats ran, else empty; it
+  // follows the positions through partitions like the labels.
+  std::vector<uint32_t> position_weights;
   std::vector<pair_type> feature_label_buffer;
   uint64_t buffered_feature_index = std::numeric_limits<uint64_t>::max();
   FlexiSort<feature_type, label_type> flexi_sort;
@@ -235,12 +284,14 @@ public:
   // label), whichever form holds it. For tests and checks: the sweep reads
   // the arrays directly.
   uint32_t sorted_rank(size_t i) const {
-    return form == packed_ranks || form == packed_values ? packed_sort.sorted()[i] >> packed_label_bits
-                                                         : rank_sort.sorted_key()[i];
+    return form == packed_ranks || form == packed_values
+               ? packed_sort.sorted()[i] >> (packed_label_bits + packed_weight_bits)
+               : rank_sort.sorted_key()[i];
   }
   label_type sorted_label(size_t i) const {
     if (form == packed_ranks || form == packed_values) {
-      return static_cast<label_type>(static_cast<int64_t>(packed_sort.sorted()[i] & packed_label_mask()) - 1);
+      const uint32_t key = packed_sort.sorted()[i] >> packed_weight_bits;
+      return static_cast<label_type>(static_cast<int64_t>(key & packed_label_mask()) - 1);
     }
     return rank_sort.sorted_label()[i];
   }
@@ -260,6 +311,8 @@ public:
   RankSort<feature_type, label_type> rank_sort;
   PackedRankSort packed_sort;
   int packed_label_bits = 0;
+  // Low bits of a packed key that hold its position's weight (with weights).
+  int packed_weight_bits = 0;
   // Whether packed keys that span fewer values than there are keys may be
   // left counted instead of sorted (the grower sweeps the counts), and
   // whether the last packed gather was.
@@ -274,90 +327,137 @@ private:
   static constexpr size_t prefetch_distance = 16;
 
   SortedForm form = in_buffer;
+  size_t sorted_begin = 0, sorted_count = 0;
   std::vector<uint64_t> partition_indices;
   std::vector<label_type> partition_labels;
+  std::vector<uint32_t> partition_weights;
+  // Bits of the largest weight merge_repeats found.
+  int sample_weight_bits = 0;
 
-  // Whether (rank, label + 1) fits one 32-bit key for every rank up to
-  // largest_rank and every label of the data set; sets packed_label_bits.
+  // Whether (rank, label + 1) and, with weights, the weight fit one 32-bit
+  // key for every rank up to largest_rank and every label of the data set;
+  // sets packed_label_bits and packed_weight_bits.
   bool packable(uint64_t largest_rank) {
     const uint64_t largest_code = static_cast<uint64_t>(dataset->get_num_classes()) + 1;
     int label_bits = 1;
     while (label_bits < 32 && (largest_code >> label_bits) != 0) ++label_bits;
-    if (label_bits >= 32 || (largest_rank >> (32 - label_bits)) != 0) return false;
+    const int weight_bits = position_weights.empty() ? 0 : sample_weight_bits;
+    const int low_bits = label_bits + weight_bits;
+    if (low_bits >= 32 || (largest_rank >> (32 - low_bits)) != 0) return false;
     packed_label_bits = label_bits;
+    packed_weight_bits = weight_bits;
     return true;
   }
 
-  // Gathers (rank_of[instance], label) keys of the range and sorts them;
-  // rank_of is the feature's ranks or, for bytes, its values.
+  // Gathers ((rank_of[instance], label) [, weight]) keys of the range and
+  // sorts them; rank_of is the feature's ranks or, for bytes, its values.
   template <class Rank>
   bool gather_and_sort_packed(const Rank* rank_of, size_t begin, size_t n, SortedForm packed_form) {
     packed_sort.prepare(n);
     uint32_t* key = packed_sort.keys();
     const uint64_t* position = indices.data() + begin;
+    const uint32_t* weight = position_weights.empty() ? nullptr : position_weights.data() + begin;
     const int shift = packed_label_bits;
+    const int weight_bits = packed_weight_bits;
     uint32_t kmin = std::numeric_limits<uint32_t>::max(), kmax = 0;
-    for (size_t i = 0; i < n; ++i) {
-      if (i + prefetch_distance < n) __builtin_prefetch(rank_of + position[i + prefetch_distance]);
-      const uint32_t k = (static_cast<uint32_t>(rank_of[position[i]]) << shift) |
-                         static_cast<uint32_t>(get_label(begin + i) + 1);
-      key[i] = k;
-      kmin = std::min(kmin, k);
-      kmax = std::max(kmax, k);
+    auto gather = [&](auto key_of) {
+      for (size_t i = 0; i < n; ++i) {
+        if (i + prefetch_distance < n) __builtin_prefetch(rank_of + position[i + prefetch_distance]);
+        const uint32_t k = key_of(i, (static_cast<uint32_t>(rank_of[position[i]]) << shift) |
+                                         static_cast<uint32_t>(get_label(begin + i) + 1));
+        key[i] = k;
+        kmin = std::min(kmin, k);
+        kmax = std::max(kmax, k);
+      }
+    };
+    if (weight == nullptr) {
+      gather([](size_t, uint32_t rank_and_label) { return rank_and_label; });
+    } else {
+      gather([weight, weight_bits](size_t i, uint32_t rank_and_label) {
+        return (rank_and_label << weight_bits) | weight[i];
+      });
     }
-    if ((kmin >> shift) == (kmax >> shift)) return false;
+    if ((kmin >> (shift + weight_bits)) == (kmax >> (shift + weight_bits))) return false;
     // A range of two is never split, so it is never worth counting.
-    packed_counted = !packed_sort.sort_or_count(n, kmin, kmax, shift, count_dense_keys && n > 2);
+    packed_counted =
+        !packed_sort.sort_or_count(n, kmin, kmax, shift, count_dense_keys && n > 2, weight_bits);
     form = packed_form;
     return true;
   }
 
+  // buffer_feature's pairs, each repeated as often as its position's weight,
+  // at the start of the buffer.
+  void buffer_copies(size_t feature_index, size_t begin, size_t end) {
+    buffered_feature_index = feature_index;
+    sorted_begin = 0;
+    sorted_count = weight_of(begin, end);
+    if (feature_label_buffer.size() < sorted_count) feature_label_buffer.resize(sorted_count);
+    const feature_type* column = dataset->column(feature_index);
+    size_t out = 0;
+    for (size_t p = begin; p < end; ++p) {
+      const pair_type pair(column[indices[p]], get_label(p));
+      for (uint32_t c = position_weights[p]; c > 0; --c) feature_label_buffer[out++] = pair;
+    }
+  }
+
   bool gather_and_sort_ranks(size_t feature_index, size_t begin, size_t n) {
-    rank_sort.prepare(n);
+    // A copy of each (rank, label) per instance a position stands for.
+    const size_t copies = weight_of(begin, begin + n);
+    rank_sort.prepare(copies);
     const uint32_t* rank_of = ranks->ranks(feature_index);
     uint32_t* key = rank_sort.key.data();
     label_type* label = rank_sort.label.data();
     uint32_t rmin = rank_of[indices[begin]], rmax = rmin;
     const uint64_t* position = indices.data() + begin;
+    size_t out = 0;
     for (size_t i = 0; i < n; ++i) {
       if (i + prefetch_distance < n) __builtin_prefetch(rank_of + position[i + prefetch_distance]);
       const uint32_t r = rank_of[position[i]];
-      key[i] = r;
-      label[i] = get_label(begin + i);
+      const label_type l = get_label(begin + i);
+      for (uint32_t c = get_weight(begin + i); c > 0; --c, ++out) {
+        key[out] = r;
+        label[out] = l;
+      }
       rmin = std::min(rmin, r);
       rmax = std::max(rmax, r);
     }
     if (rmin == rmax) return false;
-    rank_sort.sort(n, rmin, rmax);
+    rank_sort.sort(copies, rmin, rmax);
+    sorted_count = copies;
     form = ranks_and_labels;
     return true;
   }
 
   // Stable partition of positions [begin, end) by goes_left(instance),
-  // carrying the followed labels along; returns the left count.
+  // carrying the followed labels and the weights along; returns the left
+  // count.
   template <class GoesLeft>
   size_t stable_partition_positions(size_t begin, size_t end, GoesLeft goes_left) {
     uint64_t* index = indices.data();
     label_type* label = labels_follow ? position_labels.data() : nullptr;
+    uint32_t* weight = position_weights.empty() ? nullptr : position_weights.data();
     partition_indices.resize(end - begin);
     if (label != nullptr) partition_labels.resize(end - begin);
+    if (weight != nullptr) partition_weights.resize(end - begin);
     size_t left = begin, right = 0;
     for (size_t p = begin; p < end; ++p) {
       const uint64_t i = index[p];
       if (goes_left(i)) {
         index[left] = i;
         if (label != nullptr) label[left] = label[p];
+        if (weight != nullptr) weight[left] = weight[p];
         ++left;
       } else {
         partition_indices[right] = i;
         if (label != nullptr) partition_labels[right] = label[p];
+        if (weight != nullptr) partition_weights[right] = weight[p];
         ++right;
       }
     }
-    std::copy(partition_indices.begin(), partition_indices.begin() + static_cast<std::ptrdiff_t>(right), index + left);
-    if (label != nullptr) {
-      std::copy(partition_labels.begin(), partition_labels.begin() + static_cast<std::ptrdiff_t>(right), label + left);
-    }
+    const auto moved = static_cast<std::ptrdiff_t>(right);
+    std::copy(partition_indices.begin(), partition_indices.begin() + moved, index + left);
+    if (label != nullptr) std::copy(partition_labels.begin(), partition_labels.begin() + moved, label + left);
+    if (weight != nullptr) std::copy(partition_weights.begin(), partition_weights.begin() + moved, weight + left);
     return left - begin;
   }
 };
@@ -384,6 +484,7 @@ public:
 
   const feature_type& operator()(size_t i, size_t j) const { return (*dataset)(begin_i + i, j); }
   const label_type& get_label(size_t i) const { return dataset->get_label(begin_i + i); }
+  uint32_t get_weight(size_t i) const { return dataset->get_weight(begin_i + i); }
   const pair_type& get_buffered_feature_label(size_t i) const { return dataset->get_buffered_feature_label(begin_i + i); }
   // The range's buffered pairs, for the sweep.
   const pair_type* buffered_pairs() const { return dataset->buffered_pairs(begin_i); }

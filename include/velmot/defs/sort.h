@@ -450,32 +450,44 @@ public:
   // kmax]) and returns false: a sweep over the histogram then does the work
   // of a sweep over the sorted keys in fewer steps. With count_only false it
   // always sorts and returns true.
-  bool sort_or_count(size_t n, uint32_t kmin, uint32_t kmax, int label_bits, bool count_only) {
-    const uint32_t base = (kmin >> label_bits) << label_bits;
-    const size_t cells = static_cast<size_t>(kmax - base) + 1;
+  //
+  // With weight_bits, each key's low weight_bits bits are a weight: they
+  // play no part in the order (keys equal above them may come in any
+  // order), and a key counts as its weight in the histogram, whose cells
+  // are indexed by keys without those bits.
+  bool sort_or_count(size_t n, uint32_t kmin, uint32_t kmax, int label_bits, bool count_only, int weight_bits = 0) {
+    const uint32_t base = (kmin >> (label_bits + weight_bits)) << label_bits;
+    const size_t cells = static_cast<size_t>((kmax >> weight_bits) - base) + 1;
     if (!count_only || cells > n) {
-      sort(n, kmin, kmax, label_bits);
+      sort(n, kmin, kmax, label_bits + weight_bits, weight_bits);
       return true;
     }
     if (count.size() < cells) count.resize(cells);
     uint32_t* c = count.data();
     std::fill(c, c + cells, 0u);
     const uint32_t* in = key.data();
-    for (size_t i = 0; i < n; ++i) ++c[in[i] - base];
+    if (weight_bits == 0) {
+      for (size_t i = 0; i < n; ++i) ++c[in[i] - base];
+    } else {
+      const uint32_t weight_mask = (uint32_t(1) << weight_bits) - 1;
+      for (size_t i = 0; i < n; ++i) c[(in[i] >> weight_bits) - base] += in[i] & weight_mask;
+    }
     base_key = base;
     num_cells = cells;
     return false;
   }
   // The histogram of the last sort_or_count that counted: cell k holds the
-  // number of keys equal to cell_base() + k (a key whose label bits are 0).
+  // number of keys (their weights' sum) equal to cell_base() + k without
+  // their weight bits (a key whose label bits are 0).
   const uint32_t* cell_counts() const { return count.data(); }
   size_t cell_count() const { return num_cells; }
   uint32_t cell_base() const { return base_key; }
 
   // Digits are taken from the keys lowered by kmin's rank (so that they
   // need as few bits as the range's span), the keys themselves move as
-  // they are.
-  void sort(size_t n, uint32_t kmin, uint32_t kmax, int label_bits) {
+  // they are. The lowest skipped_bits bits of the keys are left out of the
+  // order where that saves work (the radix passes skip them).
+  void sort(size_t n, uint32_t kmin, uint32_t kmax, int label_bits, int skipped_bits = 0) {
     uint32_t* in = key.data();
     result = in;
     if (n < comparison_size) {
@@ -488,9 +500,10 @@ public:
     while (bits < 32 && (span >> bits) != 0) ++bits;
     // Few distinct keys for their number (byte values, say): one counting
     // pass over them all beats buckets full of equal keys.
-    const bool dense = bits <= 11 && 8 * n >= (size_t(1) << bits);
+    const int ordered_bits = std::max(bits - skipped_bits, 1);
+    const bool dense = ordered_bits <= 11 && 8 * n >= (size_t(1) << ordered_bits);
     if (!dense && n <= bucket_sort_max && bucket_sort(n, base, bits)) return;
-    radix_sort(n, base, bits);
+    radix_sort(n, base, bits, skipped_bits);
   }
 
   const uint32_t* sorted() const { return result; }
@@ -540,8 +553,11 @@ private:
   // Least-significant digit first: one counting pass when the lowered keys
   // need at most 11 bits, else two or three passes of equal digit widths,
   // all histograms counted in one read.
-  void radix_sort(size_t n, uint32_t base, int bits) {
+  void radix_sort(size_t n, uint32_t base, int all_bits, int skipped_bits) {
     uint32_t* in = key.data();
+    // Digits start above the skipped bits; base has none of them set.
+    const int bits = std::max(all_bits - skipped_bits, 1);
+    const int skip = skipped_bits;
     const int passes = bits <= 11 ? 1 : bits <= 22 ? 2 : 3;
     const int digit_bits = (bits + passes - 1) / passes;
     const uint32_t mask = (1u << digit_bits) - 1;
@@ -552,16 +568,16 @@ private:
     uint32_t* c1 = c0 + buckets;
     uint32_t* c2 = c1 + buckets;
     if (passes == 1) {
-      for (size_t i = 0; i < n; ++i) ++c0[in[i] - base];
+      for (size_t i = 0; i < n; ++i) ++c0[(in[i] - base) >> skip];
     } else if (passes == 2) {
       for (size_t i = 0; i < n; ++i) {
-        const uint32_t k = in[i] - base;
+        const uint32_t k = (in[i] - base) >> skip;
         ++c0[k & mask];
         ++c1[k >> digit_bits];
       }
     } else {
       for (size_t i = 0; i < n; ++i) {
-        const uint32_t k = in[i] - base;
+        const uint32_t k = (in[i] - base) >> skip;
         ++c0[k & mask];
         ++c1[(k >> digit_bits) & mask];
         ++c2[k >> (2 * digit_bits)];
@@ -570,7 +586,7 @@ private:
     uint32_t* out = scratch.data();
     for (int pass = 0; pass < passes; ++pass) {
       uint32_t* c = count.data() + pass * buckets;
-      const int shift = pass * digit_bits;
+      const int shift = skip + pass * digit_bits;
       // A digit every key shares moves nothing.
       if (c[((in[0] - base) >> shift) & mask] == n) continue;
       uint32_t position = 0;

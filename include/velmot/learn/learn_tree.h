@@ -131,7 +131,9 @@ Tracker<SplitCandidate<typename I::feature_type>, std::less<double>> search_feat
   const int nf = static_cast<int>(range.get_num_features());
   const int k = (fte_per_split >= 1 && fte_per_split < nf) ? fte_per_split : nf;
   const bool random_mode = k != nf;
+  // Positions of the range, and the instances they stand for.
   const size_t n = range.get_num_instances();
+  const size_t total = counts.get_total_count();
   const double initial = criteria.get_initial(counts);
   I& indexed = *range.dataset;
   Tracker<SplitCandidate<F>, std::less<double>> best_over_features;
@@ -148,7 +150,7 @@ Tracker<SplitCandidate<typename I::feature_type>, std::less<double>> search_feat
     }
     drawn.insert(fte);
     // A constant feature is skipped and not counted.
-    if (n < 2 || !range.buffer_sorted_feature_unless_constant(static_cast<size_t>(fte))) continue;
+    if (total < 2 || !range.buffer_sorted_feature_unless_constant(static_cast<size_t>(fte))) continue;
     SplitCandidate<F> candidate;
     candidate.feature_index = fte;
     double score = 0.0;
@@ -166,12 +168,21 @@ Tracker<SplitCandidate<typename I::feature_type>, std::less<double>> search_feat
           split = best_split_of_cells<L>(indexed.packed_sort.cell_counts(), indexed.packed_sort.cell_count(), shift,
                                          counts, initial, workspace.left, workspace.right, criteria);
         } else {
+          // Keys are (rank, label + 1, weight) from the high bits down; an
+          // unweighted key (no weight bits) stands for one pair.
           const uint32_t* key = indexed.packed_sort.sorted();
           const uint32_t label_mask = indexed.packed_label_mask();
+          const int weight_bits = indexed.packed_weight_bits;
+          const int rank_shift = shift + weight_bits;
+          const uint32_t weight_mask = (uint32_t(1) << weight_bits) - 1;
+          const uint32_t unit = weight_bits == 0 ? 1 : 0;
           split = best_split_of_feature<L>(
-              n, [key, shift](size_t i) { return key[i] >> shift; },
-              [key, label_mask](size_t i) { return static_cast<L>(static_cast<int64_t>(key[i] & label_mask) - 1); },
-              counts, initial, workspace.left, workspace.right, criteria);
+              n, total, [key, rank_shift](size_t i) { return key[i] >> rank_shift; },
+              [key, label_mask, weight_bits](size_t i) {
+                return static_cast<L>(static_cast<int64_t>((key[i] >> weight_bits) & label_mask) - 1);
+              },
+              [key, weight_mask, unit](size_t i) { return (key[i] & weight_mask) + unit; }, counts, initial,
+              workspace.left, workspace.right, criteria);
         }
         keep(split);
         // Cells count from the histogram's base; sorted keys are whole.
@@ -188,11 +199,13 @@ Tracker<SplitCandidate<typename I::feature_type>, std::less<double>> search_feat
         break;
       }
       case I::ranks_and_labels: {
+        // A copy per instance, so each stands for itself.
         const uint32_t* rank = indexed.rank_sort.sorted_key();
         const L* label = indexed.rank_sort.sorted_label();
+        const size_t copies = indexed.sorted_size();
         const auto split = best_split_of_feature<L>(
-            n, [rank](size_t i) { return rank[i]; }, [label](size_t i) { return label[i]; }, counts, initial,
-            workspace.left, workspace.right, criteria);
+            copies, copies, [rank](size_t i) { return rank[i]; }, [label](size_t i) { return label[i]; },
+            UnitWeight(), counts, initial, workspace.left, workspace.right, criteria);
         keep(split);
         candidate.ranked = true;
         candidate.lower_rank = split.lower + indexed.rank_sort.key_offset();
@@ -200,10 +213,11 @@ Tracker<SplitCandidate<typename I::feature_type>, std::less<double>> search_feat
         break;
       }
       case I::in_buffer: {
-        const typename I::pair_type* pairs = range.buffered_pairs();
+        const typename I::pair_type* pairs = indexed.sorted_pairs();
+        const size_t copies = indexed.sorted_size();
         const auto split = best_split_of_feature<L>(
-            n, [pairs](size_t i) { return pairs[i].first; }, [pairs](size_t i) { return pairs[i].second; }, counts,
-            initial, workspace.left, workspace.right, criteria);
+            copies, copies, [pairs](size_t i) { return pairs[i].first; }, [pairs](size_t i) { return pairs[i].second; },
+            UnitWeight(), counts, initial, workspace.left, workspace.right, criteria);
         keep(split);
         candidate.lower_value = split.lower;
         candidate.upper_value = split.upper;
@@ -296,9 +310,9 @@ Node<typename D::label_type>* learn_tree(const IndexedDataSet<D>& data, int fte_
   indexed_data.indices = data.indices;
   indexed_data.ranks = data.ranks;
   // Sorted pairs do not depend on the order of a node's positions, so they
-  // are kept ascending: gathers then read each column forwards.
-  indexed_data.sort_indices();
-  indexed_data.follow_labels();
+  // are kept ascending: gathers then read each column forwards. Repeated
+  // instances become one weighted position each.
+  indexed_data.merge_repeats();
   indexed_data.count_dense_keys = true;
   learn_tree_detail::DrawnFeatures drawn(data.get_num_features());
   NominalLabelPriorAccumulator<int> counts;
@@ -306,21 +320,22 @@ Node<typename D::label_type>* learn_tree(const IndexedDataSet<D>& data, int fte_
   std::deque<NodeLearnTask<L>> to_learn;
   Node<L>* root = new Node<L>();
   try {
-    to_learn.emplace_back(root, -1, 2.2250738585072014e-308, 0, static_cast<int>(data.get_num_instances()), 0);
+    to_learn.emplace_back(root, -1, 2.2250738585072014e-308, 0, static_cast<int>(indexed_data.get_num_instances()), 0);
     while (!to_learn.empty()) {
       const NodeLearnTask<L> task = to_learn.front();
       to_learn.pop_front();
       Node<L>* node = task.node;
       RangeDataSet<I> range(&indexed_data, static_cast<size_t>(task.begin_i), static_cast<size_t>(task.end_i));
-      const size_t n = range.get_num_instances();
 
       counts.set_labeling(indexed_data.get_labeling());
       counts.set_num_classes(static_cast<int>(indexed_data.get_num_classes()));
-      if (n == 0) {
+      if (range.get_num_instances() == 0) {
         node->set_label(static_cast<L>(-2));
         continue;
       }
-      counts.add_count(range);
+      counts.add_weighted_count(range);
+      // The node's instances, repeats included.
+      const size_t n = counts.get_total_count();
       const bool pure = static_cast<size_t>(counts.get_mode().second) == counts.get_total_count();
       if (pure || n <= static_cast<size_t>(min_leaf_size)) {
         node->set_label(static_cast<L>(counts.get_prediction(random).first));
@@ -348,7 +363,8 @@ Node<typename D::label_type>* learn_tree(const IndexedDataSet<D>& data, int fte_
       if (compute_feature_importances && g > 0) feature_importances[static_cast<size_t>(f)] += g * static_cast<double>(n);
 
       const bool depth_allows = !(max_depth > 0 && max_depth < task.depth + 1);
-      if (split_index - task.begin_i > 1 && task.end_i - split_index > 1 && depth_allows) {
+      const size_t left_size = indexed_data.weight_of(static_cast<size_t>(task.begin_i), static_cast<size_t>(split_index));
+      if (left_size > 1 && n - left_size > 1 && depth_allows) {
         Node<L>* left_child = new Node<L>();
         node->set_left(left_child);
         Node<L>* right_child = new Node<L>();

@@ -64,6 +64,11 @@ inline int label_class(L label) {
   return static_cast<int>(label);
 }
 
+// Every sorted pair stands for itself alone.
+struct UnitWeight {
+  uint32_t operator()(size_t) const { return 1; }
+};
+
 namespace split_search_detail {
 
 // The Gini sweeps keep their per-class scratch per thread between calls
@@ -85,22 +90,30 @@ struct Boundary {
 
 // The sweep over n sorted pairs, whatever holds them: key_at(i) is the i-th
 // sorted key (a value, or a rank standing for one: keys are equal exactly
-// when values are) and label_at(i) its label. `left` must be empty and
-// `right` hold the node's counts; both end moved. Each admissible boundary
+// when values are), label_at(i) its label and weight_at(i) the number of
+// equal pairs it stands for (UnitWeight: one each); total is the sum of the
+// weights. `left` must be empty and `right` hold the node's counts; both
+// end moved. Each admissible boundary
 // is offered as offer(score, position, impurity_of) in sweep order, where
 // impurity_of() computes the split's impurity from the current counts:
 // a sink that only keeps the best computes it only for improvements.
 // Templates rather than calls through pointers: these run once per pair and
 // feature.
-template <class L, class A, class Criterion, class KeyAt, class LabelAt, class Offer>
-void sweep_boundaries(size_t ni, KeyAt key_at, LabelAt label_at, double initial, const A& counts, A& left, A& right,
-                      const Criterion& criteria, Offer&& offer) {
+template <class L, class A, class Criterion, class KeyAt, class LabelAt, class WeightAt, class Offer>
+void sweep_boundaries(size_t ni, size_t total, KeyAt key_at, LabelAt label_at, WeightAt weight_at, double initial,
+                      const A& counts, A& left, A& right, const Criterion& criteria, Offer&& offer) {
   left.set_labeling(counts.get_labeling());
   left.set_num_classes(counts.get_num_classes());
   right = counts;
-  left.increment_count(label_class(label_at(0)));
-  right.decrement_count(label_class(label_at(0)));
-  if (!(ni > 2 && key_at(0) != key_at(ni - 1))) return;
+  auto move_left = [&](size_t i) {
+    const int c = label_class(label_at(i));
+    for (uint32_t copies = weight_at(i); copies > 0; --copies) {
+      left.increment_count(c);
+      right.decrement_count(c);
+    }
+  };
+  move_left(0);
+  if (!(total > 2 && key_at(0) != key_at(ni - 1))) return;
   L first_label = label_at(0);
   bool different_labels = false;
   auto previous = key_at(0);
@@ -114,8 +127,7 @@ void sweep_boundaries(size_t ni, KeyAt key_at, LabelAt label_at, double initial,
       different_labels = false;
       first_label = label;
     }
-    left.increment_count(label_class(label));
-    right.decrement_count(label_class(label));
+    move_left(i);
     previous = key;
   }
 }
@@ -138,7 +150,7 @@ Tracker<NodeResult<F>, std::less<double>> sweep(size_t ni, KeyAt key_at, LabelAt
 
   Tracker<Boundary, std::less<double>> boundaries;
   boundaries.try_candidate(criteria.get_initial_score(initial), Boundary{0, 0.0});
-  sweep_boundaries<L>(ni, key_at, label_at, initial, counts, left_counts, right_counts, criteria,
+  sweep_boundaries<L>(ni, ni, key_at, label_at, UnitWeight(), initial, counts, left_counts, right_counts, criteria,
                       [&](double score, size_t position, auto impurity_of) {
                         boundaries.try_candidate(score, Boundary{position, impurity_of()});
                       });
@@ -180,16 +192,19 @@ struct FeatureSplit {
 };
 
 // The grower's sweep: the same maximum, first maximizer and impurity as
-// learn_tree_node, without the tracker's other bookkeeping. `left` and
+// learn_tree_node, without the tracker's other bookkeeping, over ni sorted
+// elements that stand for total pairs (see sweep_boundaries). `left` and
 // `right` are scratch accumulators, reused across calls; initial is
 // criteria.get_initial(counts).
-template <class L, class A, class Criterion, class KeyAt, class LabelAt>
-auto best_split_of_feature(size_t ni, KeyAt key_at, LabelAt label_at, const A& counts, double initial, A& left,
-                           A& right, const Criterion& criteria) -> FeatureSplit<decltype(key_at(0))> {
+template <class L, class A, class Criterion, class KeyAt, class LabelAt, class WeightAt>
+auto best_split_of_feature(size_t ni, size_t total, KeyAt key_at, LabelAt label_at, WeightAt weight_at,
+                           const A& counts, double initial, A& left, A& right, const Criterion& criteria)
+    -> FeatureSplit<decltype(key_at(0))> {
   double best_score = criteria.get_initial_score(initial);
   size_t best_position = 0;
   double best_impurity = 0.0;
-  split_search_detail::sweep_boundaries<L>(ni, key_at, label_at, initial, counts, left, right, criteria,
+  split_search_detail::sweep_boundaries<L>(ni, total, key_at, label_at, weight_at, initial, counts, left, right,
+                                           criteria,
                                            [&](double score, size_t position, auto impurity_of) {
                                              if (best_score < score) {
                                                best_score = score;
@@ -210,7 +225,8 @@ auto best_split_of_feature(size_t ni, KeyAt key_at, LabelAt label_at, const A& c
 // and sum of squared counts; the right side's follow from the left's: with
 // N the node's counts and l the left's, sum (N - l)^2 = sum N^2 - 2 sum N l
 // + sum l^2, and sum N l grows by N[c] when an instance of class c moves
-// left. One count per class is updated per pair; the sums stay in locals.
+// left (w N[c] for w pairs). One count per class is updated per element; the
+// sums stay in locals.
 //
 // The loop has no data-dependent branch but a rare one: every boundary is
 // first compared with the best as a fraction, (sqL nR + sqR nL) / (nL nR),
@@ -220,10 +236,10 @@ auto best_split_of_feature(size_t ni, KeyAt key_at, LabelAt label_at, const A& c
 // accumulators' way, sqL / nL + sqR / nR in double, and compared exactly.
 // So the maximum, its first position and every score are the generic
 // sweep's to the bit.
-template <class L, class A, class KeyAt, class LabelAt>
-auto best_split_of_feature(size_t ni, KeyAt key_at, LabelAt label_at, const A& counts, double initial, A& /*left*/,
-                           A& /*right*/, const TwoSplitGiniImpurity& /*criteria*/)
-    -> FeatureSplit<decltype(key_at(0))> {
+template <class L, class A, class KeyAt, class LabelAt, class WeightAt>
+auto best_split_of_feature(size_t ni, size_t total, KeyAt key_at, LabelAt label_at, WeightAt weight_at,
+                           const A& counts, double initial, A& /*left*/, A& /*right*/,
+                           const TwoSplitGiniImpurity& /*criteria*/) -> FeatureSplit<decltype(key_at(0))> {
   struct ClassCounts {
     int64_t left;
     int64_t node;
@@ -236,12 +252,13 @@ auto best_split_of_feature(size_t ni, KeyAt key_at, LabelAt label_at, const A& c
   const int64_t node_squares = counts.get_sum_squared();
   const int64_t node_total = static_cast<int64_t>(counts.get_total_count());
   int64_t left_squares = 0, cross = 0, left_total = 0;
-  auto move_left = [&](L label) {
+  // w pairs of a class with l on the left add (l + w)^2 - l^2 squares.
+  auto move_left = [&](L label, int64_t w) {
     ClassCounts& k = c[static_cast<size_t>(label_class(label) + 1)];
-    left_squares += 2 * k.left + 1;
-    cross += k.node;
-    ++k.left;
-    ++left_total;
+    left_squares += w * (2 * k.left + w);
+    cross += w * k.node;
+    k.left += w;
+    left_total += w;
   };
   auto gini = [](int64_t squares, int64_t total) {
     return total == 0 ? 0.0 : static_cast<double>(squares) / static_cast<double>(total);
@@ -252,8 +269,8 @@ auto best_split_of_feature(size_t ni, KeyAt key_at, LabelAt label_at, const A& c
   double best_numerator = static_cast<double>(node_squares), best_denominator = static_cast<double>(node_total);
   size_t best_position = 0;
   constexpr double margin = 1.0 - 1e-12;
-  move_left(label_at(0));
-  if (ni > 2 && key_at(0) != key_at(ni - 1)) {
+  move_left(label_at(0), weight_at(0));
+  if (total > 2 && key_at(0) != key_at(ni - 1)) {
     L first_label = label_at(0);
     bool different_labels = false;
     auto previous = key_at(0);
@@ -278,7 +295,7 @@ auto best_split_of_feature(size_t ni, KeyAt key_at, LabelAt label_at, const A& c
       }
       first_label = boundary ? label : first_label;
       different_labels &= !boundary;
-      move_left(label);
+      move_left(label, weight_at(i));
       previous = key;
     }
   }

@@ -79,6 +79,22 @@ public:
     for (const int64_t k : counts) sum_squared += k * k;
   }
 
+  // The same where each of the range's positions stands for get_weight(i)
+  // instances.
+  template <class Range>
+  void add_weighted_count(const Range& range) {
+    typedef typename Range::label_type L;
+    const size_t n = range.get_num_instances();
+    for (size_t i = 0; i < n; ++i) {
+      const L shifted = range.get_label(i) + static_cast<L>(1);
+      const uint32_t weight = range.get_weight(i);
+      counts[static_cast<size_t>(static_cast<uint64_t>(shifted))] += weight;
+      total_count += weight;
+    }
+    sum_squared = 0;
+    for (const int64_t k : counts) sum_squared += k * k;
+  }
+
   // The most frequent label; the lowest label wins a tie.
   prediction_type get_mode() const {
     Tracker<LabelT, std::less<double>> best;

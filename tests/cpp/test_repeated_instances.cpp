@@ -1,0 +1,207 @@
+// The grower merges a bootstrap's repeated instance numbers into weighted
+// positions. These tests learn each sample twice: as drawn, and from a data
+// set holding one row per draw (in the order the grower visits the draws),
+// where nothing repeats. Every tree, draw and importance must agree: on
+// every path the sorted pairs can take (packed ranks, sorted or counted;
+// byte values; rank copies for real labels; value pairs for features
+// without ranks, NaN included) and for a criterion without its own sweep.
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+#include <memory>
+#include <random>
+#include <vector>
+
+#include "velmot/dataset/dataset.h"
+#include "velmot/dataset/feature_ranks.h"
+#include "velmot/dataset/index_dataset.h"
+#include "velmot/defs/random.h"
+#include "velmot/learn/learn_tree.h"
+#include "velmot/learn/tree.h"
+#include "velmot/stats/criteria.h"
+
+namespace {
+
+template <class F, class L>
+struct Case {
+  Velmot::MemoryDataSet<F, L> data{0};
+  std::vector<uint64_t> draws;  // with repeats, ascending
+};
+
+// n rows of nf features drawn from `levels` values (so values tie) and
+// labels that follow feature 0 with noise; `nan_every` > 0 puts a NaN into
+// feature 1 of every such row.
+template <class F, class L>
+Case<F, L> make_case(size_t n, size_t nf, int levels, size_t draws, unsigned seed, size_t nan_every = 0) {
+  std::mt19937 gen(seed);
+  Case<F, L> c;
+  c.data = Velmot::MemoryDataSet<F, L>(nf);
+  c.data.nc = 3;
+  for (size_t i = 0; i < n; ++i) {
+    for (size_t j = 0; j < nf; ++j) c.data.features[j].push_back(static_cast<F>(static_cast<int>(gen() % levels)));
+    if (nan_every > 0 && i % nan_every == 0) {
+      c.data.features[1].back() = std::numeric_limits<F>::quiet_NaN();
+    }
+    const int signal = static_cast<int>(c.data.features[0].back()) * 3 / levels;
+    const int label = gen() % 5 == 0 ? static_cast<int>(gen() % 3) : signal;
+    // Real labels carry a fraction: the learner counts integer parts.
+    c.data.labels.push_back(static_cast<L>(label) + (std::is_integral<L>::value ? L(0) : static_cast<L>(0.5)));
+  }
+  for (size_t k = 0; k < draws; ++k) c.draws.push_back(gen() % n);
+  std::sort(c.draws.begin(), c.draws.end());
+  return c;
+}
+
+template <class F, class L>
+Velmot::MemoryDataSet<F, L> one_row_per_draw(const Case<F, L>& c) {
+  Velmot::MemoryDataSet<F, L> rows(c.data.get_num_features());
+  rows.nc = c.data.nc;
+  for (const uint64_t i : c.draws) {
+    for (size_t j = 0; j < rows.features.size(); ++j) rows.features[j].push_back(c.data.features[j][i]);
+    rows.labels.push_back(c.data.labels[i]);
+  }
+  return rows;
+}
+
+template <class L>
+struct Learnt {
+  Velmot::VectorizedTree<L> tree;
+  std::vector<double> importances;
+  Velmot::XorShiftState generator_after;
+};
+
+template <class D, class Criterion>
+Learnt<typename D::label_type> learn(const D& data, const std::vector<uint64_t>& sample, bool with_ranks, int fte_per_split,
+             int min_leaf_size, const Criterion& criterion) {
+  Velmot::IndexedDataSet<D> indexed(&data);
+  indexed.indices = sample;
+  Velmot::FeatureRanks<typename D::feature_type> ranks;
+  if (with_ranks) {
+    ranks = Velmot::FeatureRanks<typename D::feature_type>(data);
+    indexed.ranks = &ranks;
+  }
+  Velmot::init_pool("", 23);
+  Learnt<typename D::label_type> learnt;
+  learnt.importances.assign(data.get_num_features(), 0.0);
+  std::unique_ptr<Velmot::Node<typename D::label_type>> root(
+      Velmot::learn_tree(indexed, fte_per_split, 0, min_leaf_size, criterion, true, learnt.importances));
+  learnt.tree.root_to_vector(root.get());
+  learnt.generator_after = Velmot::get_rng()->get_state();
+  return learnt;
+}
+
+template <class L>
+void expect_same(const Learnt<L>& a, const Learnt<L>& b) {
+  EXPECT_EQ(a.tree.feature_index, b.tree.feature_index);
+  EXPECT_EQ(a.tree.label, b.tree.label);
+  EXPECT_EQ(a.tree.left, b.tree.left);
+  EXPECT_EQ(a.tree.right, b.tree.right);
+  ASSERT_EQ(a.tree.threshold.size(), b.tree.threshold.size());
+  for (size_t i = 0; i < a.tree.threshold.size(); ++i) {
+    const double x = a.tree.threshold[i], y = b.tree.threshold[i];
+    EXPECT_TRUE(x == y || (std::isnan(x) && std::isnan(y))) << i;
+  }
+  EXPECT_EQ(a.importances, b.importances);
+  EXPECT_EQ(a.generator_after.x, b.generator_after.x);
+  EXPECT_EQ(a.generator_after.w, b.generator_after.w);
+}
+
+// Learns the case both ways and checks that the tree did split.
+template <class F, class L, class Criterion = Velmot::TwoSplitGiniImpurity>
+void expect_repeats_learn_as_copies(const Case<F, L>& c, bool with_ranks, int fte_per_split, int min_leaf_size = 1,
+                                    const Criterion& criterion = Criterion()) {
+  const auto rows = one_row_per_draw(c);
+  std::vector<uint64_t> each_row(c.draws.size());
+  for (size_t k = 0; k < each_row.size(); ++k) each_row[k] = k;
+  const auto merged = learn(c.data, c.draws, with_ranks, fte_per_split, min_leaf_size, criterion);
+  const auto copies = learn(rows, each_row, with_ranks, fte_per_split, min_leaf_size, criterion);
+  EXPECT_GT(merged.tree.get_num_nodes(), 3u);
+  expect_same(merged, copies);
+}
+
+TEST(RepeatedInstances, RankedFeaturesSortedAndCounted) {
+  // Many levels: large nodes sort their packed keys; few levels: counted.
+  expect_repeats_learn_as_copies(make_case<double, int>(9000, 5, 6000, 9000, 1), true, 2);
+  expect_repeats_learn_as_copies(make_case<double, int>(3000, 5, 12, 3000, 2), true, 2);
+  expect_repeats_learn_as_copies(make_case<float, int>(500, 4, 300, 900, 3), true, 3, 3);
+}
+
+TEST(RepeatedInstances, ByteValues) {
+  expect_repeats_learn_as_copies(make_case<unsigned char, int>(2000, 4, 256, 2000, 4), false, 2);
+  expect_repeats_learn_as_copies(make_case<unsigned char, int>(300, 4, 7, 600, 5), false, 3);
+}
+
+TEST(RepeatedInstances, RealLabelsAndValuesWithoutRanks) {
+  expect_repeats_learn_as_copies(make_case<double, double>(1500, 4, 900, 1500, 6), true, 2);
+  expect_repeats_learn_as_copies(make_case<int, int>(1500, 4, 40, 1500, 7), false, 2);
+  // NaN values take the value sort, whose order of NaN depends on the
+  // order of the pairs.
+  expect_repeats_learn_as_copies(make_case<double, int>(400, 3, 30, 1200, 8, 3), false, 2);
+}
+
+TEST(RepeatedInstances, CriteriaThroughTheirAccumulators) {
+  expect_repeats_learn_as_copies(make_case<double, int>(1500, 4, 900, 1500, 9), true, 2, 1,
+                                 Velmot::TwoSplitInfoGain());
+  expect_repeats_learn_as_copies(make_case<unsigned char, int>(800, 4, 9, 800, 10), false, 3, 1,
+                                 Velmot::TwoSplitGainRatio());
+}
+
+TEST(RepeatedInstances, MergeKeepsLabelsAndWeightsBesideTheirInstances) {
+  Velmot::MemoryDataSet<double, int> data(1);
+  data.nc = 3;
+  data.features[0] = {5, 1, 4, 2, 3};
+  data.labels = {0, 1, 2, 0, 1};
+  Velmot::IndexedDataSet<Velmot::MemoryDataSet<double, int>> indexed(&data);
+  indexed.indices = {4, 1, 4, 0, 4, 1};
+  indexed.merge_repeats();
+  EXPECT_EQ(indexed.indices, (std::vector<uint64_t>{0, 1, 4}));
+  EXPECT_EQ(indexed.position_weights, (std::vector<uint32_t>{1, 2, 3}));
+  EXPECT_EQ(indexed.weight_of(0, 3), 6u);
+  // Values 5, 1, 3 with threshold 4: instance 0 goes right, stably.
+  EXPECT_EQ(indexed.partition_keeping_order(0, 0, 3, 4.0), 2u);
+  EXPECT_EQ(indexed.indices, (std::vector<uint64_t>{1, 4, 0}));
+  EXPECT_EQ(indexed.position_weights, (std::vector<uint32_t>{2, 3, 1}));
+  EXPECT_EQ(indexed.get_label(0), 1);
+  EXPECT_EQ(indexed.get_label(2), 0);
+  indexed.use_all_instances();
+  EXPECT_EQ(indexed.get_weight(0), 1u);
+}
+
+TEST(RepeatedInstances, WeightedKeysSortAboveTheirWeightBitsAndCountAsTheirWeight) {
+  Velmot::PackedRankSort sort;
+  // Keys (rank << 2 | label + 1) << 3 | weight.
+  auto key = [](uint32_t rank, uint32_t slot, uint32_t weight) { return ((rank << 2 | slot) << 3) | weight; };
+  std::vector<uint32_t> keys;
+  std::mt19937 gen(11);
+  for (int i = 0; i < 9000; ++i) keys.push_back(key(gen() % 5000, 1 + gen() % 3, 1 + gen() % 7));
+  const uint32_t kmin = *std::min_element(keys.begin(), keys.end());
+  const uint32_t kmax = *std::max_element(keys.begin(), keys.end());
+  for (const size_t n : {size_t(30), size_t(3000), size_t(9000)}) {
+    sort.prepare(n);
+    std::copy(keys.begin(), keys.begin() + static_cast<std::ptrdiff_t>(n), sort.keys());
+    ASSERT_TRUE(sort.sort_or_count(n, kmin, kmax, 2, false, 3));
+    std::vector<uint32_t> expected(keys.begin(), keys.begin() + static_cast<std::ptrdiff_t>(n));
+    std::vector<uint32_t> got(sort.sorted(), sort.sorted() + n);
+    std::sort(expected.begin(), expected.end());
+    // Equal above the weight bits, any order; the multiset is kept.
+    for (size_t i = 0; i < n; ++i) EXPECT_EQ(got[i] >> 3, expected[i] >> 3) << i;
+    std::sort(got.begin(), got.end());
+    EXPECT_EQ(got, expected);
+  }
+  // Three cells' worth of keys: counted, each as its weight.
+  const std::vector<uint32_t> few = {key(7, 1, 2), key(7, 3, 5), key(8, 1, 1),
+                                     key(7, 1, 4), key(8, 1, 2), key(7, 2, 1)};
+  sort.prepare(few.size());
+  std::copy(few.begin(), few.end(), sort.keys());
+  ASSERT_FALSE(sort.sort_or_count(few.size(), *std::min_element(few.begin(), few.end()),
+                                  *std::max_element(few.begin(), few.end()), 2, true, 3));
+  EXPECT_EQ(sort.cell_base(), 7u << 2);
+  ASSERT_EQ(sort.cell_count(), 6u);
+  EXPECT_EQ(std::vector<uint32_t>(sort.cell_counts(), sort.cell_counts() + 6),
+            (std::vector<uint32_t>{0, 6, 1, 5, 0, 3}));
+}
+
+}  // namespace
