@@ -29,8 +29,10 @@
 // scores, and leaf labels.
 //
 // How the work is laid out (none of it changes a tree): the index list is
-// sorted by instance number once and partitioned stably, so every slice
-// ascends and gathers read columns forwards; a feature's pairs come sorted
+// sorted by instance number once, each drawn instance once with its number
+// of draws as a weight, and partitioned stably, so every slice ascends and
+// gathers read columns forwards; node sizes count the weights, as the
+// instances they stand for; a feature's pairs come sorted
 // in value-then-label order whatever the slice's order (see
 // dataset/index_dataset.h), as packed (rank, label) keys or a histogram of
 // them where the feature has ranks or bytes; each feature's search keeps
