@@ -68,31 +68,14 @@ public:
   // label's own type and truncated (real labels must exceed -1).
   template <class Range>
   void add_count(const Range& range) {
-    typedef typename Range::label_type L;
-    const size_t n = range.get_num_instances();
-    for (size_t i = 0; i < n; ++i) {
-      const L shifted = range.get_label(i) + static_cast<L>(1);
-      ++counts[static_cast<size_t>(static_cast<uint64_t>(shifted))];
-    }
-    total_count += n;
-    sum_squared = 0;
-    for (const int64_t k : counts) sum_squared += k * k;
+    add_counts(range, [](size_t) { return uint32_t(1); });
   }
 
   // The same where each of the range's positions stands for get_weight(i)
   // instances.
   template <class Range>
   void add_weighted_count(const Range& range) {
-    typedef typename Range::label_type L;
-    const size_t n = range.get_num_instances();
-    for (size_t i = 0; i < n; ++i) {
-      const L shifted = range.get_label(i) + static_cast<L>(1);
-      const uint32_t weight = range.get_weight(i);
-      counts[static_cast<size_t>(static_cast<uint64_t>(shifted))] += weight;
-      total_count += weight;
-    }
-    sum_squared = 0;
-    for (const int64_t k : counts) sum_squared += k * k;
+    add_counts(range, [&range](size_t i) { return range.get_weight(i); });
   }
 
   // The most frequent label; the lowest label wins a tie.
@@ -135,6 +118,20 @@ public:
   }
 
 private:
+  template <class Range, class WeightOf>
+  void add_counts(const Range& range, WeightOf weight_of) {
+    typedef typename Range::label_type L;
+    const size_t n = range.get_num_instances();
+    for (size_t i = 0; i < n; ++i) {
+      const L shifted = range.get_label(i) + static_cast<L>(1);
+      const uint32_t weight = weight_of(i);
+      counts[static_cast<size_t>(static_cast<uint64_t>(shifted))] += weight;
+      total_count += weight;
+    }
+    sum_squared = 0;
+    for (const int64_t k : counts) sum_squared += k * k;
+  }
+
   size_t first_slot() const { return ltype == DiscreteZeroOnward ? 1 : 0; }
 
   std::vector<int64_t> counts;
