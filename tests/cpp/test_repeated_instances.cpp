@@ -74,8 +74,8 @@ struct Learnt {
 };
 
 template <class D, class Criterion>
-Learnt<typename D::label_type> learn(const D& data, const std::vector<uint64_t>& sample, bool with_ranks, int fte_per_split,
-             int min_leaf_size, const Criterion& criterion) {
+Learnt<typename D::label_type> learn(const D& data, const std::vector<uint64_t>& sample, bool with_ranks,
+                                     int fte_per_split, int min_leaf_size, const Criterion& criterion) {
   Velmot::IndexedDataSet<D> indexed(&data);
   indexed.indices = sample;
   Velmot::FeatureRanks<typename D::feature_type> ranks;

@@ -216,7 +216,9 @@ public:
       if (lo == hi) break;
       std::swap(*lo, *hi);
       if (labels != nullptr) std::swap(labels[lo - indices.data()], labels[hi - indices.data()]);
-      if (!position_weights.empty()) std::swap(position_weights[lo - indices.data()], position_weights[hi - indices.data()]);
+      if (!position_weights.empty()) {
+        std::swap(position_weights[lo - indices.data()], position_weights[hi - indices.data()]);
+      }
       ++lo;
     }
     return static_cast<size_t>(lo - first);

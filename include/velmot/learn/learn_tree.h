@@ -365,7 +365,8 @@ Node<typename D::label_type>* learn_tree(const IndexedDataSet<D>& data, int fte_
       if (compute_feature_importances && g > 0) feature_importances[static_cast<size_t>(f)] += g * static_cast<double>(n);
 
       const bool depth_allows = !(max_depth > 0 && max_depth < task.depth + 1);
-      const size_t left_size = indexed_data.weight_of(static_cast<size_t>(task.begin_i), static_cast<size_t>(split_index));
+      const size_t left_size =
+          indexed_data.weight_of(static_cast<size_t>(task.begin_i), static_cast<size_t>(split_index));
       if (left_size > 1 && n - left_size > 1 && depth_allows) {
         Node<L>* left_child = new Node<L>();
         node->set_left(left_child);
