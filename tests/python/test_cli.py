@@ -12,10 +12,19 @@ import pytest
 from velmot import cli
 
 EXAMPLES = Path(__file__).resolve().parents[2] / "examples"
+IRIS = [EXAMPLES / "iris.csv", "--description", EXAMPLES / "iris.desc"]
 
 
 def run(*argv):
     return cli.main([str(a) for a in argv])
+
+
+def fails(capsys, *argv):
+    """Runs a command that must fail: exit status 2 and a single line of error, returned."""
+    assert run(*argv) == 2
+    err = capsys.readouterr().err.strip()
+    assert err.startswith("velmot: error: ") and "\n" not in err
+    return err
 
 
 def read_rows(path):
@@ -32,12 +41,11 @@ def write_csv(path, rows):
 @pytest.fixture
 def iris_model(tmp_path):
     model = tmp_path / "iris.npz"
-    assert run("train", EXAMPLES / "iris.csv", "--description", EXAMPLES / "iris.desc",
-               "--trees", 30, "--seed", 3, "--quiet", "-o", model) == 0
+    assert run("train", *IRIS, "--trees", 30, "--seed", 3, "--quiet", "-o", model) == 0
     return model
 
 
-def test_train_inspect_predict_on_the_shipped_example(iris_model, tmp_path, capsys):
+def test_train_inspect_predict_on_the_shipped_example(iris_model, tmp_path, capsys, monkeypatch):
     assert run("inspect", iris_model) == 0
     summary = capsys.readouterr().out
     assert "classes:  setosa, versicolor, virginica" in summary
@@ -47,18 +55,21 @@ def test_train_inspect_predict_on_the_shipped_example(iris_model, tmp_path, caps
     assert sorted(line.split()[1] for line in table) == ["petal_length", "petal_width", "sepal_length", "sepal_width"]
 
     out = tmp_path / "out.csv"
-    assert run("predict", iris_model, EXAMPLES / "iris.csv", "--description", EXAMPLES / "iris.desc", "-o", out) == 0
+    assert run("predict", iris_model, *IRIS, "-o", out) == 0
     truth = [row[5] for row in read_rows(EXAMPLES / "iris.csv")[1:]]
     predicted = [row[0] for row in read_rows(out)]
     assert len(predicted) == 150
     assert np.mean(np.array(predicted) == np.array(truth)) > 0.95
 
-    proba = tmp_path / "proba.csv"
-    assert run("predict", iris_model, EXAMPLES / "iris.csv", "--description", EXAMPLES / "iris.desc",
-               "--proba", "-o", proba) == 0
+    proba, chunked = tmp_path / "proba.csv", tmp_path / "chunked.csv"
+    assert run("predict", iris_model, *IRIS, "--proba", "-o", proba) == 0
     rows = read_rows(proba)
     assert rows[0] == ["setosa", "versicolor", "virginica"]
     assert np.allclose(np.array(rows[1:], dtype=float).sum(axis=1), 1.0)
+    # Prediction in chunks writes what prediction whole does.
+    monkeypatch.setattr(cli, "PREDICT_CHUNK_ROWS", 7)
+    assert run("predict", iris_model, *IRIS, "--proba", "-o", chunked) == 0
+    assert chunked.read_text() == proba.read_text()
 
     result = subprocess.run([sys.executable, "-m", "velmot", "inspect", str(iris_model)],
                             capture_output=True, text=True)
@@ -105,15 +116,6 @@ def test_without_description_the_last_column_is_the_class(tmp_path):
     assert len(read_rows(out)) == 60
 
 
-def test_prediction_in_chunks_equals_prediction_whole(iris_model, tmp_path, monkeypatch):
-    whole, chunked = tmp_path / "whole.csv", tmp_path / "chunked.csv"
-    args = [EXAMPLES / "iris.csv", "--description", EXAMPLES / "iris.desc", "--proba", "-o"]
-    assert run("predict", iris_model, *args, whole) == 0
-    monkeypatch.setattr(cli, "PREDICT_CHUNK_ROWS", 7)
-    assert run("predict", iris_model, *args, chunked) == 0
-    assert whole.read_text() == chunked.read_text()
-
-
 @pytest.mark.parametrize(
     "rows, description, message",
     [
@@ -130,26 +132,21 @@ def test_bad_input_exits_2_with_one_line_and_writes_nothing(tmp_path, capsys, ro
     if description is not None:
         (tmp_path / "d.desc").write_text(description)
         argv[2:2] = ["--description", tmp_path / "d.desc"]
-    assert run(*argv) == 2
-    err = capsys.readouterr().err.strip()
-    assert err.startswith("velmot: error: ") and message in err and "\n" not in err
+    assert message in fails(capsys, *argv)
     assert not (tmp_path / "m.npz").exists()
     assert [p.name for p in tmp_path.iterdir() if p.name.startswith(".velmot-")] == []
 
 
 def test_missing_files_and_damaged_models_exit_2(iris_model, tmp_path, capsys):
-    assert run("train", tmp_path / "none.csv", "-o", tmp_path / "m.npz") == 2
-    assert "data file not found" in capsys.readouterr().err
-    assert run("train", EXAMPLES / "iris.csv", "--description", tmp_path / "none.desc", "-o", tmp_path / "m.npz") == 2
-    assert "description file not found" in capsys.readouterr().err
-    assert run("inspect", tmp_path / "none.npz") == 2
-    assert "model file not found" in capsys.readouterr().err
+    assert "data file not found" in fails(capsys, "train", tmp_path / "none.csv", "-o", tmp_path / "m.npz")
+    assert "description file not found" in fails(
+        capsys, "train", EXAMPLES / "iris.csv", "--description", tmp_path / "none.desc", "-o", tmp_path / "m.npz")
+    assert "model file not found" in fails(capsys, "inspect", tmp_path / "none.npz")
 
     damaged = tmp_path / "damaged.npz"
     damaged.write_bytes(iris_model.read_bytes()[:200])
     out = tmp_path / "out.csv"
-    assert run("predict", damaged, EXAMPLES / "iris.csv", "--description", EXAMPLES / "iris.desc", "-o", out) == 2
-    assert "damaged.npz" in capsys.readouterr().err
+    assert "damaged.npz" in fails(capsys, "predict", damaged, *IRIS, "-o", out)
     assert not out.exists()
 
     # A tampered tree (a child index past the end) fails validation.
@@ -158,6 +155,5 @@ def test_missing_files_and_damaged_models_exit_2(iris_model, tmp_path, capsys):
     arrays["nodes"][0, 0] = 10**6
     tampered = tmp_path / "tampered.npz"
     np.savez(tampered, **arrays)
-    assert run("inspect", tampered) == 2
-    assert "tampered.npz" in capsys.readouterr().err
+    assert "tampered.npz" in fails(capsys, "inspect", tampered)
     assert not os.path.exists(tmp_path / "none.npz")

@@ -181,7 +181,7 @@ class TestScatteredFit:
         assert np.array_equal(forest._missing_value_fill_, local._missing_value_fill_)  # also when both are None
         assert np.array_equal(forest.predict_proba(X), local.predict_proba(X))
 
-    def test_dask_inputs_are_gathered_and_keep_feature_names(self, client):
+    def test_dask_inputs_are_gathered_keep_feature_names_and_are_predicted_in_order(self, client):
         X, y = noisy_data(400)
         frame = pd.DataFrame(X, columns=[f"f{i}" for i in range(X.shape[1])])
         labels = pd.Series(np.array(["no", "yes", "maybe"])[y])
@@ -190,6 +190,9 @@ class TestScatteredFit:
         local = velmot.RandomForestClassifier(n_estimators=12, random_state=1).fit(frame, labels)
         assert_same_forest(forest, local)
         assert list(forest.feature_names_in_) == list(frame.columns)
+        lazy = dd.from_pandas(frame, npartitions=4)
+        assert np.array_equal(forest.predict(lazy).compute(), local.predict(frame))
+        assert np.array_equal(forest.predict_proba(lazy).compute(), local.predict_proba(frame))
 
     def test_forest_is_the_same_on_one_worker_and_on_two(self, client):
         X, y = noisy_data(500)
@@ -235,14 +238,6 @@ class TestPrediction:
         with pytest.raises(ValueError, match="features"):
             forest.predict(da.from_array(X[:, :3], chunks=100))
 
-    def test_dataframe_partitions_are_predicted_in_order(self, client):
-        X, y = noisy_data(300, seed=4)
-        frame = pd.DataFrame(X, columns=[f"f{i}" for i in range(X.shape[1])])
-        forest = velmot.dask.RandomForestClassifier(n_estimators=9, random_state=0, client=client).fit(frame, y)
-        lazy = dd.from_pandas(frame, npartitions=4)
-        assert np.array_equal(forest.predict(lazy).compute(), forest.to_local().predict(frame))
-        assert np.array_equal(forest.predict_proba(lazy).compute(), forest.to_local().predict_proba(frame))
-
     def test_clone_pickle_and_save_keep_the_forest(self, fitted, client, tmp_path):
         forest, X = fitted
         assert clone(forest).client is client
@@ -256,13 +251,13 @@ class TestPrediction:
 
 
 class TestPartitionWise:
-    def test_no_worker_is_given_the_whole_array(self, cluster, client):
+    def test_no_worker_is_given_the_whole_array_and_labels_are_encoded_over_all_partitions(self, cluster, client):
         X, y = partitioned_data()
         sizes = TaskSizes(cluster.scheduler)
         cluster.scheduler.add_plugin(sizes, name="velmot-task-sizes")
         try:
-            velmot.dask.RandomForestClassifier(
-                n_estimators=8, partition_wise=True, random_state=0, client=client
+            forest = velmot.dask.RandomForestClassifier(
+                n_estimators=8, partition_wise=True, max_features=None, random_state=0, client=client
             ).fit(X, y)
         finally:
             cluster.scheduler.remove_plugin(name="velmot-task-sizes")
@@ -273,11 +268,6 @@ class TestPartitionWise:
             assert sum(inputs) <= one_partition * 1.1
         assert max(sizes.result_bytes.values()) < whole_array / 2
 
-    def test_labels_are_encoded_over_all_partitions(self, client):
-        X, y = partitioned_data()
-        forest = velmot.dask.RandomForestClassifier(
-            n_estimators=8, partition_wise=True, max_features=None, random_state=0, client=client
-        ).fit(X, y)
         assert list(forest.classes_) == ["high", "low", "mid"]
         # Two trees per partition, in partition order; each pair must have
         # learnt its own partition's labels under the global codes.

@@ -84,7 +84,3 @@ def test_prediction_refuses_an_empty_matrix():
         with pytest.raises(ValueError, match="0 sample"):
             method(X[:0])
 
-
-def test_missing_values_are_accepted(module_untouched):
-    with pytest.raises(AssertionError, match="the module was called"):
-        RandomForestClassifier().fit(np.where(X > 30, np.nan, X), y)
