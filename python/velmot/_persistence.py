@@ -3,7 +3,9 @@
 Contents (format 1):
 
 ``format``            0-d int, the format number.
-``metadata``          0-d str, JSON: estimator parameters, n_features_in.
+``metadata``          0-d str, JSON: estimator parameters, n_features_in, and
+                      the names of all entries (files written before the
+                      list was added lack it).
 ``classes``           (n_classes,) the sorted class labels.
 ``nodes``             (5, total_nodes) float64, every tree's columns, tree after tree.
 ``tree_sizes``        (n_trees,) int64, the number of columns of each tree.
@@ -36,9 +38,6 @@ def save_forest(forest, path):
     check_is_fitted(forest)
     arrays = {
         "format": np.array(FORMAT),
-        "metadata": np.array(
-            json.dumps({"params": _json_params(forest.get_params()), "n_features_in": forest.n_features_in_})
-        ),
         "classes": _without_objects(forest.classes_, "class labels"),
         "nodes": np.concatenate(forest.trees_, axis=1),
         "tree_sizes": np.array([tree.shape[1] for tree in forest.trees_], dtype=np.int64),
@@ -48,6 +47,15 @@ def save_forest(forest, path):
         arrays["feature_names"] = _without_objects(forest.feature_names_in_, "feature names")
     if forest._missing_value_fill_ is not None:
         arrays["missing_value_fill"] = forest._missing_value_fill_
+    # The list of entries lets load notice an optional one gone missing: a
+    # damaged entry count in the archive's directory drops trailing entries
+    # without any error from the zip reader.
+    metadata = {
+        "params": _json_params(forest.get_params()),
+        "n_features_in": forest.n_features_in_,
+        "entries": sorted([*arrays, "metadata"]),
+    }
+    arrays["metadata"] = np.array(json.dumps(metadata))
     if hasattr(path, "write"):
         np.savez_compressed(path, **arrays)
     else:
@@ -87,6 +95,8 @@ def load(path):
     _check(version.shape == () and version.dtype.kind in "iu", "format must be one integer")
     _check(int(version) == FORMAT, f"format {int(version)} is not {FORMAT}, the one this version reads")
     metadata = _metadata(contents["metadata"])
+    if "entries" in metadata:
+        _check(metadata["entries"] == sorted(contents), "its entries differ from the ones it lists")
     params = metadata["params"]
     n_features = metadata["n_features_in"]
     _check(set(params) == set(RandomForestClassifier._get_param_names()), "unexpected estimator parameters")
