@@ -4,8 +4,9 @@ Contents (format 1):
 
 ``format``            0-d int, the format number.
 ``metadata``          0-d str, JSON: estimator parameters, n_features_in, and
-                      the names of all entries (files written before the
-                      list was added lack it).
+                      the names of the entries written with it (files
+                      written before the list was added lack it); other
+                      writers may add entries of their own.
 ``classes``           (n_classes,) the sorted class labels.
 ``nodes``             (5, total_nodes) float64, every tree's columns, tree after tree.
 ``tree_sizes``        (n_trees,) int64, the number of columns of each tree.
@@ -95,8 +96,11 @@ def load(path):
     _check(version.shape == () and version.dtype.kind in "iu", "format must be one integer")
     _check(int(version) == FORMAT, f"format {int(version)} is not {FORMAT}, the one this version reads")
     metadata = _metadata(contents["metadata"])
-    if "entries" in metadata:
-        _check(metadata["entries"] == sorted(contents), "its entries differ from the ones it lists")
+    # Entries beyond the list are other writers' (the command line's names).
+    listed = metadata.get("entries", [])
+    _check(isinstance(listed, list), "metadata lists its entries wrongly")
+    missing = sorted(set(map(str, listed)) - set(contents))
+    _check(not missing, f"missing {', '.join(missing)}")
     params = metadata["params"]
     n_features = metadata["n_features_in"]
     _check(set(params) == set(RandomForestClassifier._get_param_names()), "unexpected estimator parameters")
