@@ -8,6 +8,7 @@ import textwrap
 import pytest
 
 import PyVelmot_wrap as wrap
+from module_helpers import runtime_error
 
 
 def run_import_with_fake_multiarray(fake_setup):
@@ -62,13 +63,8 @@ def test_pool_controls_take_one_positional_argument_of_the_right_type(call, erro
 
 
 def test_unreadable_seed_file_is_a_runtime_error_with_the_library_text(tmp_path):
-    with pytest.raises(RuntimeError) as missing:
-        wrap.init_pool("/no/such/seed/file")
-    assert str(missing.value) == "error: unable to read from random number file /no/such/seed/file\n"
-
     short = tmp_path / "short"
     short.write_bytes(b"\x01" * 100)  # 32 generators need 1024 bytes
-    with pytest.raises(RuntimeError) as too_short:
-        wrap.init_pool(os.fsencode(short) + b"\0tail")
-    assert str(too_short.value) == f"error: unable to read from random number file {short}\n"
+    for name, shown in (("/no/such/seed/file", "/no/such/seed/file"), (os.fsencode(short) + b"\0tail", short)):
+        assert runtime_error(wrap.init_pool, name) == f"error: unable to read from random number file {shown}\n"
     wrap.set_seed(1)  # leave a complete pool behind for later tests

@@ -4,183 +4,137 @@ import numpy as np
 import pytest
 
 import PyVelmot_wrap as wrap
+from module_helpers import leaf, runtime_error, stump
 
-LABEL_COUNT_MESSAGE = "the number of labels must be the same as the number of rows (instances) in the instance matrix"
-
-
-def leaf(label):
-    return np.array([[-1.0], [-1.0], [-1.0], [np.nan], [label]])
-
-
-def node(left, right, feature, threshold):
-    """A split column; leaves follow in columns 1 and 2 when given."""
-    return np.array(
-        [[left, -1, -1], [right, -1, -1], [feature, -1, -1], [threshold, 0, 0], [-2, 0, 1]], dtype=np.float64
-    )
+X = np.array([[0.0, 1.0, 2.0, 3.0, 4.0, 5.0], [1.0, 1.0, 0.0, 0.0, 1.0, 0.0]])
+Y = np.array([0, 0, 1, 1, 2, 2], dtype=np.int32)
+REAL = np.array([0.5, 0.2, 1.9, 1.0, 2.7, 0.0])
+LABEL = "invalid class label {}. Labels must be >= 0 and < num_classes; num_classes={}."
+LABEL_COUNT = "the number of labels must be the same as the number of rows (instances) in the instance matrix"
+X_FLOAT32 = "X_ has 4-byte elements, too small for float64 (8 bytes): pass an array of float64"
+EMPTY_FOREST = "error: forest is empty: cannot predict\n"
 
 
-def runtime_error(call, *args):
-    with pytest.raises(RuntimeError) as error:
-        call(*args)
-    return str(error.value)
+def learn(x=X, y=Y, num_classes=3, num_threads=1, learner=wrap.learn_di_gini):
+    return learner(x, y, num_classes, 3, 1.0, 1, 0, num_threads, 0)
 
 
-@pytest.fixture
-def data():
-    X = np.array([[0.0, 1.0, 2.0, 3.0, 4.0, 5.0], [1.0, 1.0, 0.0, 0.0, 1.0, 0.0]])
-    y = np.array([0, 0, 1, 1, 2, 2], dtype=np.int32)
-    return X, y
+def predict(out=None, forest=None, num_classes=3, num_threads=1, x=X, function=wrap.test_di):
+    out = np.zeros(6, dtype=np.int32) if out is None else out
+    return function(x, [leaf(1)] if forest is None else forest, num_classes, out, num_threads)
 
 
-def learn(X, y, num_classes=3, num_threads=1, learner=wrap.learn_di_gini):
-    return learner(X, y, num_classes, 3, 1.0, 1, 0, num_threads, 0)
+def probabilities(out):
+    return predict(out, function=wrap.prob_dd)
 
 
-class TestLearning:
-    def test_labels_outside_the_classes(self, data):
-        X, y = data
-        message = "invalid class label {}. Labels must be >= 0 and < num_classes; num_classes={}."
-        assert runtime_error(learn, X, y, 2) == message.format(2, 2)
-        y[0] = -1
-        assert runtime_error(learn, X, y) == message.format(-1, 3)
-        real = np.array([0.5, 0.2, 1.9, 1.0, 2.7, 0.0])
-        assert runtime_error(learn, X, real, 2, 1, wrap.learn_dd_variance) == message.format(2, 2)
-        trees, _ = learn(X, real, 3, 1, wrap.learn_dd_variance)
-        assert len(trees) == 3
-        # -0.5 truncates to 0 and passes; NaN has no integer part.
-        real[0] = -0.5
-        learn(X, real, 3, 1, wrap.learn_dd_variance)
-        real[0] = np.nan
-        assert runtime_error(learn, X, real, 3, 1, wrap.learn_dd_variance) == message.format("nan", 3)
-        single = np.array([0, 0, 1, 1, 2, 1e10], dtype=np.float32)
-        assert runtime_error(learn, X, single, 3, 1, wrap.learn_ds_variance) == message.format("1e+10", 3)
+def read_only(array):
+    array.flags.writeable = False
+    return array
 
-    def test_label_count_must_match_the_instances(self, data):
-        X, y = data
+
+@pytest.mark.parametrize(
+    "call, message",
+    [
+        # Labels outside [0, num_classes); real labels by their integer part,
+        # NaN and values no int holds by their printed value.
+        (lambda: learn(num_classes=2), LABEL.format(2, 2)),
+        (lambda: learn(y=np.array([-1, 0, 1, 1, 2, 2], dtype=np.int32)), LABEL.format(-1, 3)),
+        (lambda: learn(y=REAL, num_classes=2, learner=wrap.learn_dd_variance), LABEL.format(2, 2)),
+        (lambda: learn(y=np.array([np.nan, 0.2, 1.9, 1.0, 2.7, 0.0]), learner=wrap.learn_dd_variance),
+         LABEL.format("nan", 3)),
+        (lambda: learn(y=np.array([0, 0, 1, 1, 2, 1e10], np.float32), learner=wrap.learn_ds_variance),
+         LABEL.format("1e+10", 3)),
         # An instance-major matrix: its 6 rows are taken as features.
-        assert runtime_error(learn, np.ascontiguousarray(X.T), y) == LABEL_COUNT_MESSAGE
-        assert runtime_error(learn, X, y[:5]) == LABEL_COUNT_MESSAGE
+        (lambda: learn(np.ascontiguousarray(X.T)), LABEL_COUNT),
+        (lambda: learn(y=Y[:5]), LABEL_COUNT),
+        (lambda: learn(np.zeros((2, 0)), np.zeros(0, dtype=np.int32)), "error: data set is empty\n"),
+        (lambda: learn(num_threads=0), "num_threads must be at least 1, not 0"),
+        (lambda: learn(num_threads=-3), "num_threads must be at least 1, not -3"),
+        (lambda: learn(num_threads=33),
+         "num_threads must be at most 32 (one generator of the pool per thread), not 33"),
+        (lambda: learn(X[0]), "X_ must be a 2-dimensional array (features x instances), not 1-dimensional"),
+        (lambda: learn(y=Y.reshape(6, 1)),
+         "Y_ must be a 1-dimensional array (one label per instance), not 2-dimensional"),
+        (lambda: learn(X.astype(np.float32)), X_FLOAT32),
+        (lambda: learn(y=Y.astype(np.int16)),
+         "Y_ has 2-byte elements, too small for int32 (4 bytes): pass an array of int32"),
+        # Prediction: the forest, the outputs, the matrix and the counts.
+        (lambda: predict(forest=[stump(2, 0.5)], num_classes=2),
+         "error: tree node tests feature 2 but the data has 2 features\n"),
+        (lambda: predict(forest="(findex -1 left (label 0) right (label 1))", num_classes=2),
+         "error: tree node tests feature -1 but the data has 2 features\n"),
+        (lambda: predict(forest="(findex 0 threshold 2.5 left (label 0))", num_classes=2, num_threads=2),
+         "error: tree descent reached a missing child\n"),
+        (lambda: predict(np.zeros(5, dtype=np.int32)), "labels_out_ dimension 0 is 5, too small for 6 instances"),
+        (lambda: predict(np.zeros(6, dtype=np.int16)),
+         "labels_out_ has 2-byte elements, too small for int32 (4 bytes): pass an array of int32"),
+        (lambda: predict(np.array(0, dtype=np.int32)), "labels_out_ must have at least 1 dimension, not 0"),
+        (lambda: predict(read_only(np.zeros(6, dtype=np.int32))), "labels_out_ must be a writeable array"),
+        (lambda: probabilities(np.zeros((6, 2))), "probs_out_ dimension 1 is 2, too small for 3 classes"),
+        (lambda: probabilities(np.zeros((5, 3))), "probs_out_ dimension 0 is 5, too small for 6 instances"),
+        (lambda: probabilities(np.zeros(18)),
+         "probs_out_ must be a 2-dimensional array (instances x classes), not 1-dimensional"),
+        (lambda: probabilities(np.zeros((6, 3), np.float32)),
+         "probs_out_ has 4-byte elements, too small for float64 (8 bytes): pass an array of float64"),
+        (lambda: predict(x=X.astype(np.float32)), X_FLOAT32),
+        (lambda: predict(x=X[None]), "X_ must be a 2-dimensional array (features x instances), not 3-dimensional"),
+        (lambda: predict(num_classes=-1), "num_classes must be >= 0, not -1"),
+        (lambda: predict(num_threads=0), "num_threads must be at least 1, not 0"),
+    ],
+)
+def test_refusals_carry_the_exact_message(call, message):
+    assert runtime_error(call) == message
 
-    def test_an_empty_data_set(self):
-        assert runtime_error(learn, np.zeros((2, 0)), np.zeros(0, dtype=np.int32)) == "error: data set is empty\n"
 
-    def test_thread_counts_the_pool_cannot_serve(self, data):
-        X, y = data
-        wrap.set_seed(1)
-        for bad in (0, -3):
-            assert runtime_error(learn, X, y, 3, bad) == f"num_threads must be at least 1, not {bad}"
-        assert runtime_error(learn, X, y, 3, 33) == (
-            "num_threads must be at most 32 (one generator of the pool per thread), not 33"
-        )
-        assert len(learn(X, y, 3, 32)[0]) == 3
-
-    def test_dimensions_and_element_sizes(self, data):
-        X, y = data
-        assert runtime_error(learn, X[0], y) == (
-            "X_ must be a 2-dimensional array (features x instances), not 1-dimensional"
-        )
-        assert runtime_error(learn, X, y.reshape(6, 1)) == (
-            "Y_ must be a 1-dimensional array (one label per instance), not 2-dimensional"
-        )
-        assert runtime_error(learn, X.astype(np.float32), y) == (
-            "X_ has 4-byte elements, too small for float64 (8 bytes): pass an array of float64"
-        )
-        assert "Y_ has 2-byte elements, too small for int32" in runtime_error(learn, X, y.astype(np.int16))
-
-    def test_arguments_are_positional_and_typed(self, data):
-        X, y = data
-        with pytest.raises(TypeError):
-            wrap.learn_di_gini(X, y, num_classes=3, num_trees=3, sampling_prop=1.0, fte_per_split=1,
-                               max_depth=0, num_threads=1, compute_feature_importances=0)
-        with pytest.raises(TypeError):
-            wrap.learn_di_gini(X.tolist(), y, 3, 3, 1.0, 1, 0, 1, 0)
-        with pytest.raises(TypeError):
-            wrap.learn_di_gini(X, y, 3, 3, 1.0, 1, 0, 1)
+@pytest.mark.parametrize(
+    "call",
+    [
+        lambda: wrap.learn_di_gini(X, Y, num_classes=3, num_trees=3, sampling_prop=1.0, fte_per_split=1,
+                                   max_depth=0, num_threads=1, compute_feature_importances=0),
+        lambda: wrap.learn_di_gini(X.tolist(), Y, 3, 3, 1.0, 1, 0, 1, 0),
+        lambda: wrap.learn_di_gini(X, Y, 3, 3, 1.0, 1, 0, 1),
+        lambda: wrap.test_di(X, [leaf(1)], 3, labels_out_=np.zeros(6, dtype=np.int32), num_threads=1),
+        lambda: wrap.prob_dd(X, [leaf(1)], 3, [[0.0] * 3] * 6, 1),
+    ],
+)
+def test_arguments_are_positional_and_typed(call):
+    with pytest.raises(TypeError):
+        call()
 
 
-class TestPrediction:
-    def test_an_empty_forest_leaves_the_output_untouched(self, data):
-        X, _ = data
-        out = np.full(6, -7, dtype=np.int32)
-        assert runtime_error(wrap.test_di, X, [], 3, out, 1) == "error: forest is empty: cannot predict\n"
-        assert (out == -7).all()
-        probabilities = np.full((6, 3), -1.0)
-        assert runtime_error(wrap.prob_dd, X, [], 3, probabilities, 1) == "error: forest is empty: cannot predict\n"
-        assert (probabilities == -1).all()
-        # Without instances nothing is predicted, so nothing fails.
-        assert wrap.test_di(np.zeros((2, 0)), [], 3, out, 1) == 0.0
+def test_what_learning_accepts():
+    wrap.set_seed(1)
+    assert len(learn(num_threads=32)[0]) == 3
+    # Real labels count under their integer part: -0.5 truncates to 0.
+    for real in (REAL, np.array([-0.5, 0.2, 1.9, 1.0, 2.7, 0.0])):
+        assert len(learn(y=real, learner=wrap.learn_dd_variance)[0]) == 3
 
-    def test_votes_outside_the_classes_are_ignored(self, data):
-        X, _ = data
-        out = np.zeros(6, dtype=np.int32)
-        wrap.test_di(X, [leaf(7), leaf(-5)], 2, out, 1)
-        assert (out == -2).all()
-        wrap.test_di(X, [leaf(7), leaf(-1)], 2, out, 1)
-        assert (out == -1).all()
-        probabilities = np.zeros((6, 2))
-        wrap.prob_dd(X, [leaf(7), leaf(1)], 2, probabilities, 1)
-        np.testing.assert_array_equal(probabilities, [[0, 0.5]] * 6)
 
-    def test_split_features_must_exist_in_the_matrix(self, data):
-        X, _ = data
-        out = np.zeros(6, dtype=np.int32)
-        assert runtime_error(wrap.test_di, X, [node(1, 2, 2, 0.5)], 2, out, 1) == (
-            "error: tree node tests feature 2 but the data has 2 features\n"
-        )
-        assert runtime_error(wrap.test_di, X, "(findex -1 left (label 0) right (label 1))", 2, out, 1) == (
-            "error: tree node tests feature -1 but the data has 2 features\n"
-        )
-        # Leaves may carry any feature index.
-        wrap.test_di(X, [np.array([[-1.0], [-1.0], [99.0], [0.0], [1.0]])], 2, out, 1)
+def test_an_empty_forest_leaves_the_output_untouched():
+    out, probs = np.full(6, -7, dtype=np.int32), np.full((6, 3), -1.0)
+    assert runtime_error(wrap.test_di, X, [], 3, out, 1) == EMPTY_FOREST
+    assert runtime_error(wrap.prob_dd, X, [], 3, probs, 1) == EMPTY_FOREST
+    assert (out == -7).all() and (probs == -1).all()
+    # Without instances nothing is predicted, so nothing fails.
+    assert wrap.test_di(np.zeros((2, 0)), [], 3, out, 1) == 0.0
 
-    def test_a_descent_into_a_missing_child(self, data):
-        X, _ = data
-        out = np.zeros(6, dtype=np.int32)
-        only_left = "(findex 0 threshold 2.5 left (label 0))"
-        assert runtime_error(wrap.test_di, X, only_left, 2, out, 2) == "error: tree descent reached a missing child\n"
-        wrap.test_di(X[:, :2], only_left, 2, out, 2)  # values below 2.5 never go right
 
-    def test_outputs_must_hold_every_instance_and_class(self, data):
-        X, _ = data
-        forest = [leaf(1)]
-        assert runtime_error(wrap.test_di, X, forest, 3, np.zeros(5, dtype=np.int32), 1) == (
-            "labels_out_ dimension 0 is 5, too small for 6 instances"
-        )
-        assert runtime_error(wrap.test_di, X, forest, 3, np.zeros(6, dtype=np.int16), 1) == (
-            "labels_out_ has 2-byte elements, too small for int32 (4 bytes): pass an array of int32"
-        )
-        assert runtime_error(wrap.test_di, X, forest, 3, np.array(0, dtype=np.int32), 1) == (
-            "labels_out_ must have at least 1 dimension, not 0"
-        )
-        read_only = np.zeros(6, dtype=np.int32)
-        read_only.flags.writeable = False
-        assert runtime_error(wrap.test_di, X, forest, 3, read_only, 1) == "labels_out_ must be a writeable array"
-        assert runtime_error(wrap.prob_dd, X, forest, 3, np.zeros((6, 2)), 1) == (
-            "probs_out_ dimension 1 is 2, too small for 3 classes"
-        )
-        assert runtime_error(wrap.prob_dd, X, forest, 3, np.zeros((5, 3)), 1) == (
-            "probs_out_ dimension 0 is 5, too small for 6 instances"
-        )
-        assert runtime_error(wrap.prob_dd, X, forest, 3, np.zeros(18), 1) == (
-            "probs_out_ must be a 2-dimensional array (instances x classes), not 1-dimensional"
-        )
-        assert "probs_out_ has 4-byte elements" in runtime_error(wrap.prob_dd, X, forest, 3, np.zeros((6, 3), np.float32), 1)
-        # Larger outputs are fine: only the leading part is written.
-        wide = np.full((7, 4), -1.0, dtype=np.float32)
-        wrap.prob_ds(X, forest, 3, wide, 1)
-        np.testing.assert_array_equal(wide[:6, :3], [[0, 1, 0]] * 6)
-        assert (wide[6] == -1).all() and (wide[:, 3] == -1).all()
-
-    def test_matrix_and_counts(self, data):
-        X, _ = data
-        out = np.zeros(6, dtype=np.int32)
-        assert runtime_error(wrap.test_di, X.astype(np.float32), [leaf(1)], 3, out, 1) == (
-            "X_ has 4-byte elements, too small for float64 (8 bytes): pass an array of float64"
-        )
-        assert "X_ must be a 2-dimensional array" in runtime_error(wrap.test_di, X[None], [leaf(1)], 3, out, 1)
-        assert runtime_error(wrap.test_di, X, [leaf(1)], -1, out, 1) == "num_classes must be >= 0, not -1"
-        assert runtime_error(wrap.test_di, X, [leaf(1)], 3, out, 0) == "num_threads must be at least 1, not 0"
-        with pytest.raises(TypeError):
-            wrap.test_di(X, [leaf(1)], 3, labels_out_=out, num_threads=1)
-        with pytest.raises(TypeError):
-            wrap.prob_dd(X, [leaf(1)], 3, [[0.0] * 3] * 6, 1)
+def test_what_prediction_accepts():
+    out = np.zeros(6, dtype=np.int32)
+    # Votes outside the classes are ignored.
+    wrap.test_di(X, [leaf(7), leaf(-5)], 2, out, 1)
+    assert (out == -2).all()
+    wrap.test_di(X, [leaf(7), leaf(-1)], 2, out, 1)
+    assert (out == -1).all()
+    probs = np.zeros((6, 2))
+    wrap.prob_dd(X, [leaf(7), leaf(1)], 2, probs, 1)
+    np.testing.assert_array_equal(probs, [[0, 0.5]] * 6)
+    # Leaves may carry any feature index; values below 2.5 never go right.
+    wrap.test_di(X, [np.array([[-1.0], [-1.0], [99.0], [0.0], [1.0]])], 2, out, 1)
+    wrap.test_di(X[:, :2], "(findex 0 threshold 2.5 left (label 0))", 2, out, 2)
+    # Larger outputs are fine: only the leading part is written.
+    wide = np.full((7, 4), -1.0, dtype=np.float32)
+    wrap.prob_ds(X, [leaf(1)], 3, wide, 1)
+    np.testing.assert_array_equal(wide[:6, :3], [[0, 1, 0]] * 6)
+    assert (wide[6] == -1).all() and (wide[:, 3] == -1).all()

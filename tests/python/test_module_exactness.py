@@ -103,21 +103,9 @@ def _negate(x):
 
 
 def entropy(counts):
-    num_classes = len(counts) - 2
+    # Empty slots add nothing, so one sum serves any number of classes.
     total = sum(counts)
-    if total == 0 or num_classes < 2:
-        return 0.0
-    if num_classes == 2:
-        a, b = counts[1], counts[2]
-        if a == 0 or b == 0:
-            return 0.0
-        p, q = a / float(a + b), b / float(a + b)
-        return _negate(p * _log2(p) + q * _log2(q))
-    total_sum = 0.0
-    for slot in range(1, num_classes + 1):
-        p = counts[slot] / total
-        total_sum += p * _log2(p)
-    return _negate(total_sum)
+    return _negate(sum(c / total * _log2(c / total) for c in counts)) if total else 0.0
 
 
 def _gain(s_init, left, right):
@@ -281,18 +269,8 @@ def reference_forest(X, y, num_classes, num_trees, sampling_prop, fte_per_split,
 # threshold, a leaf size other than 1, the spare class slot left out of
 # leaf ties, features drawn with replacement, children allowed with a
 # single instance.
-INSTANCES = [
-    [4, 3, 6, 3],
-    [4, 6, 6, 3],
-    [5, 1, 3, 0],
-    [1, 0, 5, 5],
-    [3, 2, 6, 4],
-    [6, 1, 3, 0],
-    [4, 4, 4, 4],
-    [1, 0, 5, 1],
-    [0, 0, 0, 1],
-    [6, 2, 6, 0],
-]
+INSTANCES = [[4, 3, 6, 3], [4, 6, 6, 3], [5, 1, 3, 0], [1, 0, 5, 5], [3, 2, 6, 4],
+             [6, 1, 3, 0], [4, 4, 4, 4], [1, 0, 5, 1], [0, 0, 0, 1], [6, 2, 6, 0]]
 LABELS = [0, 0, 0, 1, 0, 0, 0, 1, 1, 0]
 
 

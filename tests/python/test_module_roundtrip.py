@@ -1,37 +1,30 @@
 """Learning and prediction through the raw module: every function, strided
 arrays, vote fractions, determinism and memory."""
 
+import ctypes
+
 import numpy as np
 import pytest
 
 import PyVelmot_wrap as wrap
+from module_helpers import leaf, stump
 
 FEATURE_TYPES = {"i": np.int32, "d": np.float64, "s": np.float32, "b": np.uint8}
 LABEL_TYPES = {"i": np.int32, "d": np.float64, "s": np.float32}
-LEARNERS = [
-    f"learn_{f}{l}_{criterion}"
-    for l, criteria in (("i", ("infogain", "gini", "gainratio")), ("d", ("variance",)), ("s", ("variance",)))
-    for criterion in criteria
-    for f in "idsb"
-]
+# In the order of the method table.
+LEARNERS = [f"learn_{f}i_{criterion}" for criterion in ("infogain", "gini", "gainratio") for f in "idsb"]
+LEARNERS += [f"learn_{f}{l}_variance" for l in "ds" for f in "idsb"]
 
 
-def two_class_data(n=80, seed=0):
+def two_class_data(n=80):
     """Instance-major (n, 3) values in 0..200 and labels given by the first
     two features, with one noise feature."""
-    rng = np.random.default_rng(seed)
-    X = rng.integers(0, 200, size=(n, 3))
-    y = (X[:, 0] + X[:, 1] > 200).astype(np.int32)
-    return X, y
-
-
-def leaf(label):
-    return np.array([[-1.0], [-1.0], [-1.0], [np.nan], [label]])
+    X = np.random.default_rng(0).integers(0, 200, size=(n, 3))
+    return X, (X[:, 0] + X[:, 1] > 200).astype(np.int32)
 
 
 def test_the_method_table_has_the_34_functions_in_order():
-    expected = LEARNERS[:12] + [f"learn_{f}{l}_variance" for l in "ds" for f in "idsb"]
-    expected += [f"test_{f}i" for f in "idsb"]
+    expected = LEARNERS + [f"test_{f}i" for f in "idsb"]
     expected += [f"prob_{f}{t}" for f, t in ("dd", "ds", "sd", "ss", "id", "is", "bd", "bs")]
     expected += ["init_pool", "set_seed"]
     functions = [name for name in vars(wrap) if callable(getattr(wrap, name))]
@@ -64,22 +57,19 @@ def test_every_learner_round_trips_through_test_and_prob(learner):
         np.testing.assert_array_equal(np.where(probabilities[:, 1] > probabilities[:, 0], 1, 0), predicted)
 
 
-def test_importances_only_on_request():
+def test_zero_trees_make_an_empty_forest():
+    # Importances are None unless asked for (asserted for every learner in
+    # test_forest_hashes.py, here with no trees at all).
     X, y = two_class_data()
-    wrap.set_seed(3)
-    trees, importances = wrap.learn_di_gini(np.ascontiguousarray(X.T, dtype=np.float64), y, 2, 4, 1.0, 2, 0, 1, 0)
-    assert importances is None and len(trees) == 4
     assert wrap.learn_di_gini(np.ascontiguousarray(X.T, dtype=np.float64), y, 2, 0, 1.0, 2, 0, 1, 0) == ([], None)
 
 
 def test_vote_fractions_are_votes_over_trees_narrowed_to_the_output_type():
-    forest = [leaf(1)] * 3 + [leaf(0)] * 7
-    X = np.zeros((1, 2), dtype=np.float64)
-    single = np.zeros((2, 2), dtype=np.float32)
+    forest, X = [leaf(1)] * 3 + [leaf(0)] * 7, np.zeros((1, 2))
+    single, double = np.zeros((2, 2), dtype=np.float32), np.zeros((2, 2))
     wrap.prob_ds(X, forest, 2, single, 1)
-    assert single[0, 1] == np.float32(0.3)
-    double = np.zeros((2, 2), dtype=np.float64)
     wrap.prob_dd(X, forest, 2, double, 1)
+    assert single[0, 1] == np.float32(0.3)
     assert double[1, 1] == 0.3 and double[1, 0] == 0.7
 
 
@@ -89,10 +79,8 @@ def test_strided_inputs_and_outputs():
     wrap.set_seed(5)
     dense, _ = wrap.learn_di_gini(np.ascontiguousarray(instance_major.T), y, 2, 6, 1.0, 2, 0, 1, 0)
     # The transposed view, and labels read every second element.
-    spaced_labels = np.zeros(2 * len(y), dtype=np.int32)
-    spaced_labels[::2] = y
     wrap.set_seed(5)
-    strided, _ = wrap.learn_di_gini(instance_major.T, spaced_labels[::2], 2, 6, 1.0, 2, 0, 1, 0)
+    strided, _ = wrap.learn_di_gini(instance_major.T, np.repeat(y, 2)[::2], 2, 6, 1.0, 2, 0, 1, 0)
     for a, b in zip(dense, strided):
         np.testing.assert_array_equal(a, b)
 
@@ -121,13 +109,12 @@ def test_strided_inputs_and_outputs():
 def test_missing_values_are_imputed_before_prediction():
     # Stump on feature 0 at 2.5: NaN would go right, but the median of the
     # present values (upper middle of [1, 2]) is 2, which goes left.
-    stump = np.array([[1, -1, -1], [2, -1, -1], [0, -1, -1], [2.5, 0, 0], [-2, 0, 1]], dtype=np.float64)
     predicted = np.zeros(3, dtype=np.int32)
-    wrap.test_di(np.array([[1.0, 2.0, np.nan]]), [stump], 2, predicted, 1)
+    wrap.test_di(np.array([[1.0, 2.0, np.nan]]), [stump(0, 2.5)], 2, predicted, 1)
     np.testing.assert_array_equal(predicted, [0, 0, 0])
     # Three present values: the middle one, 3, goes right.
     four = np.zeros(4, dtype=np.int32)
-    wrap.test_si(np.array([[1.0, 4.0, 3.0, np.nan]], dtype=np.float32), [stump], 2, four, 1)
+    wrap.test_si(np.array([[1.0, 4.0, 3.0, np.nan]], dtype=np.float32), [stump(0, 2.5)], 2, four, 1)
     np.testing.assert_array_equal(four, [0, 1, 1, 1])
 
 
@@ -136,10 +123,7 @@ def test_missing_values_are_filled_with_medians_of_the_whole_matrix_through_its_
     # present values (median 5), column 1 none (filled with 0), column 2
     # nothing missing. Each stump votes through one feature.
     instances = np.array([[5.0, np.nan, 1.0], [np.nan, np.nan, 2.0], [9.0, np.nan, 3.0], [1.0, np.nan, 4.0]])
-    stumps = [
-        np.array([[1, -1, -1], [2, -1, -1], [f, -1, -1], [t, 0, 0], [-2, 0, 1]], dtype=np.float64)
-        for f, t in ((0, 5.0), (1, 0.0), (2, 2.5))
-    ]
+    stumps = [stump(0, 5.0), stump(1, 0.0), stump(2, 2.5)]
     for dtype, function in ((np.float64, wrap.prob_dd), (np.float32, wrap.prob_sd)):
         X = instances.astype(dtype)
         out = np.zeros((4, 2))
@@ -160,11 +144,9 @@ def test_same_seed_same_forest(num_threads):
     X, y = two_class_data(50)
     X_fm = np.ascontiguousarray(X.T, dtype=np.float32)
     runs = []
-    for _ in range(2):
-        wrap.set_seed(2**32 + 12345)  # only the low 32 bits count
+    for seed in (2**32 + 12345, 2**32 + 12345, 12345):  # only the low 32 bits count
+        wrap.set_seed(seed)
         runs.append(wrap.learn_si_infogain(X_fm, y, 2, 7, 0.8, 2, 0, num_threads, 1))
-    wrap.set_seed(12345)
-    runs.append(wrap.learn_si_infogain(X_fm, y, 2, 7, 0.8, 2, 0, num_threads, 1))
     for trees, importances in runs[1:]:
         for a, b in zip(runs[0][0], trees):
             np.testing.assert_array_equal(a, b)
@@ -208,8 +190,6 @@ def test_resident_memory_stays_flat_over_many_calls():
 
 
 def test_the_thread_count_stays_in_force_after_a_call():
-    import ctypes
-
     gomp = ctypes.CDLL("libgomp.so.1")
     X, y = two_class_data(20)
     X_fm = np.ascontiguousarray(X.T, dtype=np.float64)

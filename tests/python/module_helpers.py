@@ -1,0 +1,22 @@
+"""Tree arrays and error capture shared by the tests of the raw module."""
+
+import numpy as np
+import pytest
+
+
+def leaf(label, dtype=np.float64):
+    return np.array([[-1], [-1], [-1], [np.nan], [label]], dtype=dtype)
+
+
+def stump(feature, threshold, left_label=0, right_label=1, dtype=np.float64):
+    """A split on `feature` in column 0 over two leaves in columns 1 and 2."""
+    return np.array(
+        [[1, -1, -1], [2, -1, -1], [feature, -1, -1], [threshold, 0, 0], [-2, left_label, right_label]], dtype=dtype
+    )
+
+
+def runtime_error(call, *args):
+    """The text of the RuntimeError that call(*args) must raise."""
+    with pytest.raises(RuntimeError) as error:
+        call(*args)
+    return str(error.value)
