@@ -31,10 +31,12 @@ DataSetDescription read_text(const std::string& text) {
   return VelmotDescriptionReader().read(in);
 }
 
-// "line N: message" of the DataIOException that reading `text` throws.
-std::string read_error(const std::string& text) {
+// "line N: message" of the DataIOException that call throws, or
+// "Exception: message" of another library exception.
+template <class Call>
+std::string error_of(Call call) {
   try {
-    read_text(text);
+    call();
   } catch (const DataIOException& e) {
     return "line " + std::to_string(e.get_line_no()) + ": " + e.get_message();
   } catch (const Exception& e) {
@@ -58,7 +60,7 @@ public:
 
 }  // namespace
 
-TEST(DescriptionReader, ReadsTheExampleFile) {
+TEST(DescriptionReader, ReadsTheExampleFileByPathAndAsText) {
   const DataSetDescription description = read_text(example_file);
   EXPECT_EQ(description.get_labeling(), DiscreteZeroOnward);
   EXPECT_EQ(description.get_num_features(), 4);
@@ -76,27 +78,18 @@ TEST(DescriptionReader, ReadsTheExampleFile) {
   EXPECT_EQ(read_text("  label-type\tdiscrete-zero-onward\r\nnum-features  4 \r\n\tclass-column 4\n"
                       "label 0 negative\nlabel 1 positive\nfeature-name 0 age\nignore 3"),
             description);
-}
 
-TEST(DescriptionReader, EmptyOrMissingInputGivesTheDefaults) {
+  TemporaryFile file(example_file);
+  EXPECT_EQ(read_velmot_description(file.path), description);
+  const VelmotDescriptionReader reader;
+  EXPECT_EQ(reader.read(std::string(example_file)), description);
+  // The string overload reads text: a path given to it is a command.
+  EXPECT_EQ(error_of([&] { reader.read(file.path); }), "line 1: invalid command: " + file.path);
+
+  // Empty or missing input gives the defaults.
   EXPECT_EQ(read_text(""), DataSetDescription());
   EXPECT_EQ(read_text("\n \n\t\n# only a comment\n"), DataSetDescription());
   EXPECT_EQ(read_velmot_description("/nonexistent/velmot/description.txt"), DataSetDescription());
-}
-
-TEST(DescriptionReader, ReadsFilesByPathAndTextByString) {
-  TemporaryFile file(example_file);
-  EXPECT_EQ(read_velmot_description(file.path), read_text(example_file));
-  const VelmotDescriptionReader reader;
-  EXPECT_EQ(reader.read(std::string(example_file)), read_text(example_file));
-  // The string overload reads text: a path given to it is a command.
-  try {
-    reader.read(file.path);
-    FAIL() << "a path read as text must fail";
-  } catch (const DataIOException& e) {
-    EXPECT_EQ(e.get_line_no(), 1);
-    EXPECT_EQ(e.get_message(), "invalid command: " + file.path);
-  }
 }
 
 TEST(DescriptionReader, ErrorsNameTheLineAndTheFault) {
@@ -125,7 +118,9 @@ TEST(DescriptionReader, ErrorsNameTheLineAndTheFault) {
       {"feature nominal 0 red", "line 1: error parsing int from 'nominal'"},
       {"feature 1 x y", "line 1: error parsing int from 'x'"},
   };
-  for (const auto& text_and_error : cases) EXPECT_EQ(read_error(text_and_error.first), text_and_error.second);
+  for (const auto& text_and_error : cases) {
+    EXPECT_EQ(error_of([&] { read_text(text_and_error.first); }), text_and_error.second);
+  }
 }
 
 TEST(DescriptionReader, LabelTypesCommentsAndRepeatedCommands) {
@@ -150,6 +145,11 @@ TEST(DescriptionReader, LabelTypesCommentsAndRepeatedCommands) {
   EXPECT_EQ(labels.get_string_label(2), "deux");
   EXPECT_EQ(labels.get_feature_name(3), "size");
   EXPECT_EQ(labels.get_feature_name(0), "x");
+
+  // Columns may be ignored before the feature count is set, and twice.
+  const DataSetDescription early = read_text("ignore 2\nnum-features 6\nignore 5\nignore 5\n");
+  EXPECT_EQ(early.get_num_ignorable_flags(), 6u);
+  EXPECT_EQ(early.get_ignored_columns(), (std::set<int>{2, 5}));
 }
 
 TEST(DescriptionReader, ParseIntAcceptsDigitsOnlyAndWrapsAround) {
@@ -161,22 +161,10 @@ TEST(DescriptionReader, ParseIntAcceptsDigitsOnlyAndWrapsAround) {
   // 10^20 mod 2^32 = 1661992960.
   EXPECT_EQ(reader.parse_int(1, "100000000000000000000"), 1661992960);
   for (const char* bad : {"-1", "+1", "1a", " 1", "1.5"}) {
-    try {
-      reader.parse_int(9, bad);
-      ADD_FAILURE() << bad << " was accepted";
-    } catch (const DataIOException& e) {
-      EXPECT_EQ(e.get_line_no(), 9);
-      EXPECT_EQ(e.get_message(), std::string("error parsing int from '") + bad + "'");
-    }
+    EXPECT_EQ(error_of([&] { reader.parse_int(9, bad); }), std::string("line 9: error parsing int from '") + bad + "'");
   }
   // 4294967295 wraps to -1, which class-column accepts.
   EXPECT_EQ(read_text("class-column 4294967295").get_class_column(), -1);
   // The largest feature count is cheap to declare.
   EXPECT_EQ(read_text("num-features 2147483647").get_num_features(), 2147483647);
-}
-
-TEST(DescriptionReader, IgnoreBeforeAndBelowTheFeatureCount) {
-  const DataSetDescription early = read_text("ignore 2\nnum-features 6\nignore 5\nignore 5\n");
-  EXPECT_EQ(early.get_num_ignorable_flags(), 6u);
-  EXPECT_EQ(early.get_ignored_columns(), (std::set<int>{2, 5}));
 }

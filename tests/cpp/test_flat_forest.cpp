@@ -1,7 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <omp.h>
-
 #include <cmath>
 #include <limits>
 #include <memory>
@@ -12,7 +10,6 @@
 #include "velmot/dataset/dataset.h"
 #include "velmot/defs/contiguous_array_2d.h"
 #include "velmot/learn/flat_forest.h"
-#include "velmot/learn/forest_classifier.h"
 #include "velmot/learn/tree.h"
 
 using Velmot::Array1D;
@@ -27,7 +24,8 @@ namespace {
 
 const double not_a_number = std::numeric_limits<double>::quiet_NaN();
 
-// A (5, n) tree array, row-major, in element type E.
+// A (5, n) tree array, row-major, in element type E, and the two ways of
+// reading it.
 template <class E>
 struct Encoding {
   explicit Encoding(const std::vector<std::vector<double>>& rows) : n(static_cast<int>(rows[0].size())) {
@@ -36,27 +34,17 @@ struct Encoding {
     }
   }
   Array1D<E> row(int r) { return Array1D<E>(cells.data() + r * n, n); }
+  Node<int>* linked() { return VectorizedTree<int>().vector_to_root(n, row(0), row(1), row(2), row(3), row(4), false); }
+  FlatTree flat() { return Velmot::flatten_encoded_tree(n, row(0), row(1), row(2), row(3), row(4)); }
   int n;
   std::vector<E> cells;
 };
 
-// What each way of reading the encoding makes of it: the message it throws,
-// or "" and the tree.
-template <class E>
-std::string linked(Encoding<E>& e, std::unique_ptr<Node<int>>& root) {
+// The message of the library exception that call throws, or "".
+template <class Call>
+std::string message_of(Call call) {
   try {
-    VectorizedTree<int> tree;
-    root.reset(tree.vector_to_root(e.n, e.row(0), e.row(1), e.row(2), e.row(3), e.row(4), false));
-  } catch (const Velmot::Exception& error) {
-    return error.get_message();
-  }
-  return "";
-}
-
-template <class E>
-std::string flat(Encoding<E>& e, FlatTree& tree) {
-  try {
-    tree = Velmot::flatten_encoded_tree(e.n, e.row(0), e.row(1), e.row(2), e.row(3), e.row(4));
+    call();
   } catch (const Velmot::Exception& error) {
     return error.get_message();
   }
@@ -76,15 +64,6 @@ int linked_label(const Node<int>* root, const std::vector<double>& x) {
   one.labels.assign(1, 0);
   const Node<int>* leaf = root->find_leaf(one, 0);
   return leaf == nullptr ? std::numeric_limits<int>::min() : leaf->get_label();
-}
-
-std::string check_message(const FlatForest& forest, size_t num_features) {
-  try {
-    forest.check_features(num_features);
-  } catch (const Velmot::Exception& error) {
-    return error.get_message();
-  }
-  return "";
 }
 
 }  // namespace
@@ -123,14 +102,15 @@ TEST(FlatForest, EncodingsReadAsTheLinkedReaderReadsThem) {
     Encoding<float> narrow(rows);
     std::unique_ptr<Node<int>> root;
     FlatTree tree, narrow_tree;
-    const std::string expected = linked(wide, root);
-    ASSERT_EQ(flat(wide, tree), expected) << "trial " << trial;
-    ASSERT_EQ(flat(narrow, narrow_tree), linked(narrow, root)) << "trial " << trial;
+    const std::string expected = message_of([&] { root.reset(wide.linked()); });
+    ASSERT_EQ(message_of([&] { tree = wide.flat(); }), expected) << "trial " << trial;
+    ASSERT_EQ(message_of([&] { narrow_tree = narrow.flat(); }), message_of([&] { root.reset(narrow.linked()); }))
+        << "trial " << trial;
     if (!expected.empty()) {
       ++refused;
       continue;
     }
-    linked(wide, root);
+    root.reset(wide.linked());
     ++accepted;
     for (int probe = 0; probe < 20; ++probe) {
       // Wide enough for any feature a spoilt cell can name (at most 9).
@@ -151,11 +131,8 @@ TEST(FlatForest, LinkedAndEncodedTreesLayOutAlike) {
   const std::vector<std::vector<double>> rows = {
       {1, -1, 3, -1, -1}, {2, -1, -1, -1, 4}, {1, 9, 0, 9, 5}, {0.5, 0, 2.0, 0, 0}, {-2, 2, -2, 0, 1}};
   Encoding<double> e(rows);
-  std::unique_ptr<Node<int>> root;
-  FlatTree from_array, from_nodes;
-  ASSERT_EQ(flat(e, from_array), "");
-  ASSERT_EQ(linked(e, root), "");
-  from_nodes = Velmot::flatten_tree(root.get());
+  const std::unique_ptr<Node<int>> root(e.linked());
+  const FlatTree from_array = e.flat(), from_nodes = Velmot::flatten_tree(root.get());
   ASSERT_EQ(from_array.nodes.size(), 5u);  // root, two children, the right one's pair
   ASSERT_EQ(from_nodes.nodes.size(), 5u);
   for (size_t p = 0; p < 5; ++p) {
@@ -187,6 +164,9 @@ TEST(FlatForest, FeatureCheckReportsTheFirstNodeInTheLinkedOrder) {
   std::unique_ptr<Node<int>> fine(stump(0, 1)), both_bad(stump(5, 7)), negative(stump(0, -4));
   FlatForest forest;
   forest.append(Velmot::flatten_tree(fine.get()));
+  auto check_message = [](const FlatForest& trees, size_t num_features) {
+    return message_of([&] { trees.check_features(num_features); });
+  };
   EXPECT_EQ(check_message(forest, 2), "");
   EXPECT_EQ(check_message(forest, 1), "tree node tests feature 1 but the data has 1 features");
   forest.append(Velmot::flatten_tree(both_bad.get()));
@@ -198,63 +178,4 @@ TEST(FlatForest, FeatureCheckReportsTheFirstNodeInTheLinkedOrder) {
   FlatForest with_negative;
   with_negative.append(Velmot::flatten_tree(negative.get()));
   EXPECT_EQ(check_message(with_negative, 3), "tree node tests feature -4 but the data has 3 features");
-}
-
-// Batch prediction walks eight instances in lockstep over gathered rows;
-// on random trees (leaves at many depths), values equal to thresholds, NaN
-// and partial groups it must agree with walking each instance alone.
-TEST(FlatForest, LockstepBatchAgreesWithSingleWalks) {
-  std::mt19937 rng(11);
-  const size_t nf = 3;
-  std::vector<std::vector<double>> columns(nf);
-  for (int i = 0; i < 203; ++i) {
-    for (size_t f = 0; f < nf; ++f) columns[f].push_back(rng() % 17 == 0 ? not_a_number : static_cast<double>(rng() % 8) / 2.0);
-  }
-  MemoryDataSet<double, int> data(nf);
-  data.features = columns;
-  data.labels.assign(columns[0].size(), 0);
-  data.set_num_classes(4);
-
-  // Random full trees, grown by splitting random leaves.
-  std::vector<std::unique_ptr<Node<int>>> owned;
-  std::vector<Node<int>*> roots;
-  for (int t = 0; t < 9; ++t) {
-    owned.emplace_back(new Node<int>());
-    std::vector<Node<int>*> leaves{owned.back().get()};
-    const int splits = static_cast<int>(rng() % 30);
-    for (int s = 0; s < splits; ++s) {
-      const size_t k = rng() % leaves.size();
-      Node<int>* node = leaves[k];
-      node->set_left(new Node<int>());
-      node->set_right(new Node<int>());
-      node->set_feature_index(static_cast<int>(rng() % nf));
-      node->set_threshold(static_cast<double>(rng() % 8) / 2.0);
-      leaves[k] = node->get_left();
-      leaves.push_back(node->get_right());
-    }
-    for (Node<int>* leaf : leaves) leaf->set_label(static_cast<int>(rng() % 5) - 1);
-    roots.push_back(owned.back().get());
-  }
-
-  Velmot::ForestPredictor<int> predictor(4);
-  predictor.use_forest(roots);
-  omp_set_num_threads(1);
-  std::vector<int> one_by_one;
-  for (size_t i = 0; i < data.get_num_instances(); ++i) one_by_one.push_back(predictor.predict(data, i));
-  std::vector<int> batch;
-  for (const int threads : {1, 2}) {
-    omp_set_num_threads(threads);
-    predictor.predict(data, batch);
-    EXPECT_EQ(batch, one_by_one);
-  }
-  omp_set_num_threads(1);
-
-  // The same forest handed over flat predicts the same.
-  FlatForest flat_forest;
-  for (const Node<int>* root : roots) flat_forest.append(Velmot::flatten_tree(root));
-  Velmot::ForestPredictor<int> flat_predictor(4);
-  flat_predictor.use_forest(std::move(flat_forest));
-  std::vector<int> from_flat;
-  flat_predictor.predict(data, from_flat);
-  EXPECT_EQ(from_flat, one_by_one);
 }

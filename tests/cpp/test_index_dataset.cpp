@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cmath>
 #include <functional>
+#include <type_traits>
+#include <utility>
 #include <vector>
 
 #include "velmot/dataset/dataset.h"
@@ -52,78 +54,62 @@ TEST(IndexedDataSet, BufferingRefreshesOnlyTheRange) {
   EXPECT_EQ(indexed.get_label(3), 0);
 }
 
-TEST(IndexedDataSet, SmallByteRangeUsesTheComparisonSort) {
-  // cells 3 x 2 = 6; 2 x 6 = 12 > 4 log2 4 = 8: comparison sort, no workspace.
-  const auto data = one_feature<unsigned char, int>({3, 1, 3, 2}, {1, 0, 0, 1});
-  auto indexed = all_of(data);
-  indexed.buffer_feature(0, 0, 4);
-  indexed.sort_buffered_feature(0, 0, 4);
-  EXPECT_TRUE(indexed.flexi_sort.counts.empty());
-  std::vector<unsigned char> values;
-  for (size_t i = 0; i < 4; ++i) values.push_back(indexed.get_buffered_feature_label(i).first);
-  EXPECT_EQ(values, (std::vector<unsigned char>{1, 2, 3, 3}));
-  EXPECT_EQ(indexed.get_buffered_feature_label(0).second, 0);
-  EXPECT_EQ(indexed.get_buffered_feature_label(1).second, 1);
-}
-
-TEST(IndexedDataSet, CountingSortOrdersEqualValuesByLabel) {
-  std::vector<unsigned char> values;
-  std::vector<int> labels;
-  for (int i = 0; i < 1000; ++i) {
-    values.push_back(static_cast<unsigned char>((i * 7) % 10));
-    labels.push_back((i * 13 + i / 10) % 2);
-  }
+// Sorts feature 0 of all instances by value: the pairs must come out as
+// std::sort orders them (with `sorted_labels` for the labels, if given),
+// and the counting sort must run, with a workspace of at least `cells`,
+// exactly when `cells` > 0; a second, smaller sort then keeps the workspace.
+template <class F, class L>
+void expect_value_sort(const std::vector<F>& values, const std::vector<L>& labels, size_t cells,
+                       std::vector<L> sorted_labels = {}) {
+  if (sorted_labels.empty()) sorted_labels = labels;
+  const size_t n = values.size();
+  std::vector<std::pair<F, L>> expected;
+  for (size_t i = 0; i < n; ++i) expected.emplace_back(values[i], sorted_labels[i]);
+  std::sort(expected.begin(), expected.end());
   const auto data = one_feature(values, labels);
   auto indexed = all_of(data);
-  indexed.buffer_feature(0, 0, 1000);
-  indexed.sort_buffered_feature(0, 0, 1000);
-  EXPECT_GE(indexed.flexi_sort.counts.size(), 20u);
-  std::vector<std::pair<unsigned char, int>> expected;
-  for (size_t i = 0; i < 1000; ++i) expected.emplace_back(values[i], labels[i]);
-  std::sort(expected.begin(), expected.end());
-  for (size_t i = 0; i < 1000; ++i) ASSERT_EQ(indexed.get_buffered_feature_label(i), expected[i]) << i;
-  // The workspace is kept and reused: a second sort does not shrink it.
+  indexed.buffer_feature(0, 0, n);
+  indexed.sort_buffered_feature(0, 0, n);
+  const std::vector<std::pair<F, L>> sorted(indexed.buffered_pairs(0), indexed.buffered_pairs(n));
+  EXPECT_EQ(sorted, expected);
+  EXPECT_EQ(indexed.flexi_sort.counts.empty(), cells == 0);
+  EXPECT_GE(indexed.flexi_sort.counts.size(), cells);
+  if (cells == 0) return;
   const size_t workspace = indexed.flexi_sort.counts.size();
-  indexed.buffer_feature(0, 0, 500);
-  indexed.sort_buffered_feature(0, 0, 500);
+  indexed.buffer_feature(0, 0, n / 2);
+  indexed.sort_buffered_feature(0, 0, n / 2);
   EXPECT_EQ(indexed.flexi_sort.counts.size(), workspace);
 }
 
-TEST(IndexedDataSet, CountingSortChoiceRuleAtItsBoundary) {
-  // n = 16: n log2 n = 64. Values 0..31 with one label: cells 32, 2 x 32 = 64
-  // <= 64 counts; values 0..32 (cells 33) do not.
-  for (const int top : {31, 32}) {
-    std::vector<int> values, labels(16, 0);
-    for (int i = 0; i < 16; ++i) values.push_back(i == 15 ? top : 14 - i);
-    const auto data = one_feature(values, labels);
-    auto indexed = all_of(data);
-    indexed.buffer_feature(0, 0, 16);
-    indexed.sort_buffered_feature(0, 0, 16);
-    EXPECT_EQ(indexed.flexi_sort.counts.empty(), top == 32) << top;
-    EXPECT_EQ(indexed.get_buffered_feature_label(15).first, top);
+// The value sort of integer features counts when 2 max(n, cells) <= n log2 n
+// (cells: value range times label range), else compares.
+TEST(IndexedDataSet, ValueSortCountsOnlyWhereItIsCheaper) {
+  // Cells 3 x 2 = 6; 2 x 6 = 12 > 4 log2 4 = 8: compared.
+  expect_value_sort<unsigned char, int>({3, 1, 3, 2}, {1, 0, 0, 1}, 0);
+  std::vector<unsigned char> bytes;
+  std::vector<int> labels;
+  for (int i = 0; i < 1000; ++i) {
+    bytes.push_back(static_cast<unsigned char>((i * 7) % 10));
+    labels.push_back((i * 13 + i / 10) % 2);
   }
-}
-
-TEST(IndexedDataSet, CountingSortMovesRealLabelsOntoItsGrid) {
-  // 64 instances, values 0..3, labels 0.5 and 2.7: lr = 3, cells 12, chosen.
+  expect_value_sort(bytes, labels, 20);
+  // n = 16: n log2 n = 64. Values 0..31 with one label: cells 32, 2 x 32 =
+  // 64 <= 64 counts; values 0..32 (cells 33) do not.
+  for (const int top : {31, 32}) {
+    std::vector<int> values;
+    for (int i = 0; i < 16; ++i) values.push_back(i == 15 ? top : 14 - i);
+    expect_value_sort(values, std::vector<int>(16, 0), top == 31 ? 32 : 0);
+  }
+  // Values 0..3, real labels 0.5 and 2.7: label range 3, 12 cells, counted;
+  // 2.7 comes back on the grid from 0.5 as 1.5.
   std::vector<int> values;
-  std::vector<double> labels;
+  std::vector<double> real, on_grid;
   for (int i = 0; i < 64; ++i) {
     values.push_back(i % 4);
-    labels.push_back(i % 3 == 0 ? 2.7 : 0.5);
+    real.push_back(i % 3 == 0 ? 2.7 : 0.5);
+    on_grid.push_back(i % 3 == 0 ? 1.5 : 0.5);
   }
-  const auto data = one_feature(values, labels);
-  auto indexed = all_of(data);
-  indexed.buffer_feature(0, 0, 64);
-  indexed.sort_buffered_feature(0, 0, 64);
-  ASSERT_FALSE(indexed.flexi_sort.counts.empty());
-  int moved = 0;
-  for (size_t i = 0; i < 64; ++i) {
-    const double label = indexed.get_buffered_feature_label(i).second;
-    EXPECT_TRUE(label == 0.5 || label == 1.5) << label;
-    moved += label == 1.5;
-  }
-  EXPECT_EQ(moved, 22);
+  expect_value_sort(values, real, 12, on_grid);
 }
 
 // Labels that follow the positions stay with their instances through every
@@ -162,22 +148,37 @@ TEST(IndexedDataSet, FollowedLabelsStayWithTheirInstances) {
   EXPECT_EQ(following.get_label(700), data.get_label(3));
 }
 
-TEST(IndexedDataSet, PartitionSendsValuesBelowTheThresholdFirst) {
-  const auto data = one_feature<double, int>({3, 1, 2.5, 2, std::nan("")}, {0, 0, 0, 0, 0});
+// Partitions send the values below the threshold first, NaN last, and
+// move only their range; the grower's stable ones keep each part in
+// position order, and by rank split alike given the first rank going right.
+TEST(IndexedDataSet, PartitionsSendValuesBelowTheThresholdFirst) {
+  Velmot::MemoryDataSet<double, int> data(2);
+  data.features = {{3, 1, 2.5, 2, std::nan(""), 0.5}, {3, 1, 2.5, 2, 7, 0.5}};
+  data.labels = {0, 1, 0, 1, 0, 1};
   auto indexed = all_of(data);
-  EXPECT_EQ(indexed.partition(0, 0, 5, 2.5), 2u);
-  std::vector<double> front{data(indexed.indices[0], 0), data(indexed.indices[1], 0)};
+  EXPECT_EQ(indexed.partition(0, 0, 6, 2.5), 3u);
+  std::vector<double> front{data(indexed.indices[0], 0), data(indexed.indices[1], 0), data(indexed.indices[2], 0)};
   std::sort(front.begin(), front.end());
-  EXPECT_EQ(front, (std::vector<double>{1, 2}));
+  EXPECT_EQ(front, (std::vector<double>{0.5, 1, 2}));
   std::vector<uint64_t> all(indexed.indices);
   std::sort(all.begin(), all.end());
-  EXPECT_EQ(all, (std::vector<uint64_t>{0, 1, 2, 3, 4}));
-
-  // Only the given range moves.
+  EXPECT_EQ(all, (std::vector<uint64_t>{0, 1, 2, 3, 4, 5}));
   auto partial = all_of(data);
   EXPECT_EQ(partial.partition(0, 1, 3, 2.0), 1u);
   EXPECT_EQ(partial.indices[0], 0u);
   EXPECT_EQ(partial.indices[3], 3u);
+
+  auto by_value = all_of(data);
+  by_value.follow_labels();
+  EXPECT_EQ(by_value.partition_keeping_order(0, 0, 6, 2.5), 3u);
+  EXPECT_EQ(by_value.indices, (std::vector<uint64_t>{1, 3, 5, 0, 2, 4}));
+  EXPECT_EQ(by_value.position_labels, (std::vector<int>{1, 1, 1, 0, 0, 0}));
+  const Velmot::FeatureRanks<double> ranks(data);
+  auto by_rank = all_of(data);
+  by_rank.ranks = &ranks;
+  // Ranks of feature 1: 0.5 -> 0, 1 -> 1, 2 -> 2, 2.5 -> 3, 3 -> 4, 7 -> 5.
+  EXPECT_EQ(by_rank.partition_by_rank_keeping_order(1, 0, 6, 3), 3u);
+  EXPECT_EQ(by_rank.indices, by_value.indices);
 }
 
 TEST(RangeDataSet, ViewsItsSliceAndTestsHomogeneity) {
@@ -201,55 +202,77 @@ TEST(RangeDataSet, ViewsItsSliceAndTestsHomogeneity) {
   EXPECT_EQ(range.partition(0, 5.0), 3u);
 }
 
-// The rank sorts used by the forest (packed keys for integer labels, ranks
-// beside labels for real ones) and the value sort leave the same pairs:
-// ascending values, equal values by ascending label, whatever order the
-// positions came in. Sizes cover the small, counting and radix paths.
-template <class L>
-void check_rank_sort_matches_value_sort(typename Velmot::IndexedDataSet<Velmot::MemoryDataSet<double, L>>::SortedForm
-                                            expected_form) {
-  typedef Velmot::IndexedDataSet<Velmot::MemoryDataSet<double, L>> Indexed;
-  for (const size_t n : {5u, 100u, 1500u, 6000u}) {
-    for (const int distinct : {3, 100000}) {
-      Velmot::MemoryDataSet<double, L> data(1);
-      data.nc = 3;
-      Velmot::XorShiftRNG gen(Velmot::XorShiftState{1, 2, 3, static_cast<int64_t>(n)});
-      for (size_t i = 0; i < 20000; ++i) {
-        data.features[0].push_back(static_cast<double>(gen.next_int(distinct)) * 0.25 - 7);
-        data.labels.push_back(static_cast<L>(gen.next_int(3)));
-      }
-      const Velmot::FeatureRanks<double> ranks(data);
-      Indexed by_value(&data);
-      for (size_t i = 0; i < n + 10; ++i) by_value.add_index(static_cast<uint64_t>(gen.next_int(20000)));
-      auto by_rank = by_value;
-      by_rank.ranks = &ranks;
-      ASSERT_TRUE(by_rank.buffer_sorted_feature_unless_constant(0, 10, n + 10));
-      ASSERT_EQ(by_rank.sorted_form(), expected_form);
-      by_value.buffer_feature(0, 10, n + 10);
-      by_value.sort_buffered_feature(0, 10, n + 10);
-      const double* value_of_rank = by_rank.sorted_values();
-      for (size_t i = 0; i < n; ++i) {
-        const auto& expected = by_value.get_buffered_feature_label(10 + i);
-        ASSERT_EQ(value_of_rank[by_rank.sorted_rank(i)], expected.first) << n << " " << i;
-        ASSERT_EQ(by_rank.sorted_label(i), expected.second) << n << " " << i;
-        if (i > 0) {
-          const auto& before = by_value.get_buffered_feature_label(9 + i);
-          // Ranks are equal exactly when values are; equal values by label.
-          ASSERT_EQ(by_rank.sorted_rank(i) == by_rank.sorted_rank(i - 1), expected.first == before.first);
-          ASSERT_TRUE(before.first < expected.first || (before.first == expected.first && before.second <= expected.second));
-        }
-      }
+template <class F, class L>
+using Indexed = Velmot::IndexedDataSet<Velmot::MemoryDataSet<F, L>>;
+
+// The (value, label) pairs of positions [begin, end) as
+// buffer_sorted_feature_unless_constant leaves them, whichever form holds
+// them; with ranks, equal ranks must mean equal values.
+template <class F, class L>
+std::vector<std::pair<F, L>> grower_sorted(Indexed<F, L>& indexed, size_t begin, size_t end) {
+  EXPECT_TRUE(indexed.buffer_sorted_feature_unless_constant(0, begin, end));
+  std::vector<std::pair<F, L>> pairs;
+  for (size_t i = 0; i < end - begin; ++i) {
+    if (indexed.sorted_form() == indexed.in_buffer) {
+      pairs.push_back(indexed.sorted_pairs()[i]);
+      continue;
     }
+    pairs.emplace_back(indexed.sorted_values()[indexed.sorted_rank(i)], indexed.sorted_label(i));
+    if (i > 0) {
+      EXPECT_EQ(indexed.sorted_rank(i) == indexed.sorted_rank(i - 1), pairs[i].first == pairs[i - 1].first);
+    }
+  }
+  return pairs;
+}
+
+// Every sort the grower may use (the value sorts, compared or counted; the
+// packed sort of ranks or byte values, compared, bucketed, counted or by
+// radix; ranks beside real labels) must leave a range's pairs as std::sort
+// orders them, ascending values and equal values by label, whatever order
+// the positions come in. Positions repeat and ranks are of all 20000
+// instances, so a range's ranks are sparse.
+template <class F, class L>
+void check_grower_sort(int distinct, bool use_ranks, typename Indexed<F, L>::SortedForm form) {
+  for (const size_t n : {5u, 40u, 300u, 1500u, 6000u}) {
+    SCOPED_TRACE(::testing::Message() << distinct << " values, " << n << " positions");
+    Velmot::MemoryDataSet<F, L> data(1);
+    data.nc = 4;
+    Velmot::XorShiftRNG gen(Velmot::XorShiftState{1, 2, 3, static_cast<int64_t>(n)});
+    for (size_t i = 0; i < 20000; ++i) {
+      F value = static_cast<F>(gen.next_int(distinct));
+      if constexpr (std::is_floating_point<F>::value) value = value * F(0.25) - F(7);
+      data.features[0].push_back(value);
+      data.labels.push_back(static_cast<L>(gen.next_int(4)));
+    }
+    const Velmot::FeatureRanks<F> ranks(data);
+    Indexed<F, L> forwards(&data);
+    if (use_ranks) forwards.ranks = &ranks;
+    for (size_t i = 0; i < n + 10; ++i) forwards.add_index(static_cast<uint64_t>(gen.next_int(20000)));
+    std::vector<std::pair<F, L>> expected;
+    for (size_t p = 10; p < n + 10; ++p) expected.emplace_back(forwards(p, 0), forwards.get_label(p));
+    std::sort(expected.begin(), expected.end());
+    auto backwards = forwards;
+    std::reverse(backwards.indices.begin() + 10, backwards.indices.end());
+    ASSERT_EQ(grower_sorted(forwards, 10, n + 10), expected);
+    ASSERT_EQ(grower_sorted(backwards, 10, n + 10), expected);
+    ASSERT_EQ(forwards.sorted_form(), form);
+    ASSERT_EQ(backwards.sorted_form(), form);
   }
 }
 
-TEST(IndexedDataSet, RankSortMatchesTheValueSort) {
-  typedef Velmot::IndexedDataSet<Velmot::MemoryDataSet<double, int>> IntLabels;
-  typedef Velmot::IndexedDataSet<Velmot::MemoryDataSet<double, double>> RealLabels;
-  check_rank_sort_matches_value_sort<int>(IntLabels::packed_ranks);
-  check_rank_sort_matches_value_sort<double>(RealLabels::ranks_and_labels);
+TEST(IndexedDataSet, EverySortOfTheGrowerOrdersAsStdSort) {
+  check_grower_sort<double, int>(3, true, Indexed<double, int>::packed_ranks);
+  check_grower_sort<double, int>(100000, true, Indexed<double, int>::packed_ranks);
+  check_grower_sort<float, int>(100000, true, Indexed<float, int>::packed_ranks);
+  check_grower_sort<double, double>(3, true, Indexed<double, double>::ranks_and_labels);
+  check_grower_sort<double, double>(100000, true, Indexed<double, double>::ranks_and_labels);
+  check_grower_sort<double, int>(9, false, Indexed<double, int>::in_buffer);
+  check_grower_sort<int, int>(5, false, Indexed<int, int>::in_buffer);
+  check_grower_sort<int, int>(1000000, false, Indexed<int, int>::in_buffer);
+  check_grower_sort<unsigned char, int>(7, false, Indexed<unsigned char, int>::packed_values);
+}
 
-  // Constant on the range: refused, whichever way.
+TEST(IndexedDataSet, ConstantRangesAreRefusedWhicheverWay) {
   const auto data = one_feature<double, int>({2, 2, 2, 5}, {0, 1, 0, 1});
   const Velmot::FeatureRanks<double> ranks(data);
   auto indexed = all_of(data);
@@ -263,81 +286,6 @@ TEST(IndexedDataSet, RankSortMatchesTheValueSort) {
   EXPECT_EQ(indexed.sorted_form(), decltype(indexed)::in_buffer);
   EXPECT_EQ(indexed.get_buffered_feature_label(3).first, 5.0);
 }
-
-}  // namespace
-
-namespace {
-
-// The sorted (value, label) pairs a range leaves, whichever form holds them.
-template <class F, class L>
-std::vector<std::pair<F, L>> sorted_pairs(Velmot::IndexedDataSet<Velmot::MemoryDataSet<F, L>>& indexed, size_t n) {
-  std::vector<std::pair<F, L>> pairs;
-  for (size_t i = 0; i < n; ++i) {
-    if (indexed.sorted_form() == indexed.in_buffer) {
-      pairs.push_back(indexed.get_buffered_feature_label(i));
-    } else {
-      pairs.emplace_back(indexed.sorted_values()[indexed.sorted_rank(i)], indexed.sorted_label(i));
-    }
-  }
-  return pairs;
-}
-
-// The grower keeps its positions in whatever order gathers fastest, so the
-// sort must not depend on it: a range and the same range reversed sort
-// alike, for every sort (small and large integer ranges, counting and
-// comparison; values and ranks, small and radix sizes).
-template <class F>
-void check_sort_ignores_position_order(int value_range, bool use_ranks) {
-  for (const size_t n : {40u, 300u, 5000u}) {
-    Velmot::MemoryDataSet<F, int> data(1);
-    data.nc = 4;
-    Velmot::XorShiftRNG gen(Velmot::XorShiftState{5, 6, 7, static_cast<int64_t>(n)});
-    for (size_t i = 0; i < n; ++i) {
-      data.features[0].push_back(static_cast<F>(gen.next_int(value_range)));
-      data.labels.push_back(static_cast<int>(gen.next_int(4)));
-    }
-    const Velmot::FeatureRanks<F> ranks(data);
-    auto forwards = all_of(data);
-    auto backwards = all_of(data);
-    std::reverse(backwards.indices.begin(), backwards.indices.end());
-    forwards.ranks = backwards.ranks = use_ranks ? &ranks : nullptr;
-    ASSERT_TRUE(forwards.buffer_sorted_feature_unless_constant(0, 0, n));
-    ASSERT_TRUE(backwards.buffer_sorted_feature_unless_constant(0, 0, n));
-    const auto expected = sorted_pairs(forwards, n);
-    ASSERT_EQ(sorted_pairs(backwards, n), expected) << value_range << " " << n;
-    ASSERT_TRUE(std::is_sorted(expected.begin(), expected.end())) << value_range << " " << n;
-  }
-}
-
-TEST(IndexedDataSet, SortedPairsDoNotDependOnPositionOrder) {
-  check_sort_ignores_position_order<int>(5, false);
-  check_sort_ignores_position_order<int>(1000000, false);
-  check_sort_ignores_position_order<unsigned char>(7, false);
-  check_sort_ignores_position_order<double>(9, false);
-  check_sort_ignores_position_order<double>(9, true);
-  check_sort_ignores_position_order<float>(100000, true);
-}
-
-// The grower's stable partitions split exactly as partition does and keep
-// each part in position order; by rank, given the first rank going right.
-TEST(IndexedDataSet, PartitionKeepingOrderSplitsLikePartition) {
-  const auto data = one_feature<double, int>({3, 1, 2.5, 2, 7, 0.5}, {0, 1, 0, 1, 0, 1});
-  const Velmot::FeatureRanks<double> ranks(data);
-  auto by_value = all_of(data);
-  by_value.follow_labels();
-  EXPECT_EQ(by_value.partition_keeping_order(0, 0, 6, 2.5), 3u);
-  EXPECT_EQ(by_value.indices, (std::vector<uint64_t>{1, 3, 5, 0, 2, 4}));
-  EXPECT_EQ(by_value.position_labels, (std::vector<int>{1, 1, 1, 0, 0, 0}));
-  auto by_rank = all_of(data);
-  by_rank.ranks = &ranks;
-  // Ranks: 0.5 -> 0, 1 -> 1, 2 -> 2, 2.5 -> 3, 3 -> 4, 7 -> 5.
-  EXPECT_EQ(by_rank.partition_by_rank_keeping_order(0, 0, 6, 3), 3u);
-  EXPECT_EQ(by_rank.indices, by_value.indices);
-}
-
-}  // namespace
-
-namespace {
 
 // Every path of the packed sort against std::sort: comparison (small),
 // buckets, buckets overflowing on clustered keys (radix instead), dense keys

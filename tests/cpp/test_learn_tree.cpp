@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
+#include <memory>
 #include <set>
 #include <vector>
 
@@ -16,16 +18,19 @@ using Data = Velmot::MemoryDataSet<int, int>;
 using Indexed = Velmot::IndexedDataSet<Data>;
 using Tree = std::unique_ptr<Velmot::Node<int>>;
 
-Data columns(const std::vector<std::vector<int>>& features, const std::vector<int>& labels, int num_classes) {
-  Data data(features.size());
+template <class F = int, class L = int>
+Velmot::MemoryDataSet<F, L> columns(const std::vector<std::vector<F>>& features, const std::vector<L>& labels,
+                                    int num_classes) {
+  Velmot::MemoryDataSet<F, L> data(features.size());
   data.nc = static_cast<size_t>(num_classes);
   data.features = features;
   data.labels = labels;
   return data;
 }
 
-Indexed all_of(const Data& data) {
-  Indexed indexed(&data);
+template <class D>
+Velmot::IndexedDataSet<D> all_of(const D& data) {
+  Velmot::IndexedDataSet<D> indexed(&data);
   indexed.use_all_instances();
   return indexed;
 }
@@ -42,10 +47,15 @@ void expect_same_state(const Velmot::XorShiftRNG& a, const Velmot::XorShiftRNG& 
   EXPECT_EQ(a.get_state().w, b.get_state().w);
 }
 
-Tree learn(const Indexed& sample, int fte_per_split, int max_depth, std::vector<double>* importances = nullptr) {
+template <class D, class Criterion = Velmot::TwoSplitGiniImpurity>
+std::unique_ptr<Velmot::Node<typename D::label_type>> learn(const Velmot::IndexedDataSet<D>& sample, int fte_per_split,
+                                                            int max_depth, std::vector<double>* importances = nullptr,
+                                                            int min_leaf_size = 1,
+                                                            const Criterion& criterion = Criterion()) {
   std::vector<double> unused;
-  return Tree(Velmot::learn_tree(sample, fte_per_split, max_depth, 1, Velmot::TwoSplitGiniImpurity(),
-                                 importances != nullptr, importances ? *importances : unused));
+  return std::unique_ptr<Velmot::Node<typename D::label_type>>(
+      Velmot::learn_tree(sample, fte_per_split, max_depth, min_leaf_size, criterion, importances != nullptr,
+                         importances ? *importances : unused));
 }
 
 int depth_of(const Velmot::Node<int>* node) {
@@ -53,46 +63,46 @@ int depth_of(const Velmot::Node<int>* node) {
   return 1 + std::max(depth_of(node->get_left()), depth_of(node->get_right()));
 }
 
-TEST(LearnTree, EmptySampleGivesABareNode) {
-  const Data data = columns({{1, 2}}, {0, 1}, 2);
-  const Indexed empty(&data);
-  const Tree tree = learn(empty, 0, 0);
-  EXPECT_TRUE(tree->is_leaf());
-  EXPECT_EQ(tree->get_label(), -2);
-  EXPECT_EQ(tree->get_feature_index(), -1);
-}
+TEST(LearnTree, EmptyPureAndTinySamplesAreLeaves) {
+  // An empty sample gives a bare node.
+  const Data one_two = columns({{1, 2}}, {0, 1}, 2);
+  const Tree bare = learn(Indexed(&one_two), 0, 0);
+  EXPECT_TRUE(bare->is_leaf());
+  EXPECT_EQ(bare->get_label(), -2);
+  EXPECT_EQ(bare->get_feature_index(), -1);
 
-TEST(LearnTree, PureSampleIsOneLeaf) {
-  const Data data = columns({{1, 2, 3}}, {2, 2, 2}, 3);
+  // A pure sample is one leaf. The empty slot of label 1 ties the empty
+  // slot of label 0: one draw.
+  const Data pure = columns({{1, 2, 3}}, {2, 2, 2}, 3);
   Velmot::XorShiftRNG replay = seeded_replay(17);
-  const Tree tree = learn(all_of(data), 0, 0);
-  EXPECT_TRUE(tree->is_leaf());
-  EXPECT_EQ(tree->get_label(), 2);
-  EXPECT_EQ(tree->get_feature_index(), -1);
-  // The empty slot of label 1 ties the empty slot of label 0: one draw.
+  const Tree leaf = learn(all_of(pure), 0, 0);
+  EXPECT_TRUE(leaf->is_leaf());
+  EXPECT_EQ(leaf->get_label(), 2);
+  EXPECT_EQ(leaf->get_feature_index(), -1);
   replay.next_int();
   expect_same_state(*Velmot::get_rng(), replay);
-}
 
-TEST(LearnTree, TwoAndThreeInstanceNodesAreLeaves) {
   // Two instances: the search returns its seed, nothing goes left, and the
   // leaf label is a draw between the tied labels.
   const Data two = columns({{4, 9}}, {1, 0}, 2);
-  Velmot::XorShiftRNG replay = seeded_replay(5);
-  const Tree leaf = learn(all_of(two), 0, 0);
-  EXPECT_TRUE(leaf->is_leaf());
-  EXPECT_EQ(leaf->get_label(), 0.5 > replay.next_double() ? 1 : 0);
-  EXPECT_EQ(leaf->get_threshold(), 4.0);  // the seed's threshold stays
+  replay = seeded_replay(5);
+  const Tree seed_leaf = learn(all_of(two), 0, 0);
+  EXPECT_TRUE(seed_leaf->is_leaf());
+  EXPECT_EQ(seed_leaf->get_label(), 0.5 > replay.next_double() ? 1 : 0);
+  EXPECT_EQ(seed_leaf->get_threshold(), 4.0);  // the seed's threshold stays
   expect_same_state(*Velmot::get_rng(), replay);
 
-  // Three instances split 2 | 1: no child may have a single instance.
-  const Data three = columns({{1, 2, 3}}, {0, 0, 1}, 2);
-  std::vector<double> importances{0.0};
-  const Tree node = learn(all_of(three), 0, 0, &importances);
-  EXPECT_TRUE(node->is_leaf());
-  EXPECT_EQ(node->get_label(), 0);
-  EXPECT_EQ(node->get_threshold(), 3.0);
-  EXPECT_EQ(importances[0], 1.0);  // credited although the node is a leaf
+  // Three instances split 2 | 1 or 1 | 2: no child may have a single
+  // instance.
+  for (const std::vector<int>& labels : {std::vector<int>{0, 0, 1}, std::vector<int>{0, 1, 1}}) {
+    const Data three = columns({{1, 2, 3}}, labels, 2);
+    std::vector<double> importances{0.0};
+    const Tree node = learn(all_of(three), 0, 0, &importances);
+    EXPECT_TRUE(node->is_leaf());
+    EXPECT_EQ(node->get_label(), labels[1]);
+    EXPECT_EQ(node->get_threshold(), labels[1] == 0 ? 3.0 : 2.0);
+    EXPECT_EQ(importances[0], 1.0);  // credited although the node is a leaf
+  }
 }
 
 TEST(LearnTree, RandomModeDrawsFeaturesAndBreaksTiesAsReplayed) {
@@ -141,15 +151,21 @@ TEST(LearnTree, RandomModeStopsWhenEveryFeatureIsConstant) {
   EXPECT_TRUE(tree->get_right()->is_leaf());
 }
 
-TEST(LearnTree, DepthLimit) {
+TEST(LearnTree, DepthAndLeafSizeLimitsLeaveTheSampleAlone) {
   // Alternating pairs need two levels of splits below the root.
   const Data data = columns({{1, 2, 3, 4, 5, 6, 7, 8}}, {0, 0, 1, 1, 0, 0, 1, 1}, 2);
+  Indexed sample = all_of(data);
+  std::reverse(sample.indices.begin(), sample.indices.end());
+  const std::vector<uint64_t> before = sample.indices;
   seeded_replay(9);
-  EXPECT_EQ(depth_of(learn(all_of(data), 0, 1).get()), 1);
-  EXPECT_EQ(depth_of(learn(all_of(data), 0, 2).get()), 2);
-  const int unlimited = depth_of(learn(all_of(data), 0, 0).get());
+  EXPECT_EQ(depth_of(learn(sample, 0, 1).get()), 1);
+  EXPECT_EQ(depth_of(learn(sample, 0, 2).get()), 2);
+  const int unlimited = depth_of(learn(sample, 0, 0).get());
   EXPECT_GE(unlimited, 3);
-  EXPECT_EQ(depth_of(learn(all_of(data), 0, -4).get()), unlimited);
+  EXPECT_EQ(depth_of(learn(sample, 0, -4).get()), unlimited);
+  // A negative minimum leaf size makes every node a leaf.
+  EXPECT_EQ(depth_of(learn(sample, 0, 0, nullptr, -1).get()), 0);
+  EXPECT_EQ(sample.indices, before);
 }
 
 TEST(LearnTree, AllFeaturesModeEvaluatesEveryFeatureInOrder) {
@@ -170,17 +186,16 @@ TEST(LearnTree, ImportancesAreImprovementTimesSizeThenNormalised) {
   // (One feature per node: in all-features mode the constant feature 0
   // would keep the search going forever.)
   std::vector<double> importances{2.0, 0.0};
-  const Tree tree(Velmot::learn_tree(all_of(data), 1, 0, 1, Velmot::TwoSplitGiniImpurity(), true, importances));
+  learn(all_of(data), 1, 0, &importances);
   EXPECT_EQ(importances, (std::vector<double>{0.2, 0.8}));
 
   std::vector<double> fresh(2, 0.0);
-  const Tree again(Velmot::learn_tree(all_of(data), 1, 0, 1, Velmot::TwoSplitInfoGain(), true, fresh));
+  learn(all_of(data), 1, 0, &fresh, 1, Velmot::TwoSplitInfoGain());
   EXPECT_EQ(fresh, (std::vector<double>{0.0, 1.0}));
 
   // Nothing split: 0 / 0.
-  const Data pure = columns({{1, 2}}, {1, 1}, 2);
   std::vector<double> none{0.0};
-  learn(all_of(pure), 0, 0, &none);
+  learn(all_of(columns({{1, 2}}, {1, 1}, 2)), 0, 0, &none);
   EXPECT_TRUE(std::isnan(none[0]));
 
   std::vector<double> too_short;
@@ -191,50 +206,18 @@ TEST(LearnTree, LabelsOutsideTheHistogramAreRefused) {
   seeded_replay(1);
   EXPECT_THROW(learn(all_of(columns({{1, 2}}, {0, 3}, 2)), 0, 0), Velmot::IncompatibleDataException);
   EXPECT_THROW(learn(all_of(columns({{1, 2}}, {-2, 0}, 2)), 0, 0), Velmot::IncompatibleDataException);
-  Velmot::MemoryDataSet<double, float> real(1);
-  real.nc = 2;
-  real.features[0] = {1, 2};
-  real.labels = {0.5f, -1.0f};
-  Velmot::IndexedDataSet<Velmot::MemoryDataSet<double, float>> sample(&real);
-  sample.use_all_instances();
-  std::vector<double> unused;
-  EXPECT_THROW(Velmot::learn_tree(sample, 0, 0, 1, Velmot::TwoSplitGainRatio(), false, unused),
-               Velmot::IncompatibleDataException);
-}
-
-TEST(LearnTree, NegativeMinLeafSizeMakesEveryNodeALeaf) {
-  const Data data = columns({{1, 2, 3, 4}}, {0, 0, 1, 1}, 2);
-  seeded_replay(6);
-  std::vector<double> unused;
-  const Tree tree(Velmot::learn_tree(all_of(data), 0, 0, -1, Velmot::TwoSplitGiniImpurity(), false, unused));
-  EXPECT_TRUE(tree->is_leaf());
+  const auto real = columns<double, float>({{1, 2}}, {0.5f, -1.0f}, 2);
+  EXPECT_THROW(learn(all_of(real), 0, 0, nullptr, 1, Velmot::TwoSplitGainRatio()), Velmot::IncompatibleDataException);
 }
 
 TEST(LearnTree, RealLabelsGrowTreesOverTheirIntegerParts) {
-  Velmot::MemoryDataSet<double, double> data(1);
-  data.nc = 2;
-  data.features[0] = {1, 2, 3, 4};
-  data.labels = {0.2, 0.9, 1.5, 1.7};
-  Velmot::IndexedDataSet<Velmot::MemoryDataSet<double, double>> indexed(&data);
-  indexed.use_all_instances();
+  const auto data = columns<double, double>({{1, 2, 3, 4}}, {0.2, 0.9, 1.5, 1.7}, 2);
   seeded_replay(8);
-  std::vector<double> unused;
-  std::unique_ptr<Velmot::Node<double>> tree(
-      Velmot::learn_tree(indexed, 0, 0, 1, Velmot::TwoSplitGainRatio(), false, unused));
+  const auto tree = learn(all_of(data), 0, 0, nullptr, 1, Velmot::TwoSplitGainRatio());
   EXPECT_EQ(tree->get_threshold(), 2.5);
   ASSERT_TRUE(tree->get_left() && tree->get_right());
   EXPECT_EQ(tree->get_left()->get_label(), 0.0);
   EXPECT_EQ(tree->get_right()->get_label(), 1.0);
-}
-
-TEST(LearnTree, TheSampleIsNotModified) {
-  const Data data = columns({{4, 3, 2, 1, 8, 7}}, {0, 1, 0, 1, 0, 1}, 2);
-  Indexed sample = all_of(data);
-  sample.indices = {5, 4, 3, 2, 1, 0};
-  const std::vector<uint64_t> before = sample.indices;
-  seeded_replay(1);
-  learn(sample, 0, 0);
-  EXPECT_EQ(sample.indices, before);
 }
 
 }  // namespace

@@ -50,107 +50,91 @@ struct OneNode {
   Velmot::IndexedDataSet<Velmot::MemoryDataSet<F, L>> indexed;
 };
 
-TEST(SplitSearch, LabelChangeRuleSkipsBoundariesInsideAPureRun) {
+// The search's result on one feature of two classes.
+template <class F, class L = int, class Criterion = Velmot::TwoSplitGiniImpurity>
+auto best(const std::vector<F>& values, const std::vector<L>& labels, const Criterion& criterion = Criterion()) {
+  return OneNode<F, L, Criterion>(values, labels, 2).search(criterion);
+}
+
+// Which boundaries the label-change rule lets through (by the size of
+// their left side), and the threshold of the best split.
+TEST(SplitSearch, LabelChangeRuleTiesAndSeeds) {
+  struct Case {
+    std::vector<int> values, labels;
+    std::vector<size_t> scored;
+    int threshold;
+  };
+  const Case cases[] = {
+      {{1, 2, 3}, {0, 0, 1}, {2}, 3},  // only 2 | 3
+      // The flag set at an equal value waits for the next distinct value.
+      {{1, 1, 2}, {0, 1, 1}, {2}, 2},
+      // After a scored boundary the run restarts from its right-hand label.
+      {{1, 2, 3, 4, 5, 6}, {0, 1, 1, 1, 0, 0}, {1, 4}, 5},
+      // Splits 1|2 and 3|4 are equally good; the first one found stays.
+      {{1, 2, 3, 4}, {0, 1, 1, 0}, {1, 3}, 2},
+      // A constant feature keeps the seed.
+      {{7, 7, 7, 7}, {0, 1, 0, 1}, {}, 7},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(::testing::PrintToString(c.values) + " " + ::testing::PrintToString(c.labels));
+    std::vector<size_t> scored;
+    const auto found = best(c.values, c.labels, RecordingGini(&scored));
+    EXPECT_EQ(scored, c.scored);
+    EXPECT_EQ(found.get_maximizer().threshold, c.threshold);
+    EXPECT_EQ(found.get_maximizer().feature_index, 0);
+  }
+
+  // Two instances: never split by the search.
   std::vector<size_t> scored;
-  OneNode<int, int, RecordingGini> node({1, 2, 3}, {0, 0, 1}, 2);
-  const auto best = node.search(RecordingGini(&scored));
-  EXPECT_EQ(scored, (std::vector<size_t>{2}));  // only 2 | 3
-  EXPECT_EQ(best.get_maximizer().threshold, 3);
-  EXPECT_EQ(best.get_maximizer().feature_index, 0);
+  const auto two = best<double>({5, 9}, {0, 1}, RecordingGini(&scored));
+  EXPECT_TRUE(scored.empty());
+  EXPECT_EQ(two.get_maximizer().threshold, 5.0);
+  EXPECT_EQ(two.get_maximizer().best_improvement, 0.0);
+  EXPECT_EQ(two.get_maximum(), 0.0);
 
-  // The flag set at an equal value waits for the next distinct value.
-  scored.clear();
-  OneNode<int, int, RecordingGini> equal({1, 1, 2}, {0, 1, 1}, 2);
-  equal.search(RecordingGini(&scored));
-  EXPECT_EQ(scored, (std::vector<size_t>{2}));
-
-  // After a scored boundary the run restarts from its right-hand label.
-  scored.clear();
-  OneNode<int, int, RecordingGini> runs({1, 2, 3, 4, 5, 6}, {0, 1, 1, 1, 0, 0}, 2);
-  runs.search(RecordingGini(&scored));
-  EXPECT_EQ(scored, (std::vector<size_t>{1, 4}));
+  // Nothing to search: an empty tracker.
+  const auto empty = best<double>({}, {});
+  EXPECT_FALSE(empty.is_initialized());
+  EXPECT_THROW(empty.get_maximizer(), Velmot::EmptyTrackerException);
 }
 
 TEST(SplitSearch, ThresholdsByFeatureType) {
-  EXPECT_EQ((OneNode<unsigned char, int, Velmot::TwoSplitGiniImpurity>({1, 2, 3}, {0, 0, 1}, 2)
-                 .search({}).get_maximizer().threshold),
-            3);
-  EXPECT_EQ((OneNode<double, int, Velmot::TwoSplitGiniImpurity>({1, 2, 3}, {0, 0, 1}, 2)
-                 .search({}).get_maximizer().threshold),
-            2.5);
+  EXPECT_EQ(best<unsigned char>({1, 2, 3}, {0, 0, 1}).get_maximizer().threshold, 3);
+  EXPECT_EQ(best<double>({1, 2, 3}, {0, 0, 1}).get_maximizer().threshold, 2.5);
   // float midpoints are computed in single precision.
   const float low = 0.1f, high = 0.7f;
   const float single = (low + high) * 0.5f;
   ASSERT_NE(static_cast<double>(single), (static_cast<double>(low) + static_cast<double>(high)) * 0.5);
-  EXPECT_EQ((OneNode<float, int, Velmot::TwoSplitGiniImpurity>({low, low, high}, {0, 0, 1}, 2)
-                 .search({}).get_maximizer().threshold),
-            single);
+  EXPECT_EQ(best<float>({low, low, high}, {0, 0, 1}).get_maximizer().threshold, single);
   const double dlow = 0.1, dhigh = 0.7;
-  EXPECT_EQ((OneNode<double, int, Velmot::TwoSplitGiniImpurity>({dlow, dlow, dhigh}, {0, 0, 1}, 2)
-                 .search({}).get_maximizer().threshold),
-            (dlow + dhigh) * 0.5);
+  EXPECT_EQ(best<double>({dlow, dlow, dhigh}, {0, 0, 1}).get_maximizer().threshold, (dlow + dhigh) * 0.5);
 }
 
 TEST(SplitSearch, ScoresAndImprovementOfAPerfectSplit) {
-  OneNode<double, int, Velmot::TwoSplitGiniImpurity> gini({1, 2, 3, 4}, {0, 0, 1, 1}, 2);
-  const auto g = gini.search({});
+  const auto g = best<double>({1, 2, 3, 4}, {0, 0, 1, 1});
   EXPECT_EQ(g.get_maximum(), 2.0);
   EXPECT_EQ(g.get_minimum(), 0.0);  // overwritten from the finished maximum
   EXPECT_EQ(g.get_maximizer().best_improvement, 2.0);
   EXPECT_EQ(g.get_maximizer().threshold, 2.5);
   EXPECT_EQ(g.get_num_ties(), 1);
 
-  OneNode<double, int, Velmot::TwoSplitInfoGain> info({1, 2, 3, 4}, {0, 0, 1, 1}, 2);
-  const auto i = info.search({});
+  const auto i = best<double>({1, 2, 3, 4}, {0, 0, 1, 1}, Velmot::TwoSplitInfoGain());
   EXPECT_EQ(i.get_maximum(), 1.0);
   EXPECT_EQ(i.get_minimum(), 1.0);
   EXPECT_EQ(i.get_maximizer().best_improvement, 2.0);
 
-  OneNode<double, int, Velmot::TwoSplitGainRatio> ratio({1, 2, 3, 4}, {1, 0, 0, 0}, 2);
-  const auto r = ratio.search({});
+  const auto r = best<double>({1, 2, 3, 4}, {1, 0, 0, 0}, Velmot::TwoSplitGainRatio());
   EXPECT_EQ(r.get_maximum(), 1.0);
   EXPECT_EQ(r.get_maximizer().threshold, 1.5);
-}
-
-TEST(SplitSearch, SeedsWhereNothingIsScored) {
-  std::vector<size_t> scored;
-  // Two instances: never split by the search.
-  OneNode<double, int, RecordingGini> two({5, 9}, {0, 1}, 2);
-  const auto t = two.search(RecordingGini(&scored));
-  EXPECT_TRUE(scored.empty());
-  EXPECT_EQ(t.get_maximizer().threshold, 5.0);
-  EXPECT_EQ(t.get_maximizer().best_improvement, 0.0);
-  EXPECT_EQ(t.get_maximum(), 0.0);
-
-  // A constant feature keeps the seed.
-  OneNode<int, int, RecordingGini> constant({7, 7, 7, 7}, {0, 1, 0, 1}, 2);
-  const auto c = constant.search(RecordingGini(&scored));
-  EXPECT_TRUE(scored.empty());
-  EXPECT_EQ(c.get_maximizer().threshold, 7);
-}
-
-TEST(SplitSearch, EmptyRangeGivesAnEmptyTracker) {
-  OneNode<double, int, Velmot::TwoSplitGiniImpurity> empty({}, {}, 2);
-  const auto e = empty.search({});
-  EXPECT_FALSE(e.is_initialized());
-  EXPECT_THROW(e.get_maximizer(), Velmot::EmptyTrackerException);
-}
-
-TEST(SplitSearch, EqualScoresKeepTheLowestThreshold) {
-  // Splits 1|2 and 3|4 are equally good; the first one found stays.
-  OneNode<int, int, Velmot::TwoSplitGiniImpurity> node({1, 2, 3, 4}, {0, 1, 1, 0}, 2);
-  const auto best = node.search({});
-  EXPECT_EQ(best.get_maximizer().threshold, 2);
 }
 
 TEST(SplitSearch, RealLabelsAreSplitByTheirIntegerParts) {
   // 0.2 and 0.9 are the same class, but different labels for the run rule.
   std::vector<size_t> scored;
-  OneNode<double, float, RecordingGini> node({1, 2, 3, 4}, {0.2f, 0.9f, 1.5f, 1.7f}, 2);
-  const auto best = node.search(RecordingGini(&scored));
+  const auto found = best<double, float>({1, 2, 3, 4}, {0.2f, 0.9f, 1.5f, 1.7f}, RecordingGini(&scored));
   EXPECT_EQ(scored, (std::vector<size_t>{1, 2, 3}));
-  EXPECT_EQ(best.get_maximizer().threshold, 2.5);
-  EXPECT_EQ(best.get_maximum(), 2.0);
+  EXPECT_EQ(found.get_maximizer().threshold, 2.5);
+  EXPECT_EQ(found.get_maximum(), 2.0);
 }
 
 }  // namespace
@@ -183,16 +167,21 @@ void check_light_sweep_matches_learn_tree_node(const Criterion& criterion) {
     counts.set_num_classes(classes);
     counts.add_count(range);
     const auto* pairs = range.buffered_pairs();  // still sorted by search()
+    SCOPED_TRACE(trial);
+    // What a light sweep found, between the keys `lower` and `upper` (as values).
+    auto expect_as_searched = [&](const auto& split, double lower, double upper) {
+      EXPECT_EQ(split.score, expected.get_maximum());
+      EXPECT_EQ(split.is_seed ? lower : Velmot::ThresholdInfo<double>::get_less_than_threshold(lower, upper),
+                expected.get_maximizer().threshold);
+      EXPECT_EQ(std::max(split.impurity - criterion.get_impurity(counts), 0.0),
+                expected.get_maximizer().best_improvement);
+    };
     const auto split = Velmot::best_split_of_feature<int>(
         n, n, [pairs](size_t i) { return pairs[i].first; }, [pairs](size_t i) { return pairs[i].second; },
         Velmot::UnitWeight(), counts, criterion.get_initial(counts), left, right, criterion);
-    const double threshold =
-        split.is_seed ? split.lower : Velmot::ThresholdInfo<double>::get_less_than_threshold(split.lower, split.upper);
-    ASSERT_EQ(split.score, expected.get_maximum()) << trial;
-    ASSERT_EQ(threshold, expected.get_maximizer().threshold) << trial;
-    ASSERT_EQ(std::max(split.impurity - criterion.get_impurity(counts), 0.0),
-              expected.get_maximizer().best_improvement)
-        << trial;
+    expect_as_searched(split, split.lower, split.upper);
+
+    if (::testing::Test::HasFailure()) return;
 
     // The same from a histogram of packed (value index, label + 1) keys, as
     // the grower sweeps ranges with few distinct keys (values are k / 2).
@@ -204,14 +193,8 @@ void check_light_sweep_matches_learn_tree_node(const Criterion& criterion) {
     }
     const auto by_cells = Velmot::best_split_of_cells<int>(cells.data(), cells.size(), label_bits, counts,
                                                            criterion.get_initial(counts), left, right, criterion);
-    const double lower = by_cells.lower * 0.5, upper = by_cells.upper * 0.5;
-    ASSERT_EQ(by_cells.score, expected.get_maximum()) << trial;
-    ASSERT_EQ(by_cells.is_seed ? lower : Velmot::ThresholdInfo<double>::get_less_than_threshold(lower, upper),
-              expected.get_maximizer().threshold)
-        << trial;
-    ASSERT_EQ(std::max(by_cells.impurity - criterion.get_impurity(counts), 0.0),
-              expected.get_maximizer().best_improvement)
-        << trial;
+    expect_as_searched(by_cells, by_cells.lower * 0.5, by_cells.upper * 0.5);
+    if (::testing::Test::HasFailure()) return;
   }
 }
 

@@ -42,23 +42,16 @@ std::vector<std::vector<double>> flatten(Node<int>* root) {
 
 }  // namespace
 
-TEST(TreeModel, DefaultNodeHoldsTheSentinels) {
-  Node<int> node;
-  EXPECT_EQ(node.get_label(), -2);
-  EXPECT_EQ(node.get_feature_index(), -1);
-  EXPECT_TRUE(std::isnan(node.get_threshold()));
-  EXPECT_TRUE(node.is_leaf());
-  Node<double> real;
-  EXPECT_EQ(real.get_label(), -2.0);
-}
-
 TEST(TreeModel, FlattensBreadthFirstWithMinusOneForAbsentChildren) {
-  std::unique_ptr<Node<int>> leaf(new Node<int>());
-  leaf->set_label(4);
-  const auto single = flatten(leaf.get());
+  // A default node: the sentinels label -2, feature -1, threshold NaN.
+  Node<int> bare;
+  const auto single = flatten(&bare);
   EXPECT_EQ(single[0], std::vector<double>{-1});
   EXPECT_EQ(single[1], std::vector<double>{-1});
-  EXPECT_EQ(single[4], std::vector<double>{4});
+  EXPECT_EQ(single[2], std::vector<double>{-1});
+  EXPECT_TRUE(std::isnan(single[3][0]));
+  EXPECT_EQ(single[4], std::vector<double>{-2});
+  EXPECT_EQ(Node<double>().get_label(), -2.0);
 
   // root -> (right only) r -> (a, b): columns root, r, a, b.
   std::unique_ptr<Node<int>> root(new Node<int>(nullptr, new Node<int>(new Node<int>(), new Node<int>())));
