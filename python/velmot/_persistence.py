@@ -50,7 +50,8 @@ def save_forest(forest, path):
         arrays["missing_value_fill"] = forest._missing_value_fill_
     # The list of entries lets load notice an optional one gone missing: a
     # damaged entry count in the archive's directory drops trailing entries
-    # without any error from the zip reader.
+    # without any error from the zip reader. Written last, the metadata is
+    # itself the first entry such damage drops, and it is required.
     metadata = {
         "params": _json_params(forest.get_params()),
         "n_features_in": forest.n_features_in_,
