@@ -101,7 +101,9 @@ F value_of_key(KeyOf<F> key) {
 
 // What the radix passes move: a key and its instance (8 bytes for keys of
 // up to 32 bits, 16 for 64-bit keys). Carrying the whole key saves reading
-// the column at random afterwards.
+// the column at random afterwards: 8-byte entries of the high half and the
+// instance, with the key read back from the column in the final walk, took
+// 105 ms instead of 90 (40 columns of 100,000 doubles, one thread).
 template <class Key>
 struct Entry {
   Key key;
