@@ -46,10 +46,11 @@
 #include <cstdint>
 #include <cstring>
 #include <limits>
-#include <memory>
 #include <new>
 #include <type_traits>
 #include <vector>
+
+#include "velmot/defs/random_access_table.h"
 
 namespace Velmot {
 
@@ -209,14 +210,18 @@ public:
   // column(j), a contiguous column of F.
   template <class D>
   explicit FeatureRanks(const D& data)
-      : rank(data.get_num_features()), value_of_rank(data.get_num_features()),
+      : value_of_rank(data.get_num_features()),
         ranked(data.get_num_features(), 0) {
     namespace detail = feature_ranks_detail;
     const int64_t nf = static_cast<int64_t>(data.get_num_features());
     const size_t ni = data.get_num_instances();
     if (nf == 0 || ni == 0) return;
-    // Scratch memory is made here; per-feature results are allocated in the
-    // loop, where a failure is only recorded, and thrown after the loop.
+    // Scratch memory and the rank table are made here; the value tables are
+    // allocated in the loop, where a failure is only recorded, and thrown
+    // after the loop. Every rank of a ranked feature is written below: no
+    // zero fill.
+    num_instances = ni;
+    rank_table = RandomAccessTable<uint32_t>(static_cast<size_t>(nf) * ni);
     const size_t workers = static_cast<size_t>(std::min<int64_t>(std::max(1, omp_get_max_threads()), nf));
     std::vector<detail::Workspace<F>> workspaces(workers);
     for (auto& work : workspaces) {
@@ -236,15 +241,13 @@ public:
       size_t distinct = 1;
       for (size_t k = 1; k < ni; ++k) distinct += entries[k].key != entries[k - 1].key;
       try {
-        // Every entry is written below: no zero fill.
-        rank[feature].reset(new uint32_t[ni]);
         value_of_rank[feature].resize(distinct);
       } catch (const std::bad_alloc&) {
 #pragma omp atomic write
         out_of_memory = true;
         continue;
       }
-      uint32_t* const ranks = rank[feature].get();
+      uint32_t* const ranks = rank_table.data() + feature * ni;
       F* const values = value_of_rank[feature].data();
       uint32_t current = 0;
       for (size_t k = 0; k < ni; ++k) {
@@ -261,13 +264,16 @@ public:
   }
 
   bool has_ranks(size_t feature) const { return feature < ranked.size() && ranked[feature] != 0; }
-  const uint32_t* ranks(size_t feature) const { return rank[feature].get(); }
+  const uint32_t* ranks(size_t feature) const { return rank_table.data() + feature * num_instances; }
   const F* values(size_t feature) const { return value_of_rank[feature].data(); }
   // Number of distinct values of a ranked feature: its ranks lie below it.
   size_t num_ranks(size_t feature) const { return value_of_rank[feature].size(); }
 
 private:
-  std::vector<std::unique_ptr<uint32_t[]>> rank;
+  // Feature j's ranks at [j * num_instances, (j + 1) * num_instances): one
+  // block, so that the gathers' scattered reads go through huge pages.
+  RandomAccessTable<uint32_t> rank_table;
+  size_t num_instances = 0;
   std::vector<std::vector<F>> value_of_rank;
   std::vector<char> ranked;
 };
