@@ -9,7 +9,6 @@
 // same with or without them.
 
 #include <cstddef>
-#include <cstdint>
 #include <limits>
 #include <new>
 #include <type_traits>
