@@ -370,12 +370,10 @@ private:
     const int weight_bits = packed_weight_bits;
     uint32_t kmin = std::numeric_limits<uint32_t>::max(), kmax = 0;
     const bool far_prefetch = dataset->get_num_instances() * sizeof(Rank) > far_prefetch_column_bytes;
-    // The far prefetch is a compile-time choice: a test inside the loop
-    // alone cost small data sets 2-3%.
-    auto gather_with = [&](auto key_of, auto far) {
+    auto gather = [&](auto key_of) {
       for (size_t i = 0; i < n; ++i) {
-        if constexpr (decltype(far)::value) {
-          if (i + far_prefetch_distance < n) __builtin_prefetch(rank_of + position[i + far_prefetch_distance], 0, 1);
+        if (far_prefetch && i + far_prefetch_distance < n) {
+          __builtin_prefetch(rank_of + position[i + far_prefetch_distance], 0, 1);
         }
         if (i + prefetch_distance < n) __builtin_prefetch(rank_of + position[i + prefetch_distance]);
         const uint32_t k = key_of(i, (static_cast<uint32_t>(rank_of[position[i]]) << shift) |
@@ -383,13 +381,6 @@ private:
         key[i] = k;
         kmin = std::min(kmin, k);
         kmax = std::max(kmax, k);
-      }
-    };
-    auto gather = [&](auto key_of) {
-      if (far_prefetch) {
-        gather_with(key_of, std::true_type());
-      } else {
-        gather_with(key_of, std::false_type());
       }
     };
     if (weight == nullptr) {
