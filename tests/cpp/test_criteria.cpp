@@ -1,99 +1,100 @@
+// The label histogram and the split criteria built on it.
+
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <vector>
 
+#include "test_support.h"
 #include "velmot/stats/criteria.h"
 
 namespace {
 
 using Acc = Velmot::NominalLabelPriorAccumulator<int>;
+using VelmotTest::histogram;
 
-Acc histogram(const std::vector<int>& class_counts) {
-  Acc acc;
-  acc.set_labeling(Velmot::DiscreteZeroOnward);
-  acc.set_num_classes(static_cast<int>(class_counts.size()));
-  for (size_t c = 0; c < class_counts.size(); ++c) {
-    for (int k = 0; k < class_counts[c]; ++k) acc.increment_count(static_cast<int>(c));
-  }
-  return acc;
-}
-
-struct Scored {
-  double final_score;
-  double improvement;
-};
-
-// What the split search makes of one split under a criterion.
+// What the split search makes of one split under a criterion: the final
+// score and the improvement.
 template <class C>
-Scored score(const Acc& node, const Acc& left, const Acc& right) {
+std::pair<double, double> score(const Acc& node, const Acc& left, const Acc& right) {
   const C criterion;
   const double initial = criterion.get_initial(node);
-  const double score = criterion(initial, left, right);
-  const double improvement = criterion.get_impurity(0.0, 0.0, left, right) - criterion.get_impurity(node);
-  return {criterion.get_final_score(score, initial), improvement};
+  return {criterion.get_final_score(criterion(initial, left, right), initial),
+          criterion.get_impurity(0.0, 0.0, left, right) - criterion.get_impurity(node)};
 }
 
-TEST(Criteria, PerfectSplitOfTwoAndTwo) {
-  const Acc node = histogram({2, 2}), left = histogram({2, 0}), right = histogram({0, 2});
-  const Scored gini = score<Velmot::TwoSplitGiniImpurity>(node, left, right);
-  EXPECT_EQ(Velmot::TwoSplitGiniImpurity()(0.0, left, right), 4.0);
-  EXPECT_EQ(gini.final_score, 2.0);
-  EXPECT_EQ(gini.improvement, 2.0);
-  EXPECT_EQ((score<Velmot::TwoSplitInfoGain>(node, left, right).final_score), 1.0);
-  EXPECT_EQ((score<Velmot::TwoSplitGainRatio>(node, left, right).final_score), 1.0);
-  EXPECT_EQ((score<Velmot::TwoSplitGainRatio>(node, left, right).improvement), 2.0);
-}
-
-TEST(Criteria, UninformativeSplitScoresZeroEverywhere) {
-  const Acc node = histogram({2, 2}), half = histogram({1, 1});
-  for (const Scored s : {score<Velmot::TwoSplitGiniImpurity>(node, half, half),
-                         score<Velmot::TwoSplitInfoGain>(node, half, half),
-                         score<Velmot::TwoSplitGainRatio>(node, half, half)}) {
-    EXPECT_EQ(s.final_score, 0.0);
-    EXPECT_EQ(s.improvement, 0.0);
-  }
-  // Equal shares on both sides of an uneven split: no gain either.
-  const Acc big = histogram({4, 2, 6}), a = histogram({2, 1, 3}), b = histogram({2, 1, 3});
-  EXPECT_NEAR((score<Velmot::TwoSplitInfoGain>(big, a, b).final_score), 0.0, 1e-15);
-  EXPECT_NEAR((score<Velmot::TwoSplitGiniImpurity>(big, a, b).final_score), 0.0, 1e-12);
-}
-
-TEST(Criteria, GainRatioDividesByTheSplitInformation) {
-  const Acc node = histogram({3, 1}), left = histogram({3, 0}), right = histogram({0, 1});
-  const Velmot::TwoSplitInfoGain gain;
-  EXPECT_DOUBLE_EQ(gain(gain.get_initial(node), left, right), 0.8112781244591328);
-  EXPECT_EQ((score<Velmot::TwoSplitGainRatio>(node, left, right).final_score), 1.0);
-
-  // An uneven split: gain ratio = gain / split information, by hand.
-  const Acc n2 = histogram({3, 3}), l2 = histogram({3, 1}), r2 = histogram({0, 2});
-  const double h_left = 0.8112781244591328;
-  const double expected_gain = 1.0 - (4.0 / 6.0) * h_left;
-  const double split_info = -((4.0 / 6.0) * std::log2(4.0 / 6.0) + (2.0 / 6.0) * std::log2(2.0 / 6.0));
-  EXPECT_DOUBLE_EQ((score<Velmot::TwoSplitInfoGain>(n2, l2, r2).final_score), expected_gain);
-  EXPECT_DOUBLE_EQ((score<Velmot::TwoSplitGainRatio>(n2, l2, r2).final_score), expected_gain / split_info);
-}
-
-TEST(Criteria, GiniScoreIsTheDecreaseOfCountWeightedImpurity) {
-  const Acc node = histogram({5, 3, 2}), left = histogram({4, 1, 0}), right = histogram({1, 2, 2});
-  auto weighted = [](const Acc& a) {
-    const double n = static_cast<double>(a.get_total_count());
-    double sum_shares = 0.0;
-    for (int c = 1; c <= a.get_num_classes(); ++c) sum_shares += (a[c] / n) * (a[c] / n);
-    return n * (1.0 - sum_shares);
+TEST(Criteria, FinalScoresAndGiniImprovementOfKnownSplits) {
+  const struct {
+    std::vector<int> node, left, right;
+    double gini, info_gain, gain_ratio, improvement;
+  } cases[] = {
+      {{2, 2}, {2, 0}, {0, 2}, 2.0, 1.0, 1.0, 2.0},
+      {{2, 2}, {1, 1}, {1, 1}, 0.0, 0.0, 0.0, 0.0},
+      // Equal shares on both sides of an uneven split: no gain either.
+      {{4, 2, 6}, {2, 1, 3}, {2, 1, 3}, 0.0, 0.0, 0.0, 0.0},
+      {{3, 1}, {3, 0}, {0, 1}, 1.5, 0.8112781244591328, 1.0, 1.5},
+      // Gain ratio divides by the split information (here 0.918...).
+      {{3, 3}, {3, 1}, {0, 2}, 1.5, 0.4591479170272448, 0.5, 1.5},
+      // Gini: the decrease of count-weighted impurity, 6.2 - 1.6 - 3.2.
+      {{5, 3, 2}, {4, 1, 0}, {1, 2, 2}, 1.4, 0.3635472023399723, 0.3635472023399723, 1.4},
   };
-  const double expected = weighted(node) - weighted(left) - weighted(right);
-  const Scored gini = score<Velmot::TwoSplitGiniImpurity>(node, left, right);
-  EXPECT_NEAR(gini.final_score, expected, 1e-12);
-  EXPECT_NEAR(gini.improvement, expected, 1e-12);
-  // The improvement is Gini-based whatever ranks the split.
-  EXPECT_EQ((score<Velmot::TwoSplitInfoGain>(node, left, right).improvement), gini.improvement);
+  for (const auto& c : cases) {
+    SCOPED_TRACE(::testing::PrintToString(c.left) + " " + ::testing::PrintToString(c.right));
+    const Acc node = histogram(c.node), left = histogram(c.left), right = histogram(c.right);
+    const auto gini = score<Velmot::TwoSplitGiniImpurity>(node, left, right);
+    const auto gain = score<Velmot::TwoSplitInfoGain>(node, left, right);
+    const auto ratio = score<Velmot::TwoSplitGainRatio>(node, left, right);
+    EXPECT_NEAR(gini.first, c.gini, 1e-12);
+    EXPECT_NEAR(gain.first, c.info_gain, 1e-15);
+    EXPECT_NEAR(ratio.first, c.gain_ratio, 1e-15);
+    // The improvement is Gini-based whatever ranks the split.
+    for (const double improvement : {gini.second, gain.second, ratio.second}) {
+      EXPECT_NEAR(improvement, c.improvement, 1e-12);
+    }
+  }
 }
 
-TEST(Criteria, RegressionMarkedHistogramsNeverBeatTheUnsplitNode) {
-  Acc node = histogram({2, 2}), left = histogram({2, 0}), right = histogram({0, 2});
-  for (Acc* a : {&node, &left, &right}) a->set_labeling(Velmot::Regression);
-  EXPECT_EQ((score<Velmot::TwoSplitInfoGain>(node, left, right).final_score), 0.0);
-  EXPECT_EQ((score<Velmot::TwoSplitGainRatio>(node, left, right).final_score), 0.0);
+TEST(LabelStatistics, EntropyGiniAndSquaresOfKnownHistograms) {
+  const auto empty = histogram({0, 0, 0});
+  EXPECT_EQ(empty.compute_gini_impurity(), 0.0);
+  EXPECT_EQ(Velmot::compute_entropy(empty), 0.0);
+  EXPECT_EQ(empty.get_num_slots(), 5u);
+
+  auto acc = histogram({3, 1});
+  EXPECT_EQ(acc.compute_gini_impurity(), 2.5);  // sum of squares over the total
+  EXPECT_EQ(acc.get_sum_squared(), 10);
+  acc.increment_count(1);
+  EXPECT_EQ(acc.get_sum_squared(), 9 + 4);
+  acc.decrement_count(0);
+  acc.decrement_count(1);
+  EXPECT_EQ(acc.get_sum_squared(), 4 + 1);
+  EXPECT_EQ(acc.get_total_count(), 3u);
+
+  EXPECT_EQ(Velmot::compute_entropy(histogram({2, 2, 0})), 1.0);
+  EXPECT_FALSE(std::signbit(Velmot::compute_entropy(histogram({4, 0, 0}))));
+  EXPECT_EQ(Velmot::compute_entropy(histogram({5})), 0.0);
+  EXPECT_EQ(Velmot::compute_2class_entropy(1, 1), 1.0);
+  EXPECT_FALSE(std::signbit(Velmot::special_negate(-0.0)));
+  // A Regression histogram has no entropy, so the entropy criteria never
+  // find a split better than the unsplit node.
+  auto regression = histogram({2, 2});
+  regression.set_labeling(Velmot::Regression);
+  EXPECT_EQ(Velmot::compute_entropy(regression), 0.0);
+
+  // PlusOneMinusOne counts -1 in slot 0 and 1 in slot 2.
+  Acc signs;
+  signs.set_labeling(Velmot::PlusOneMinusOne);
+  signs.set_num_classes(1);
+  for (const int label : {-1, -1, -1, 1}) signs.increment_count(label);
+  EXPECT_DOUBLE_EQ(Velmot::compute_entropy(signs), 0.8112781244591328);
+  EXPECT_EQ(signs.get_mode().first, -1);
+}
+
+// get_prediction's draws per tie (empty slots included) are pinned by
+// LearnTree.EmptyPureAndTinySamplesAreLeaves.
+TEST(LabelStatistics, ModeTakesTheLowestOfEqualCounts) {
+  EXPECT_EQ(histogram({5, 5}).get_mode(), std::make_pair(0, int64_t{5}));
+  EXPECT_EQ(histogram({1, 7, 7}).get_mode().first, 1);
 }
 
 }  // namespace

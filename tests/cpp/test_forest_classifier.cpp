@@ -11,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include "test_support.h"
 #include "velmot/dataset/dataset.h"
 #include "velmot/defs/contiguous_array_2d.h"
 #include "velmot/learn/flat_forest.h"
@@ -54,21 +55,8 @@ struct Forest {
   }
 };
 
-MemoryDataSet<double, int> one_feature(const std::vector<double>& values, int num_classes) {
-  MemoryDataSet<double, int> data(1);
-  data.features[0] = values;
-  data.labels.assign(values.size(), 0);
-  data.set_num_classes(static_cast<size_t>(num_classes));
-  return data;
-}
-
-std::string failure_message(const std::function<void()>& call) {
-  try {
-    call();
-  } catch (const Velmot::Exception& e) {
-    return e.get_message();
-  }
-  return "<no exception>";
+MemoryDataSet<double, int> one_feature(const std::vector<double>& values, size_t num_classes) {
+  return VelmotTest::columns<double, int>({values}, std::vector<int>(values.size(), 0), num_classes);
 }
 
 }  // namespace
@@ -99,7 +87,7 @@ TEST(ForestPrediction, RefusesWhatWouldReadOutsideTheDataOrTheTrees) {
   far_feature.add(Forest::split(1, 0.5, Forest::leaf(0), Forest::leaf(1)));
   ForestPredictor<int> predictor = far_feature.predictor(2);
   // Checked on the one-instance path too, before its parallel region.
-  EXPECT_EQ(failure_message([&] { predictor.predict(data, 0); }),
+  EXPECT_EQ(VelmotTest::message_of([&] { predictor.predict(data, 0); }),
             "tree node tests feature 1 but the data has 1 features");
 
   // Only a left child: only value 44 (instance 37, inside a group of eight,
@@ -108,18 +96,18 @@ TEST(ForestPrediction, RefusesWhatWouldReadOutsideTheDataOrTheTrees) {
   one_sided.add(Forest::split(0, 44.0, Forest::leaf(0), nullptr));
   predictor.use_forest(one_sided.roots);
   EXPECT_EQ(predictor.predict(data, 36), 0);
-  EXPECT_EQ(failure_message([&] { predictor.predict(data, 37); }), "tree descent reached a missing child");
-  EXPECT_EQ(failure_message([&] { predictor.predict(data, labels); }), "tree descent reached a missing child");
+  EXPECT_EQ(VelmotTest::message_of([&] { predictor.predict(data, 37); }), "tree descent reached a missing child");
+  EXPECT_EQ(VelmotTest::message_of([&] { predictor.predict(data, labels); }), "tree descent reached a missing child");
 
   Forest fine;
   fine.add_leaf(1);
   predictor.use_forest(fine.roots);
   double small[1];
   Array2D<double> one_row(small, 1, 1);
-  EXPECT_EQ(failure_message([&] { predictor.compute_probabilities(data, one_row); }),
+  EXPECT_EQ(VelmotTest::message_of([&] { predictor.compute_probabilities(data, one_row); }),
             "probability matrix is 1 x 1, too small for 45 instances x 2 classes");
   data.ltype = Velmot::Regression;
-  EXPECT_EQ(failure_message([&] { predictor.compute_probabilities(data, one_row); }),
+  EXPECT_EQ(VelmotTest::message_of([&] { predictor.compute_probabilities(data, one_row); }),
             "cannot compute probabilities for regression");
 }
 

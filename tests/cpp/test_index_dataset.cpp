@@ -7,109 +7,71 @@
 #include <utility>
 #include <vector>
 
+#include "test_support.h"
 #include "velmot/dataset/dataset.h"
 #include "velmot/dataset/index_dataset.h"
 #include "velmot/defs/random.h"
 
 namespace {
 
+using VelmotTest::all_of;
+using VelmotTest::message_of;
+
 template <class F, class L>
 Velmot::MemoryDataSet<F, L> one_feature(const std::vector<F>& values, const std::vector<L>& labels) {
-  Velmot::MemoryDataSet<F, L> data(1);
-  data.features[0] = values;
-  data.labels = labels;
-  return data;
+  return VelmotTest::columns<F, L>({values}, labels);
 }
 
-template <class D>
-Velmot::IndexedDataSet<D> all_of(const D& data) {
-  Velmot::IndexedDataSet<D> indexed(&data);
-  indexed.use_all_instances();
-  return indexed;
-}
-
-TEST(IndexedDataSet, SortingAnotherFeatureThanTheBufferedOneThrows) {
-  Velmot::MemoryDataSet<double, int> data(4);
-  for (auto& column : data.features) column = {1, 2};
-  data.labels = {0, 1};
-  auto indexed = all_of(data);
-  indexed.buffer_feature(3, 0, 2);
-  try {
-    indexed.sort_buffered_feature(2, 0, 2);
-    FAIL();
-  } catch (const Velmot::Exception& e) {
-    EXPECT_EQ(e.get_message(), "feature not in buffer");
-  }
-}
-
-TEST(IndexedDataSet, BufferingRefreshesOnlyTheRange) {
-  const auto data = one_feature<int, int>({10, 20, 30, 40}, {0, 1, 0, 1});
+TEST(IndexedDataSet, BufferingRefreshesOnlyTheRangeAndSortsOnlyTheBufferedFeature) {
+  const auto data = VelmotTest::columns<int, int>({{10, 20, 30, 40}, {1, 2, 3, 4}}, {0, 1, 0, 1});
   auto indexed = all_of(data);
   indexed.indices = {3, 0, 0, 2};
   indexed.buffer_feature(0, 1, 3);
   EXPECT_EQ(indexed.get_buffered_feature_label(1), std::make_pair(10, 0));
   EXPECT_EQ(indexed.get_buffered_feature_label(2), std::make_pair(10, 0));
   EXPECT_EQ(indexed.get_buffered_feature_label(0), std::make_pair(0, 0));  // untouched
-  EXPECT_EQ(indexed(0, 0), 40);
-  EXPECT_EQ(indexed.get_label(3), 0);
-}
-
-// Sorts feature 0 of all instances by value: the pairs must come out as
-// std::sort orders them (with `sorted_labels` for the labels, if given),
-// and the counting sort must run, with a workspace of at least `cells`,
-// exactly when `cells` > 0; a second, smaller sort then keeps the workspace.
-template <class F, class L>
-void expect_value_sort(const std::vector<F>& values, const std::vector<L>& labels, size_t cells,
-                       std::vector<L> sorted_labels = {}) {
-  if (sorted_labels.empty()) sorted_labels = labels;
-  const size_t n = values.size();
-  std::vector<std::pair<F, L>> expected;
-  for (size_t i = 0; i < n; ++i) expected.emplace_back(values[i], sorted_labels[i]);
-  std::sort(expected.begin(), expected.end());
-  const auto data = one_feature(values, labels);
-  auto indexed = all_of(data);
-  indexed.buffer_feature(0, 0, n);
-  indexed.sort_buffered_feature(0, 0, n);
-  const std::vector<std::pair<F, L>> sorted(indexed.buffered_pairs(0), indexed.buffered_pairs(n));
-  EXPECT_EQ(sorted, expected);
-  EXPECT_EQ(indexed.flexi_sort.counts.empty(), cells == 0);
-  EXPECT_GE(indexed.flexi_sort.counts.size(), cells);
-  if (cells == 0) return;
-  const size_t workspace = indexed.flexi_sort.counts.size();
-  indexed.buffer_feature(0, 0, n / 2);
-  indexed.sort_buffered_feature(0, 0, n / 2);
-  EXPECT_EQ(indexed.flexi_sort.counts.size(), workspace);
+  EXPECT_EQ(message_of([&] { indexed.sort_buffered_feature(1, 1, 3); }), "feature not in buffer");
 }
 
 // The value sort of integer features counts when 2 max(n, cells) <= n log2 n
-// (cells: value range times label range), else compares.
+// (cells: value range times label range), else compares; either way the
+// pairs come out as std::sort orders them (labels as `sorted_labels`).
 TEST(IndexedDataSet, ValueSortCountsOnlyWhereItIsCheaper) {
+  auto expect_value_sort = [](const auto& values, const auto& labels, size_t cells, const auto& sorted_labels) {
+    using F = typename std::decay_t<decltype(values)>::value_type;
+    using L = typename std::decay_t<decltype(labels)>::value_type;
+    std::vector<std::pair<F, L>> expected;
+    for (size_t i = 0; i < values.size(); ++i) expected.emplace_back(values[i], sorted_labels[i]);
+    std::sort(expected.begin(), expected.end());
+    const auto data = one_feature(values, labels);
+    auto indexed = all_of(data);
+    indexed.buffer_feature(0, 0, values.size());
+    indexed.sort_buffered_feature(0, 0, values.size());
+    const std::vector<std::pair<F, L>> sorted(indexed.buffered_pairs(0), indexed.buffered_pairs(values.size()));
+    EXPECT_EQ(sorted, expected);
+    EXPECT_EQ(indexed.flexi_sort.counts.empty(), cells == 0);
+    EXPECT_GE(indexed.flexi_sort.counts.size(), cells);
+  };
   // Cells 3 x 2 = 6; 2 x 6 = 12 > 4 log2 4 = 8: compared.
-  expect_value_sort<unsigned char, int>({3, 1, 3, 2}, {1, 0, 0, 1}, 0);
-  std::vector<unsigned char> bytes;
-  std::vector<int> labels;
-  for (int i = 0; i < 1000; ++i) {
-    bytes.push_back(static_cast<unsigned char>((i * 7) % 10));
-    labels.push_back((i * 13 + i / 10) % 2);
-  }
-  expect_value_sort(bytes, labels, 20);
+  const std::vector<int> four_labels = {1, 0, 0, 1};
+  expect_value_sort(std::vector<unsigned char>{3, 1, 3, 2}, four_labels, 0, four_labels);
   // n = 16: n log2 n = 64. Values 0..31 with one label: cells 32, 2 x 32 =
   // 64 <= 64 counts; values 0..32 (cells 33) do not.
   for (const int top : {31, 32}) {
     std::vector<int> values;
     for (int i = 0; i < 16; ++i) values.push_back(i == 15 ? top : 14 - i);
-    expect_value_sort(values, std::vector<int>(16, 0), top == 31 ? 32 : 0);
+    expect_value_sort(values, std::vector<int>(16, 0), top == 31 ? 32 : 0, std::vector<int>(16, 0));
   }
-  // Values 0..3, real labels 0.5 and 2.7: label range 3, 12 cells, counted;
-  // 2.7 comes back on the grid from 0.5 as 1.5.
-  std::vector<int> values;
+  // Values 0..3 over 64 instances, real labels 0.5 and 2.7: label range 3,
+  // 12 cells, counted, and 2.7 comes back on the grid from 0.5 as 1.5.
+  std::vector<int> few;
   std::vector<double> real, on_grid;
   for (int i = 0; i < 64; ++i) {
-    values.push_back(i % 4);
+    few.push_back(i % 4);
     real.push_back(i % 3 == 0 ? 2.7 : 0.5);
     on_grid.push_back(i % 3 == 0 ? 1.5 : 0.5);
   }
-  expect_value_sort(values, real, 12, on_grid);
+  expect_value_sort(few, real, 12, on_grid);
 }
 
 // Labels that follow the positions stay with their instances through every
@@ -152,17 +114,14 @@ TEST(IndexedDataSet, FollowedLabelsStayWithTheirInstances) {
 // move only their range; the grower's stable ones keep each part in
 // position order, and by rank split alike given the first rank going right.
 TEST(IndexedDataSet, PartitionsSendValuesBelowTheThresholdFirst) {
-  Velmot::MemoryDataSet<double, int> data(2);
-  data.features = {{3, 1, 2.5, 2, std::nan(""), 0.5}, {3, 1, 2.5, 2, 7, 0.5}};
-  data.labels = {0, 1, 0, 1, 0, 1};
+  const double nan = std::nan("");
+  const auto data = VelmotTest::columns<double, int>({{3, 1, 2.5, 2, nan, 0.5}, {3, 1, 2.5, 2, 7, 0.5}},
+                                                     {0, 1, 0, 1, 0, 1});
   auto indexed = all_of(data);
   EXPECT_EQ(indexed.partition(0, 0, 6, 2.5), 3u);
-  std::vector<double> front{data(indexed.indices[0], 0), data(indexed.indices[1], 0), data(indexed.indices[2], 0)};
+  std::vector<uint64_t> front(indexed.indices.begin(), indexed.indices.begin() + 3);
   std::sort(front.begin(), front.end());
-  EXPECT_EQ(front, (std::vector<double>{0.5, 1, 2}));
-  std::vector<uint64_t> all(indexed.indices);
-  std::sort(all.begin(), all.end());
-  EXPECT_EQ(all, (std::vector<uint64_t>{0, 1, 2, 3, 4, 5}));
+  EXPECT_EQ(front, (std::vector<uint64_t>{1, 3, 5}));
   auto partial = all_of(data);
   EXPECT_EQ(partial.partition(0, 1, 3, 2.0), 1u);
   EXPECT_EQ(partial.indices[0], 0u);
@@ -179,26 +138,17 @@ TEST(IndexedDataSet, PartitionsSendValuesBelowTheThresholdFirst) {
   // Ranks of feature 1: 0.5 -> 0, 1 -> 1, 2 -> 2, 2.5 -> 3, 3 -> 4, 7 -> 5.
   EXPECT_EQ(by_rank.partition_by_rank_keeping_order(1, 0, 6, 3), 3u);
   EXPECT_EQ(by_rank.indices, by_value.indices);
-}
 
-TEST(RangeDataSet, ViewsItsSliceAndTestsHomogeneity) {
-  const double nan = std::nan("");
-  const auto data = one_feature<double, int>({nan, nan, 4, 4, 4, 5}, {0, 1, 0, 1, 0, 1});
-  auto indexed = all_of(data);
+  // A range view over positions [2, 6); NaN never equals, so is never
+  // homogeneous.
   using Range = Velmot::RangeDataSet<decltype(indexed)>;
-  EXPECT_FALSE(Range(&indexed, 0, 2).is_homogeneous(0));  // NaN never equals
-  EXPECT_TRUE(Range(&indexed, 2, 5).is_homogeneous(0));
-  EXPECT_TRUE(Range(&indexed, 5, 6).is_homogeneous(0));
-  EXPECT_FALSE(Range(&indexed, 4, 6).is_homogeneous(0));
-
-  Range range(&indexed, 2, 6);
-  EXPECT_EQ(range.get_num_instances(), 4u);
-  EXPECT_EQ(range(3, 0), 5.0);
+  const auto slice_data = one_feature<double, int>({nan, nan, 4, 4, 4, 5}, {0, 1, 0, 1, 0, 1});
+  auto all = all_of(slice_data);
+  EXPECT_FALSE(Range(&all, 0, 2).is_homogeneous(0));
+  EXPECT_TRUE(Range(&all, 2, 5).is_homogeneous(0));
+  EXPECT_FALSE(Range(&all, 4, 6).is_homogeneous(0));
+  Range range(&all, 2, 6);
   EXPECT_EQ(range.get_label(1), 1);
-  EXPECT_EQ(range.get_parent_index(1), 3);
-  range.buffer_feature(0);
-  range.sort_buffered_feature(0);
-  EXPECT_EQ(range.get_buffered_feature_label(3).first, 5.0);
   EXPECT_EQ(range.partition(0, 5.0), 3u);
 }
 
@@ -289,23 +239,31 @@ TEST(IndexedDataSet, ConstantRangesAreRefusedWhicheverWay) {
 
 // Every path of the packed sort against std::sort: comparison (small),
 // buckets, buckets overflowing on clustered keys (radix instead), dense keys
-// (one counting pass) and wide keys (three radix passes).
+// (one counting pass) and wide keys (three radix passes); and keys with 3
+// weight bits, (rank << 2 | label + 1) << 3 | weight, which sort above their
+// weight bits (equal there in any order) and otherwise keep the multiset.
 TEST(PackedRankSort, SortsLikeStdSortOnEveryPath) {
   Velmot::XorShiftRNG gen(Velmot::XorShiftState{9, 8, 7, 6});
   auto draw = [&gen](uint32_t bound) { return static_cast<uint32_t>(gen.next_int(static_cast<int64_t>(bound))); };
+  auto weighted = [](uint32_t rank, uint32_t slot, uint32_t weight) { return ((rank << 2 | slot) << 3) | weight; };
   struct Case {
     size_t n;
     std::function<uint32_t(size_t)> key;
+    int weight_bits;
   };
   const std::vector<Case> cases = {
-      {50, [&](size_t) { return draw(1u << 20); }},
-      {1000, [&](size_t) { return draw(1u << 20); }},
-      {1000, [&](size_t i) { return i == 0 ? (1u << 20) : 5000 + draw(200); }},  // clustered, one outlier
-      {3000, [&](size_t) { return 40 + draw(700); }},                             // dense
-      {20000, [&](size_t) { return draw(1u << 20); }},
-      {5000, [&](size_t) { return draw(0x7fffffffu) * 2 + draw(2); }},            // 32-bit keys
+      {50, [&](size_t) { return draw(1u << 20); }, 0},
+      {1000, [&](size_t) { return draw(1u << 20); }, 0},
+      {1000, [&](size_t i) { return i == 0 ? (1u << 20) : 5000 + draw(200); }, 0},  // clustered, one outlier
+      {3000, [&](size_t) { return 40 + draw(700); }, 0},                             // dense
+      {20000, [&](size_t) { return draw(1u << 20); }, 0},
+      {5000, [&](size_t) { return draw(0x7fffffffu) * 2 + draw(2); }, 0},            // 32-bit keys
+      {30, [&](size_t) { return weighted(draw(5000), 1 + draw(3), 1 + draw(7)); }, 3},
+      {3000, [&](size_t) { return weighted(draw(5000), 1 + draw(3), 1 + draw(7)); }, 3},
+      {9000, [&](size_t) { return weighted(draw(5000), 1 + draw(3), 1 + draw(7)); }, 3},
   };
   for (const Case& c : cases) {
+    SCOPED_TRACE(c.n);
     Velmot::PackedRankSort sorter;
     sorter.prepare(c.n);
     std::vector<uint32_t> keys(c.n);
@@ -313,10 +271,24 @@ TEST(PackedRankSort, SortsLikeStdSortOnEveryPath) {
     std::copy(keys.begin(), keys.end(), sorter.keys());
     const uint32_t kmin = *std::min_element(keys.begin(), keys.end());
     const uint32_t kmax = *std::max_element(keys.begin(), keys.end());
-    sorter.sort(c.n, kmin, kmax, 3);
+    ASSERT_TRUE(sorter.sort_or_count(c.n, kmin, kmax, c.weight_bits ? 2 : 3, false, c.weight_bits));
+    std::vector<uint32_t> got(sorter.sorted(), sorter.sorted() + c.n);
     std::sort(keys.begin(), keys.end());
-    for (size_t i = 0; i < c.n; ++i) ASSERT_EQ(sorter.sorted()[i], keys[i]) << c.n << " " << i;
+    for (size_t i = 0; i < c.n; ++i) ASSERT_EQ(got[i] >> c.weight_bits, keys[i] >> c.weight_bits) << i;
+    std::sort(got.begin(), got.end());
+    EXPECT_EQ(got, keys);
   }
+  // Three cells' worth of weighted keys: counted, each as its weight.
+  const std::vector<uint32_t> few = {weighted(7, 1, 2), weighted(7, 3, 5), weighted(8, 1, 1),
+                                     weighted(7, 1, 4), weighted(8, 1, 2), weighted(7, 2, 1)};
+  Velmot::PackedRankSort sorter;
+  sorter.prepare(few.size());
+  std::copy(few.begin(), few.end(), sorter.keys());
+  ASSERT_FALSE(sorter.sort_or_count(few.size(), *std::min_element(few.begin(), few.end()),
+                                    *std::max_element(few.begin(), few.end()), 2, true, 3));
+  EXPECT_EQ(sorter.cell_base(), 7u << 2);
+  EXPECT_EQ(std::vector<uint32_t>(sorter.cell_counts(), sorter.cell_counts() + sorter.cell_count()),
+            (std::vector<uint32_t>{0, 6, 1, 5, 0, 3}));
 }
 
 }  // namespace

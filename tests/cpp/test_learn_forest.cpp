@@ -3,9 +3,12 @@
 
 #include <cmath>
 #include <cstdio>
+#include <fstream>
 #include <memory>
+#include <string>
 #include <vector>
 
+#include "test_support.h"
 #include "velmot/dataset/dataset.h"
 #include "velmot/defs/random.h"
 #include "velmot/learn/learn_forest.h"
@@ -16,15 +19,8 @@ namespace {
 using Data = Velmot::MemoryDataSet<double, int>;
 using Forest = std::vector<Velmot::Node<int>*>;
 
-// Sets the OpenMP thread count for one test and restores it afterwards.
-class ThreadCount {
-public:
-  explicit ThreadCount(int n) : saved(omp_get_max_threads()) { omp_set_num_threads(n); }
-  ~ThreadCount() { omp_set_num_threads(saved); }
-
-private:
-  int saved;
-};
+using VelmotTest::same_tree;
+using VelmotTest::ThreadCount;
 
 struct OwnedForest {
   explicit OwnedForest(Forest trees) : trees(std::move(trees)) {}
@@ -45,20 +41,6 @@ Data noisy_data() {
     data.labels.push_back(gen.next_int(10) == 0 ? static_cast<int>(gen.next_int(3)) : (s < 15 ? 0 : s < 25 ? 1 : 2));
   }
   return data;
-}
-
-bool same_tree(Velmot::Node<int>* a, Velmot::Node<int>* b) {
-  Velmot::VectorizedTree<int> va, vb;
-  va.root_to_vector(a);
-  vb.root_to_vector(b);
-  if (va.left != vb.left || va.right != vb.right || va.feature_index != vb.feature_index || va.label != vb.label) {
-    return false;
-  }
-  for (size_t i = 0; i < va.threshold.size(); ++i) {
-    const double x = va.threshold[i], y = vb.threshold[i];
-    if (!(x == y || (std::isnan(x) && std::isnan(y)))) return false;
-  }
-  return true;
 }
 
 Forest learn(const Data& data, int trees, std::vector<double>& importances, bool compute = true) {
@@ -124,12 +106,8 @@ TEST(LearnForest, EmptyForestAndUnrequestedImportances) {
 TEST(LearnForest, RefusesBadInputBeforeAnyThreadStarts) {
   Velmot::init_pool("", 1);
   std::vector<double> importances(4);
-  try {
-    learn(Data(4), 3, importances);
-    FAIL();
-  } catch (const Velmot::IncompatibleDataException& e) {
-    EXPECT_EQ(e.get_message(), "data set is empty");
-  }
+  EXPECT_THROW(learn(Data(4), 3, importances), Velmot::IncompatibleDataException);
+  EXPECT_EQ(VelmotTest::message_of([&] { learn(Data(4), 3, importances); }), "data set is empty");
 
   Data bad_label = noisy_data();
   bad_label.labels[7] = 4;
@@ -164,11 +142,7 @@ TEST(LearnForest, EveryThreadWithATreeNeedsAGenerator) {
 
   // A re-seeding that failed half-way leaves empty slots.
   const char* path = "velmot_short_seed_file.bin";
-  {
-    std::FILE* f = std::fopen(path, "wb");
-    for (int i = 0; i < 40; ++i) std::fputc(i + 1, f);
-    std::fclose(f);
-  }
+  std::ofstream(path, std::ios::binary) << std::string(40, '\x01');  // five words
   EXPECT_THROW(Velmot::init_pool(path, 0), Velmot::Exception);
   std::remove(path);
   EXPECT_THROW(learn(data, 2, importances), Velmot::Exception);

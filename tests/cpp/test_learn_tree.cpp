@@ -6,6 +6,7 @@
 #include <set>
 #include <vector>
 
+#include "test_support.h"
 #include "velmot/dataset/dataset.h"
 #include "velmot/dataset/index_dataset.h"
 #include "velmot/defs/random.h"
@@ -21,19 +22,9 @@ using Tree = std::unique_ptr<Velmot::Node<int>>;
 template <class F = int, class L = int>
 Velmot::MemoryDataSet<F, L> columns(const std::vector<std::vector<F>>& features, const std::vector<L>& labels,
                                     int num_classes) {
-  Velmot::MemoryDataSet<F, L> data(features.size());
-  data.nc = static_cast<size_t>(num_classes);
-  data.features = features;
-  data.labels = labels;
-  return data;
+  return VelmotTest::columns<F, L>(features, labels, static_cast<size_t>(num_classes));
 }
-
-template <class D>
-Velmot::IndexedDataSet<D> all_of(const D& data) {
-  Velmot::IndexedDataSet<D> indexed(&data);
-  indexed.use_all_instances();
-  return indexed;
-}
+using VelmotTest::all_of;
 
 // Seeds the pool and returns a copy of this thread's generator, to replay
 // the draws the learner should make.
@@ -69,7 +60,6 @@ TEST(LearnTree, EmptyPureAndTinySamplesAreLeaves) {
   const Tree bare = learn(Indexed(&one_two), 0, 0);
   EXPECT_TRUE(bare->is_leaf());
   EXPECT_EQ(bare->get_label(), -2);
-  EXPECT_EQ(bare->get_feature_index(), -1);
 
   // A pure sample is one leaf. The empty slot of label 1 ties the empty
   // slot of label 0: one draw.
@@ -78,7 +68,6 @@ TEST(LearnTree, EmptyPureAndTinySamplesAreLeaves) {
   const Tree leaf = learn(all_of(pure), 0, 0);
   EXPECT_TRUE(leaf->is_leaf());
   EXPECT_EQ(leaf->get_label(), 2);
-  EXPECT_EQ(leaf->get_feature_index(), -1);
   replay.next_int();
   expect_same_state(*Velmot::get_rng(), replay);
 
@@ -128,27 +117,12 @@ TEST(LearnTree, RandomModeDrawsFeaturesAndBreaksTiesAsReplayed) {
     const Tree tree = learn(all_of(data), 2, 0);
     ASSERT_EQ(tree->get_feature_index(), expected) << seed;
     EXPECT_EQ(tree->get_threshold(), thresholds[expected]);
-    EXPECT_EQ(tree->get_label(), -2);
     ASSERT_TRUE(tree->get_left() && tree->get_right());
     EXPECT_EQ(tree->get_left()->get_label(), expected == 1 ? 1 : 0);
     EXPECT_EQ(tree->get_right()->get_label(), expected == 1 ? 0 : 1);
-    EXPECT_TRUE(tree->get_left()->is_leaf() && tree->get_right()->is_leaf());
     // Pure leaves of two classes make no draw: nothing beyond the replay.
     expect_same_state(*Velmot::get_rng(), replay);
   }
-}
-
-TEST(LearnTree, RandomModeStopsWhenEveryFeatureIsConstant) {
-  // The children hold duplicates with different labels: both features are
-  // constant there, the draws run out, and the nodes become leaves.
-  const Data data = columns({{1, 1, 1, 2, 2, 2}, {5, 5, 5, 5, 5, 5}}, {0, 0, 1, 1, 1, 0}, 2);
-  seeded_replay(3);
-  const Tree tree = learn(all_of(data), 1, 0);
-  EXPECT_EQ(tree->get_feature_index(), 0);
-  EXPECT_EQ(tree->get_threshold(), 2.0);
-  ASSERT_TRUE(tree->get_left() && tree->get_right());
-  EXPECT_TRUE(tree->get_left()->is_leaf());
-  EXPECT_TRUE(tree->get_right()->is_leaf());
 }
 
 TEST(LearnTree, DepthAndLeafSizeLimitsLeaveTheSampleAlone) {
@@ -168,15 +142,24 @@ TEST(LearnTree, DepthAndLeafSizeLimitsLeaveTheSampleAlone) {
   EXPECT_EQ(sample.indices, before);
 }
 
-TEST(LearnTree, AllFeaturesModeEvaluatesEveryFeatureInOrder) {
-  // Feature 1 separates perfectly, feature 0 does not: it must win without
-  // any draw (scores differ, leaves are pure).
+// All features mode evaluates every feature in order: feature 1 separates
+// perfectly and must win without any draw (scores differ, leaves are pure).
+// In random mode, where both features are constant in the children (duplicates
+// with different labels), the draws run out and the nodes become leaves.
+TEST(LearnTree, AllFeaturesModeAndFeaturesRunningOut) {
   const Data data = columns({{1, 2, 3, 4, 5, 6}, {1, 5, 2, 6, 4, 3}}, {0, 1, 0, 1, 1, 1}, 2);
   Velmot::XorShiftRNG replay = seeded_replay(4);
   const Tree tree = learn(all_of(data), 7, 0);
   EXPECT_EQ(tree->get_feature_index(), 1);
   EXPECT_EQ(tree->get_threshold(), 3.0);
   expect_same_state(*Velmot::get_rng(), replay);
+
+  const Data duplicates = columns({{1, 1, 1, 2, 2, 2}, {5, 5, 5, 5, 5, 5}}, {0, 0, 1, 1, 1, 0}, 2);
+  seeded_replay(3);
+  const Tree stopped = learn(all_of(duplicates), 1, 0);
+  EXPECT_EQ(stopped->get_threshold(), 2.0);
+  ASSERT_TRUE(stopped->get_left() && stopped->get_right());
+  EXPECT_TRUE(stopped->get_left()->is_leaf() && stopped->get_right()->is_leaf());
 }
 
 TEST(LearnTree, ImportancesAreImprovementTimesSizeThenNormalised) {
@@ -202,15 +185,7 @@ TEST(LearnTree, ImportancesAreImprovementTimesSizeThenNormalised) {
   EXPECT_THROW(learn(all_of(data), 0, 0, &too_short), Velmot::Exception);
 }
 
-TEST(LearnTree, LabelsOutsideTheHistogramAreRefused) {
-  seeded_replay(1);
-  EXPECT_THROW(learn(all_of(columns({{1, 2}}, {0, 3}, 2)), 0, 0), Velmot::IncompatibleDataException);
-  EXPECT_THROW(learn(all_of(columns({{1, 2}}, {-2, 0}, 2)), 0, 0), Velmot::IncompatibleDataException);
-  const auto real = columns<double, float>({{1, 2}}, {0.5f, -1.0f}, 2);
-  EXPECT_THROW(learn(all_of(real), 0, 0, nullptr, 1, Velmot::TwoSplitGainRatio()), Velmot::IncompatibleDataException);
-}
-
-TEST(LearnTree, RealLabelsGrowTreesOverTheirIntegerParts) {
+TEST(LearnTree, RealLabelsGrowOverTheirIntegerPartsAndLabelsOutsideTheHistogramAreRefused) {
   const auto data = columns<double, double>({{1, 2, 3, 4}}, {0.2, 0.9, 1.5, 1.7}, 2);
   seeded_replay(8);
   const auto tree = learn(all_of(data), 0, 0, nullptr, 1, Velmot::TwoSplitGainRatio());
@@ -218,6 +193,11 @@ TEST(LearnTree, RealLabelsGrowTreesOverTheirIntegerParts) {
   ASSERT_TRUE(tree->get_left() && tree->get_right());
   EXPECT_EQ(tree->get_left()->get_label(), 0.0);
   EXPECT_EQ(tree->get_right()->get_label(), 1.0);
+
+  EXPECT_THROW(learn(all_of(columns({{1, 2}}, {0, 3}, 2)), 0, 0), Velmot::IncompatibleDataException);
+  EXPECT_THROW(learn(all_of(columns({{1, 2}}, {-2, 0}, 2)), 0, 0), Velmot::IncompatibleDataException);
+  const auto real = columns<double, float>({{1, 2}}, {0.5f, -1.0f}, 2);
+  EXPECT_THROW(learn(all_of(real), 0, 0, nullptr, 1, Velmot::TwoSplitGainRatio()), Velmot::IncompatibleDataException);
 }
 
 }  // namespace

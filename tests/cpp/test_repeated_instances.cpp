@@ -15,6 +15,7 @@
 #include <random>
 #include <vector>
 
+#include "test_support.h"
 #include "velmot/dataset/dataset.h"
 #include "velmot/dataset/feature_ranks.h"
 #include "velmot/dataset/index_dataset.h"
@@ -95,15 +96,7 @@ Learnt<typename D::label_type> learn(const D& data, const std::vector<uint64_t>&
 
 template <class L>
 void expect_same(const Learnt<L>& a, const Learnt<L>& b) {
-  EXPECT_EQ(a.tree.feature_index, b.tree.feature_index);
-  EXPECT_EQ(a.tree.label, b.tree.label);
-  EXPECT_EQ(a.tree.left, b.tree.left);
-  EXPECT_EQ(a.tree.right, b.tree.right);
-  ASSERT_EQ(a.tree.threshold.size(), b.tree.threshold.size());
-  for (size_t i = 0; i < a.tree.threshold.size(); ++i) {
-    const double x = a.tree.threshold[i], y = b.tree.threshold[i];
-    EXPECT_TRUE(x == y || (std::isnan(x) && std::isnan(y))) << i;
-  }
+  EXPECT_TRUE(VelmotTest::same_tree(a.tree, b.tree));
   EXPECT_EQ(a.importances, b.importances);
   EXPECT_EQ(a.generator_after.x, b.generator_after.x);
   EXPECT_EQ(a.generator_after.w, b.generator_after.w);
@@ -122,86 +115,38 @@ void expect_repeats_learn_as_copies(const Case<F, L>& c, bool with_ranks, int ft
   expect_same(merged, copies);
 }
 
-TEST(RepeatedInstances, RankedFeaturesSortedAndCounted) {
-  // Many levels: large nodes sort their packed keys; few levels: counted.
+TEST(RepeatedInstances, EveryPathLearnsAsCopies) {
+  // Ranked features: many levels make large nodes sort their packed keys;
+  // few levels, counted.
   expect_repeats_learn_as_copies(make_case<double, int>(9000, 5, 6000, 9000, 1), true, 2);
   expect_repeats_learn_as_copies(make_case<double, int>(3000, 5, 12, 3000, 2), true, 2);
   expect_repeats_learn_as_copies(make_case<float, int>(500, 4, 300, 900, 3), true, 3, 3);
-}
-
-TEST(RepeatedInstances, ByteValues) {
+  // Byte values.
   expect_repeats_learn_as_copies(make_case<unsigned char, int>(2000, 4, 256, 2000, 4), false, 2);
   expect_repeats_learn_as_copies(make_case<unsigned char, int>(300, 4, 7, 600, 5), false, 3);
-}
-
-TEST(RepeatedInstances, RealLabelsAndValuesWithoutRanks) {
+  // Real labels, and values without ranks.
   expect_repeats_learn_as_copies(make_case<double, double>(1500, 4, 900, 1500, 6), true, 2);
   expect_repeats_learn_as_copies(make_case<int, int>(1500, 4, 40, 1500, 7), false, 2);
   // NaN values take the value sort, whose order of NaN depends on the
   // order of the pairs.
   expect_repeats_learn_as_copies(make_case<double, int>(400, 3, 30, 1200, 8, 3), false, 2);
-}
-
-TEST(RepeatedInstances, CriteriaThroughTheirAccumulators) {
+  // Criteria through their accumulators.
   expect_repeats_learn_as_copies(make_case<double, int>(1500, 4, 900, 1500, 9), true, 2, 1,
                                  Velmot::TwoSplitInfoGain());
   expect_repeats_learn_as_copies(make_case<unsigned char, int>(800, 4, 9, 800, 10), false, 3, 1,
                                  Velmot::TwoSplitGainRatio());
 }
 
+// Ascending instance numbers, each once with its copies as its weight.
 TEST(RepeatedInstances, MergeKeepsLabelsAndWeightsBesideTheirInstances) {
-  Velmot::MemoryDataSet<double, int> data(1);
-  data.nc = 3;
-  data.features[0] = {5, 1, 4, 2, 3};
-  data.labels = {0, 1, 2, 0, 1};
+  const auto data = VelmotTest::columns<double, int>({{5, 1, 4, 2, 3}}, {0, 1, 2, 0, 1}, 3);
   Velmot::IndexedDataSet<Velmot::MemoryDataSet<double, int>> indexed(&data);
   indexed.indices = {4, 1, 4, 0, 4, 1};
   indexed.merge_repeats();
   EXPECT_EQ(indexed.indices, (std::vector<uint64_t>{0, 1, 4}));
   EXPECT_EQ(indexed.position_weights, (std::vector<uint32_t>{1, 2, 3}));
   EXPECT_EQ(indexed.weight_of(0, 3), 6u);
-  // Values 5, 1, 3 with threshold 4: instance 0 goes right, stably.
-  EXPECT_EQ(indexed.partition_keeping_order(0, 0, 3, 4.0), 2u);
-  EXPECT_EQ(indexed.indices, (std::vector<uint64_t>{1, 4, 0}));
-  EXPECT_EQ(indexed.position_weights, (std::vector<uint32_t>{2, 3, 1}));
-  EXPECT_EQ(indexed.get_label(0), 1);
-  EXPECT_EQ(indexed.get_label(2), 0);
-  indexed.use_all_instances();
-  EXPECT_EQ(indexed.get_weight(0), 1u);
-}
-
-TEST(RepeatedInstances, WeightedKeysSortAboveTheirWeightBitsAndCountAsTheirWeight) {
-  Velmot::PackedRankSort sort;
-  // Keys (rank << 2 | label + 1) << 3 | weight.
-  auto key = [](uint32_t rank, uint32_t slot, uint32_t weight) { return ((rank << 2 | slot) << 3) | weight; };
-  std::vector<uint32_t> keys;
-  std::mt19937 gen(11);
-  for (int i = 0; i < 9000; ++i) keys.push_back(key(gen() % 5000, 1 + gen() % 3, 1 + gen() % 7));
-  const uint32_t kmin = *std::min_element(keys.begin(), keys.end());
-  const uint32_t kmax = *std::max_element(keys.begin(), keys.end());
-  for (const size_t n : {size_t(30), size_t(3000), size_t(9000)}) {
-    sort.prepare(n);
-    std::copy(keys.begin(), keys.begin() + static_cast<std::ptrdiff_t>(n), sort.keys());
-    ASSERT_TRUE(sort.sort_or_count(n, kmin, kmax, 2, false, 3));
-    std::vector<uint32_t> expected(keys.begin(), keys.begin() + static_cast<std::ptrdiff_t>(n));
-    std::vector<uint32_t> got(sort.sorted(), sort.sorted() + n);
-    std::sort(expected.begin(), expected.end());
-    // Equal above the weight bits, any order; the multiset is kept.
-    for (size_t i = 0; i < n; ++i) EXPECT_EQ(got[i] >> 3, expected[i] >> 3) << i;
-    std::sort(got.begin(), got.end());
-    EXPECT_EQ(got, expected);
-  }
-  // Three cells' worth of keys: counted, each as its weight.
-  const std::vector<uint32_t> few = {key(7, 1, 2), key(7, 3, 5), key(8, 1, 1),
-                                     key(7, 1, 4), key(8, 1, 2), key(7, 2, 1)};
-  sort.prepare(few.size());
-  std::copy(few.begin(), few.end(), sort.keys());
-  ASSERT_FALSE(sort.sort_or_count(few.size(), *std::min_element(few.begin(), few.end()),
-                                  *std::max_element(few.begin(), few.end()), 2, true, 3));
-  EXPECT_EQ(sort.cell_base(), 7u << 2);
-  ASSERT_EQ(sort.cell_count(), 6u);
-  EXPECT_EQ(std::vector<uint32_t>(sort.cell_counts(), sort.cell_counts() + 6),
-            (std::vector<uint32_t>{0, 6, 1, 5, 0, 3}));
+  EXPECT_EQ(indexed.position_labels, (std::vector<int>{0, 1, 1}));
 }
 
 }  // namespace
