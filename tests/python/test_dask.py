@@ -27,7 +27,6 @@ from sklearn.base import clone  # noqa: E402
 import PyVelmot_wrap  # noqa: E402
 import velmot  # noqa: E402
 import velmot.dask  # noqa: E402
-from velmot._learning import plan_chunks  # noqa: E402
 from velmot.dask import _combined_medians  # noqa: E402
 
 # Partition generators below run on the workers, which cannot import this
@@ -143,11 +142,11 @@ def processing_keys(worker):
     return [str(task.key) for task in list(worker.processing)]
 
 
-def first_true(probe, keep_going=lambda: True):
+def first_true(probe):
     """Polls probe() until it returns something true, which is returned;
-    None once WAIT_SECONDS pass or keep_going() turns false."""
+    None once WAIT_SECONDS pass."""
     deadline = time.monotonic() + WAIT_SECONDS
-    while time.monotonic() < deadline and keep_going():
+    while time.monotonic() < deadline:
         result = probe()
         if result:
             return result
@@ -376,40 +375,23 @@ class TestFailures:
         assert_same_forest(forest, local)
 
     @pytest.mark.parametrize("partition_wise", [False, True])
-    def test_interrupted_fit_leaves_no_tasks_behind(self, cluster, client, slow_data, partition_wise):
+    def test_interrupted_fit_leaves_no_tasks_behind(self, cluster, client, slow_data, partition_wise, monkeypatch):
         X, y = slow_data
         if partition_wise:
             X, y = da.from_array(X, chunks=(2000, -1)), da.from_array(y, chunks=2000)
-        fitting = threading.Event()
+        finished = velmot.dask._finished
 
-        def interrupt(signum, frame):
-            if fitting.is_set():
+        def interrupted_while_learning(futures):
+            # The user's Ctrl-C, once every block is submitted and fit waits.
+            if any(str(future.key).startswith("velmot-learn") for future in futures):
                 raise KeyboardInterrupt
+            yield from finished(futures)
 
-        # Once every block is submitted, so that the interrupt meets the
-        # wait for results rather than the client's own bookkeeping.
-        n_blocks = X.numblocks[0] if partition_wise else len(plan_chunks(self.N_TREES, 1))
-
-        def all_blocks_submitted():
-            return sum(str(key).startswith("velmot-learn") for key in velmot_tasks(cluster)) == n_blocks
-
-        def interrupt_once_learning():
-            if first_true(all_blocks_submitted, keep_going=fitting.is_set):
-                os.kill(os.getpid(), signal.SIGINT)
-
-        previous = signal.signal(signal.SIGINT, interrupt)
-        interrupter = threading.Thread(target=interrupt_once_learning)
-        try:
-            fitting.set()
-            interrupter.start()
-            with pytest.raises(KeyboardInterrupt) as interrupted:
-                velmot.dask.RandomForestClassifier(
-                    n_estimators=self.N_TREES, partition_wise=partition_wise, random_state=0, client=client
-                ).fit(X, y)
-        finally:
-            fitting.clear()
-            interrupter.join()
-            signal.signal(signal.SIGINT, previous)
+        monkeypatch.setattr(velmot.dask, "_finished", interrupted_while_learning)
+        with pytest.raises(KeyboardInterrupt) as interrupted:
+            velmot.dask.RandomForestClassifier(
+                n_estimators=self.N_TREES, partition_wise=partition_wise, random_state=0, client=client
+            ).fit(X, y)
         # The traceback still holds fit's futures: only cancelling frees them.
         assert interrupted.traceback
         wait_until(lambda: not velmot_tasks(cluster), "the cancelled blocks to leave the scheduler")

@@ -4,14 +4,8 @@ import numpy as np
 import pytest
 
 import PyVelmot_wrap as wrap
-from module_helpers import leaf, runtime_error, stump
+from module_helpers import EMPTY_FOREST, leaf, runtime_error, stump
 
-EXAMPLE_TREE = """(threshold 0.5 findex 3 label 0
-  left (label 0)
-  right (threshold 2.25 findex 1 label 1
-    left (label 1)
-    right (label 2)))"""
-EMPTY_FOREST = "error: forest is empty: cannot predict\n"
 NOT_FLOAT = "only float32/float64 supported for numpy arrays that encode decision trees"
 NOT_A_FOREST = "forest must be a string or a sequence of float32/float64 arrays"
 TWO_PARENTS = "error: tree array: a node is the child of more than one node\n"
@@ -22,19 +16,6 @@ def votes(forest, X=np.zeros((1, 1))):
     out = np.zeros((X.shape[1], 3))
     wrap.prob_dd(X, forest, 3, out, 1)
     return out
-
-
-def classes(forest, X):
-    out = np.full(X.shape[1], -7, dtype=np.int32)
-    wrap.test_di(X, forest, 3, out, 1)
-    return out.tolist()
-
-
-def split_with_children(left, right):
-    """stump(0, 0.5) with other child indices at its root."""
-    tree = stump(0, 0.5)
-    tree[:2, 0] = left, right
-    return tree
 
 
 class NoLength:
@@ -54,15 +35,6 @@ class FailingItem:
 
 class TreeArray(np.ndarray):
     pass
-
-
-def test_the_example_tree_predicts_its_classes():
-    # Instances as columns: feature 3 decides first, then feature 1.
-    X = np.zeros((4, 4))
-    X[3] = [0.2, 0.5, 0.9, 0.7]
-    X[1] = [9.0, 2.0, 2.25, 1.0]
-    assert classes(EXAMPLE_TREE, X) == [0, 1, 2, 1]
-    assert classes(EXAMPLE_TREE.encode(), X) == [0, 1, 2, 1]
 
 
 @pytest.mark.parametrize(
@@ -113,31 +85,6 @@ def test_refused_forests_report_the_message(forest, message):
     assert runtime_error(votes, forest) == message
 
 
-def test_exported_trees_rebuild_to_the_same_predictions():
-    rng = np.random.default_rng(4)
-    X = rng.normal(size=(3, 50))
-    y = (X[0] > 0).astype(np.int32) + (X[1] > 0.5)
-    wrap.set_seed(8)
-    trees, _ = wrap.learn_di_gini(X, y, 3, 5, 1.0, 2, 0, 1, 0)
-    for tree in trees:
-        # Breadth-first with the root in column 0: children come after parents.
-        assert (np.sort(tree[:2][tree[:2] >= 0]) == np.arange(1, tree.shape[1])).all()
-    as_float32 = [t.astype(np.float32) for t in trees[:2]] + trees[2:]
-    assert classes(as_float32, X) == classes(trees, X)
-
-    def to_text(tree, column=0):
-        left, right, feature, threshold, label = tree[:, column]
-        if left < 0 and right < 0:
-            return f"(label {int(label)})"
-        return (
-            f"(threshold {threshold!r} findex {int(feature)} label {int(label)} "
-            f"left {to_text(tree, int(left))} right {to_text(tree, int(right))})"
-        )
-
-    # The text form predicts the same.
-    assert classes(" ".join(to_text(t) for t in trees), X) == classes(trees, X)
-
-
 @pytest.mark.parametrize("num_threads", [1, 2])
 def test_the_first_failure_in_list_order_is_reported(num_threads):
     # Tree arrays are laid out in parallel; the error is still the one met
@@ -145,7 +92,8 @@ def test_the_first_failure_in_list_order_is_reported(num_threads):
     def predict(forest):
         return runtime_error(wrap.test_di, np.zeros((1, 3)), forest, 3, np.zeros(3, dtype=np.int32), num_threads)
 
-    two_parents, out_of_range = split_with_children(1, 1), split_with_children(7, 2)
+    two_parents, out_of_range = stump(0, 0.5), stump(0, 0.5)
+    two_parents[:2, 0], out_of_range[:2, 0] = (1, 1), (7, 2)
     bad_label, int_array = leaf(3e10), np.zeros((5, 1), dtype=np.int32)
     assert predict([leaf(0)] * 20 + [two_parents, out_of_range] + [leaf(1)] * 20) == TWO_PARENTS
     assert predict([out_of_range, two_parents]) == "error: tree array: child index out of range\n"

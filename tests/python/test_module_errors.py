@@ -4,7 +4,7 @@ import numpy as np
 import pytest
 
 import PyVelmot_wrap as wrap
-from module_helpers import leaf, runtime_error, stump
+from module_helpers import EMPTY_FOREST, leaf, runtime_error, stump
 
 X = np.array([[0.0, 1.0, 2.0, 3.0, 4.0, 5.0], [1.0, 1.0, 0.0, 0.0, 1.0, 0.0]])
 Y = np.array([0, 0, 1, 1, 2, 2], dtype=np.int32)
@@ -12,7 +12,6 @@ REAL = np.array([0.5, 0.2, 1.9, 1.0, 2.7, 0.0])
 LABEL = "invalid class label {}. Labels must be >= 0 and < num_classes; num_classes={}."
 LABEL_COUNT = "the number of labels must be the same as the number of rows (instances) in the instance matrix"
 X_FLOAT32 = "X_ has 4-byte elements, too small for float64 (8 bytes): pass an array of float64"
-EMPTY_FOREST = "error: forest is empty: cannot predict\n"
 
 
 def learn(x=X, y=Y, num_classes=3, num_threads=1, learner=wrap.learn_di_gini):

@@ -76,46 +76,28 @@ def test_vote_fractions_are_votes_over_trees_narrowed_to_the_output_type():
 def test_strided_inputs_and_outputs():
     X, y = two_class_data(60)
     instance_major = X.astype(np.float64)  # (60, 3), C order
-    wrap.set_seed(5)
-    dense, _ = wrap.learn_di_gini(np.ascontiguousarray(instance_major.T), y, 2, 6, 1.0, 2, 0, 1, 0)
+    dense_X = np.ascontiguousarray(instance_major.T)
+    forests = []
     # The transposed view, and labels read every second element.
-    wrap.set_seed(5)
-    strided, _ = wrap.learn_di_gini(instance_major.T, np.repeat(y, 2)[::2], 2, 6, 1.0, 2, 0, 1, 0)
-    for a, b in zip(dense, strided):
-        np.testing.assert_array_equal(a, b)
-
-    # labels_out_ with an 8-byte stride fills every second int32.
+    for features, labels in ((dense_X, y), (instance_major.T, np.repeat(y, 2)[::2])):
+        wrap.set_seed(5)
+        forests.append(wrap.learn_di_gini(features, labels, 2, 6, 1.0, 2, 0, 1, 0)[0])
+    assert all(np.array_equal(a, b, equal_nan=True) for a, b in zip(*forests))
+    dense = forests[0]
+    reference, expected = np.zeros(len(y), dtype=np.int32), np.zeros((len(y), 2))
+    wrap.test_di(dense_X, dense, 2, reference, 1)
+    wrap.prob_dd(dense_X, dense, 2, expected, 1)
+    # labels_out_ with an 8-byte stride fills every second int32; tree
+    # arrays are read through their strides too (Fortran order, float32).
     spaced_out = np.full(2 * len(y), -9, dtype=np.int32)
-    wrap.test_di(instance_major.T, dense, 2, spaced_out[::2], 1)
-    reference = np.zeros(len(y), dtype=np.int32)
-    wrap.test_di(np.ascontiguousarray(instance_major.T), dense, 2, reference, 1)
+    fortran = [np.asfortranarray(t).astype(np.float32, order="F") for t in dense]
+    wrap.test_di(instance_major.T, fortran, 2, spaced_out[::2], 1)
     np.testing.assert_array_equal(spaced_out[::2], reference)
     assert (spaced_out[1::2] == -9).all()
-
     # probs_out_ as the transpose of a classes x instances array.
     classes_major = np.full((2, len(y)), -1.0)
     wrap.prob_dd(instance_major.T, dense, 2, classes_major.T, 1)
-    expected = np.zeros((len(y), 2))
-    wrap.prob_dd(instance_major.T, dense, 2, expected, 1)
     np.testing.assert_array_equal(classes_major.T, expected)
-
-    # Tree arrays are read through their strides too (Fortran order, float32).
-    fortran = [np.asfortranarray(t).astype(np.float32, order="F") for t in dense]
-    from_fortran = np.zeros(len(y), dtype=np.int32)
-    wrap.test_di(instance_major.T, fortran, 2, from_fortran, 1)
-    np.testing.assert_array_equal(from_fortran, reference)
-
-
-def test_missing_values_are_imputed_before_prediction():
-    # Stump on feature 0 at 2.5: NaN would go right, but the median of the
-    # present values (upper middle of [1, 2]) is 2, which goes left.
-    predicted = np.zeros(3, dtype=np.int32)
-    wrap.test_di(np.array([[1.0, 2.0, np.nan]]), [stump(0, 2.5)], 2, predicted, 1)
-    np.testing.assert_array_equal(predicted, [0, 0, 0])
-    # Three present values: the middle one, 3, goes right.
-    four = np.zeros(4, dtype=np.int32)
-    wrap.test_si(np.array([[1.0, 4.0, 3.0, np.nan]], dtype=np.float32), [stump(0, 2.5)], 2, four, 1)
-    np.testing.assert_array_equal(four, [0, 1, 1, 1])
 
 
 def test_missing_values_are_filled_with_medians_of_the_whole_matrix_through_its_strides():

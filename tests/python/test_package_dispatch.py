@@ -7,6 +7,7 @@ from functools import partial
 import numpy as np
 import pytest
 import PyVelmot_wrap
+from module_helpers import leaf
 from velmot import RandomForestClassifier
 from velmot._learning import plan_chunks
 
@@ -34,12 +35,9 @@ class ModuleRecorder:
         arguments = dict(locals())
         del arguments["self"], arguments["name"], arguments["with_importances"]
         self.calls.append((name, arguments))
-        leaf = np.array([[-1.0], [-1.0], [-1.0], [np.nan], [0.0]])
         if self.importances is None:
-            values = np.full(X_.shape[0], 1.0 / X_.shape[0])
-        else:
-            values = np.asarray(self.importances.pop(0), dtype=np.float64)
-        return [leaf.copy() for _ in range(num_trees)], values
+            return [leaf(0) for _ in range(num_trees)], np.full(X_.shape[0], 1.0 / X_.shape[0])
+        return [leaf(0) for _ in range(num_trees)], np.asarray(self.importances.pop(0), dtype=np.float64)
 
     def _predict(self, name, X_, forest_, num_classes, out, num_threads):
         self.calls.append((name, dict(X_=X_, out=out, num_threads=num_threads)))
@@ -61,15 +59,22 @@ def data(dtype, n_samples=12, n_features=3, order="C"):
     return X, np.arange(n_samples) % 2
 
 
-@pytest.mark.parametrize("dtype, letter", [(np.int32, "i"), (np.float64, "d"), (np.float32, "s"), (np.uint8, "b")])
+@pytest.mark.parametrize(
+    "dtype, letter, criterion, suffix",
+    [(np.int32, "i", "gini", "gini"), (np.float64, "d", "entropy", "infogain"),
+     (np.float32, "s", "log_loss", "infogain"), (np.uint8, "b", "gain_ratio", "gainratio")],
+)
 @pytest.mark.parametrize("order", ["C", "F"])
-def test_native_dtypes_reach_the_module_as_feature_major_views_without_copies(recorder, dtype, letter, order):
+def test_native_dtypes_reach_the_chosen_learner_as_feature_major_views_without_copies(
+    recorder, dtype, letter, criterion, suffix, order
+):
     X, y = data(dtype, order=order)
-    forest = RandomForestClassifier(n_estimators=1).fit(X, y)
+    forest = RandomForestClassifier(n_estimators=1, criterion=criterion).fit(X, y)
     forest.predict(X)
     forest.predict_proba(X)
 
-    (learn,) = recorder.named(f"learn_{letter}i_")
+    (learn,) = recorder.named(f"learn_{letter}i_{suffix}")
+    assert len(recorder.named("learn_")) == 1
     (test,) = recorder.named(f"test_{letter}i")
     (prob,) = recorder.named(f"prob_{letter}d")
     for call in (learn, test, prob):
@@ -100,16 +105,6 @@ def test_other_dtypes_follow_the_documented_conversion(recorder, X, letter, copi
     (learn,) = recorder.named(f"learn_{letter}i_")
     assert np.shares_memory(learn["X_"], X) != copied
     np.testing.assert_array_equal(learn["X_"].T.astype(np.float64), X.astype(np.float64))
-
-
-@pytest.mark.parametrize(
-    "criterion, suffix",
-    [("gini", "gini"), ("entropy", "infogain"), ("log_loss", "infogain"), ("gain_ratio", "gainratio")],
-)
-def test_criterion_selects_the_learner(recorder, criterion, suffix):
-    X, y = data(np.float64)
-    RandomForestClassifier(n_estimators=1, criterion=criterion).fit(X, y)
-    assert [name for name, _ in recorder.calls if name.startswith("learn")] == [f"learn_di_{suffix}"]
 
 
 @pytest.mark.parametrize(
@@ -164,18 +159,15 @@ def test_all_features_is_asked_with_one_extra_constant_feature(
     assert forest.feature_importances_.shape == (n_features,)
 
 
-@pytest.mark.parametrize("n_samples", [7, 49, 97])
-@pytest.mark.parametrize("max_samples", [3, 0.1, 0.33, 1.0, None])
-def test_bootstrap_size_is_exact_after_the_library_truncates(recorder, n_samples, max_samples):
+@pytest.mark.parametrize(
+    "n_samples, max_samples, wanted",
+    [(7, 3, 3), (7, None, 7), (7, 0.05, 1), (49, 0.33, 16), (97, 0.1, 10), (97, 1.0, 97)],
+)
+def test_bootstrap_size_is_exact_after_the_library_truncates(recorder, n_samples, max_samples, wanted):
+    # 16 / 49 * 49 truncates to 15: the proportion must be nudged up.
     X = np.random.RandomState(0).rand(n_samples, 2)
     RandomForestClassifier(n_estimators=1, max_samples=max_samples).fit(X, np.arange(n_samples) % 2)
     (learn,) = recorder.named("learn_")
-    if max_samples is None:
-        wanted = n_samples
-    elif isinstance(max_samples, int):
-        wanted = max_samples
-    else:
-        wanted = max(1, round(max_samples * n_samples))
     assert int(learn["sampling_prop"] * n_samples) == wanted
 
 

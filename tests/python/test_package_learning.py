@@ -1,5 +1,7 @@
-"""Forests learnt through the real module: reproducibility, labels, missing
-values, progress display, and data that could trap the module's search."""
+"""Forests learnt through the real module: reproducibility, memory layouts,
+progress display, and data that could trap the module's search. (Labels,
+feature names and probabilities are covered by test_package_dispatch.py
+and scikit-learn's estimator checks.)"""
 
 import subprocess
 import sys
@@ -7,7 +9,6 @@ import threading
 from concurrent.futures import ThreadPoolExecutor
 
 import numpy as np
-import pandas as pd
 import pytest
 from sklearn.datasets import make_classification
 from velmot import RandomForestClassifier
@@ -82,48 +83,6 @@ def test_the_memory_layout_of_X_does_not_change_the_forest(dtype):
         for layout in (X, np.asfortranarray(X), np.repeat(X, 2, axis=0)[::2], X[:, ::-1][:, ::-1])
     ]
     assert all(same_forest(forests[0], other) for other in forests[1:])
-
-
-@pytest.mark.parametrize(
-    "y",
-    [
-        np.array(["spam", "ham", "eggs"] * 20),
-        np.array([-5, 100, 7] * 20),
-        np.array([True, False, False] * 20),
-    ],
-)
-def test_any_labels_come_back_from_predict(y):
-    # Each class sits at its own feature value: a forest recovers them all.
-    X = np.column_stack([np.tile([0.0, 1.0, 2.0], 20), np.zeros(60)])
-    forest = RandomForestClassifier(n_estimators=10, random_state=0).fit(X, y)
-    np.testing.assert_array_equal(forest.predict(X), y)
-    assert forest.predict(X).dtype == y.dtype
-    np.testing.assert_array_equal(forest.classes_, np.unique(y))
-
-
-def test_probabilities_are_vote_fractions_consistent_with_predict(data):
-    X, y = data
-    forest = RandomForestClassifier(n_estimators=10, random_state=0).fit(X, y)
-    proba = forest.predict_proba(X)
-    np.testing.assert_allclose(proba.sum(axis=1), 1.0)
-    np.testing.assert_array_equal(proba * 10, np.round(proba * 10))
-    np.testing.assert_array_equal(forest.predict(X), forest.classes_[np.argmax(proba, axis=1)])
-    log_proba = np.log(proba, where=proba > 0, out=np.full_like(proba, -np.inf))
-    np.testing.assert_array_equal(forest.predict_log_proba(X), log_proba)
-    importances = forest.feature_importances_
-    assert importances.shape == (8,) and np.isclose(importances.sum(), 1.0) and np.all(importances >= 0)
-
-
-def test_dataframes_keep_their_column_names(data):
-    X, y = data
-    frame = pd.DataFrame(X, columns=[f"f{i}" for i in range(8)])
-    forest = RandomForestClassifier(n_estimators=5, random_state=0).fit(frame, pd.Series(y))
-    np.testing.assert_array_equal(forest.feature_names_in_, frame.columns)
-    with pytest.warns(UserWarning, match="does not have valid feature names"):
-        from_array = forest.predict(X)
-    np.testing.assert_array_equal(forest.predict(frame), from_array)
-    with pytest.raises(ValueError, match="feature names"):
-        forest.predict(frame[frame.columns[::-1]])
 
 
 # The module's search over all features never leaves a node where a feature
