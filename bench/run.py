@@ -19,7 +19,9 @@ Workloads (full size; --quick shrinks them):
       100 trees, 6 features per split; predict 50,000 held-out instances
   W2  W1's data quantised to uint8, 256 levels per feature
   W3  the handwritten digits, 500 trees, 8 features per split
-  W4  W1's shape at 25k, 50k, 100k and 200k training instances (fit scaling)
+  W4  W1's shape at 25k, 50k, 100k and 200k training instances (fit scaling);
+      then Velmot's W4 fits again in 5 rounds of every size (--growth-rounds),
+      whose medians give a growth exponent steadier than one fit per size
 Every forest: Gini, full depth, bootstrap samples as large as the training
 set (histogram peers: a 63.2% subsample), same seed, 2 threads.
 """
@@ -294,6 +296,39 @@ def run_cases(cases, libraries, threads, timeout, omp_wait, on_progress):
     return rows
 
 
+def steadied_growth(cases, threads, timeout, omp_wait, rounds):
+    """Velmot's W4 fits again, in rounds that each run every size once
+    (smallest first), so that a change in the machine's load falls on all
+    sizes alike; returns the fit seconds per size over the rounds. One fit per
+    size moves the growth exponent by a few hundredths on a shared machine."""
+    scaling = sorted((c for c in cases if c.workload == "W4"), key=lambda c: len(c.X_train))
+    fits = {len(c.X_train): [] for c in scaling}
+    print(f"\nVelmot's W4 growth: {rounds} rounds of {', '.join(f'{n:,}' for n in fits)}", flush=True)
+    with tempfile.TemporaryDirectory(prefix="velmot-growth-") as root:
+        directories = []
+        for case in scaling:
+            directory = os.path.join(root, str(len(case.X_train)))
+            os.makedirs(directory)
+            write_case(case, directory, threads, for_r=False)
+            directories.append((len(case.X_train), directory))
+        for round_number in range(rounds):
+            seconds = []
+            for n, directory in directories:
+                outcome = run_library(VELMOT, directory, threads, timeout, omp_wait)
+                if not isinstance(outcome, tuple):
+                    print(f"  round {round_number + 1}: {n:,} {outcome['status']}: {outcome['error']}", flush=True)
+                    return None
+                fits[n].append(outcome[0]["fit_seconds"])
+                seconds.append(f"{fits[n][-1]:.2f}")
+            print(f"  round {round_number + 1}: fit " + " / ".join(seconds) + " s", flush=True)
+    return fits
+
+
+def growth_exponent(sizes, seconds):
+    """b of the least-squares fit seconds ~ n^b."""
+    return float(np.polyfit(np.log(sizes), np.log(seconds), 1)[0])
+
+
 # ---------------------------------------------------------------- reporting
 
 
@@ -454,6 +489,22 @@ def markdown_report(run, libraries, cases):
             name = f"{library.label} (approx.)" if library.approximate else library.label
             lines.append(f"| {name} | " + " | ".join(cells) + f" | {growth} |")
         lines.append("")
+        fits = run.get("velmot_growth")
+        if fits:
+            grown = sorted((int(n), float(np.median(seconds))) for n, seconds in fits.items())
+            n_values = [n for n, _ in grown]
+            n_log_n = growth_exponent(n_values, [n * math.log(n) for n in n_values])
+            lines += [
+                (
+                    f"Velmot's growth, steadied: its fits again in {len(next(iter(fits.values())))} rounds that each "
+                    "run every size once, smallest first (a change in the machine's load then falls on all sizes "
+                    "alike). Median fit seconds: "
+                    + ", ".join(f"{fmt_seconds(t)} at {n:,}" for n, t in grown)
+                    + f"; growth **n^{growth_exponent(n_values, [t for _, t in grown]):.3f}**, against "
+                    f"n^{n_log_n:.3f} for n log n over the same sizes."
+                ),
+                "",
+            ]
     lines += ["## Libraries", ""]
     for library in libraries:
         row = next((r for r in rows if r["library"] == library.label and r["status"] == "ok"), None)
@@ -558,6 +609,12 @@ def parse_arguments(argv):
         "threads slow fine-grained parallel loops tenfold) or the runtime's default",
     )
     parser.add_argument(
+        "--growth-rounds",
+        type=int,
+        help="rounds of Velmot's W4 fits run again, interleaved, for a steadier growth exponent "
+        "(default: 5, --quick 2; 0: none)",
+    )
+    parser.add_argument(
         "--out", help="output folder (default bench/results, bench/results/quick or bench/results/partial)"
     )
     arguments = parser.parse_args(argv)
@@ -627,6 +684,9 @@ def main(argv):
             print(f"no chart: {error} (bench/setup.sh installs matplotlib)", flush=True)
 
     rows = run_cases(cases, libraries, arguments.threads, timeout, arguments.omp_wait, write_outputs)
+    rounds = arguments.growth_rounds if arguments.growth_rounds is not None else 2 if arguments.quick else 5
+    if rounds > 0 and VELMOT in libraries and any(c.workload == "W4" for c in cases):
+        run["velmot_growth"] = steadied_growth(cases, arguments.threads, timeout, arguments.omp_wait, rounds)
     run["complete"] = True
     write_outputs(rows)
     print("\n" + markdown_report(run, arguments.libraries, cases))
