@@ -1,7 +1,7 @@
 """Velmot beside its peers: fit and predict on identical data, split, forest
 size, features per split and thread count, each library in its own process.
 
-    .venv/bin/python bench/run.py            # the full run (about 45 minutes on 2 idle cores)
+    .venv/bin/python bench/run.py            # the full run (about 50 minutes on 2 idle cores)
     .venv/bin/python bench/run.py --quick    # smaller sizes, under 2 minutes
 
 Run bench/setup.sh first (``make bench`` does): it installs the peers that are
