@@ -484,8 +484,7 @@ def markdown_report(run, libraries, cases):
                 cells.append(f"{fmt_seconds(row['fit_seconds'])} ({fmt_ratio(speedup(rows, row, 'fit_seconds'))})")
             growth = ""
             if len(points) >= 2:
-                slope = np.polyfit(np.log([p[0] for p in points]), np.log([p[1] for p in points]), 1)[0]
-                growth = f"{slope:.2f}"
+                growth = f"{growth_exponent([p[0] for p in points], [p[1] for p in points]):.2f}"
             name = f"{library.label} (approx.)" if library.approximate else library.label
             lines.append(f"| {name} | " + " | ".join(cells) + f" | {growth} |")
         lines.append("")
