@@ -1,6 +1,7 @@
-// FeatureRanks against a plain comparison-sort ranking: the same ranks and
-// the same value table, bit for bit, on data that reaches every path of the
-// radix sort (skipped digits, runs of equal high halves, both zeros, ties).
+// FeatureRanks against a plain comparison-sort ranking: the same ranks (in
+// the columns and in the instance-major copy) and the same value table, bit
+// for bit, on data that reaches every path of the radix sort (skipped
+// digits, runs of equal high halves, both zeros, ties).
 
 #include <gtest/gtest.h>
 #include <omp.h>
@@ -48,13 +49,17 @@ template <class F>
 void expect_reference_ranks(const std::vector<std::vector<F>>& columns, int threads = 1) {
   const auto data = data_of(columns);
   omp_set_num_threads(threads);
-  const Velmot::FeatureRanks<F> ranks(data);
+  Velmot::FeatureRanks<F> ranks(data);
+  ranks.copy_to_rows();
   for (size_t j = 0; j < columns.size(); ++j) {
     std::vector<uint32_t> expected_ranks;
     std::vector<F> expected_values;
     reference_ranks(columns[j], expected_ranks, expected_values);
     ASSERT_TRUE(ranks.has_ranks(j)) << "feature " << j;
     ASSERT_TRUE(std::equal(expected_ranks.begin(), expected_ranks.end(), ranks.ranks(j))) << "feature " << j;
+    for (size_t i = 0; i < expected_ranks.size(); ++i) {
+      ASSERT_EQ(ranks.row_ranks(j)[i * ranks.row_stride()], expected_ranks[i]) << "row " << i << ", feature " << j;
+    }
     ASSERT_EQ(ranks.num_ranks(j), expected_values.size()) << "feature " << j;
     // Bytes, not values: the sign of a zero counts.
     ASSERT_EQ(std::memcmp(expected_values.data(), ranks.values(j), expected_values.size() * sizeof(F)), 0)
@@ -112,7 +117,9 @@ TEST(FeatureRanks, EveryTypeMatchesTheComparisonSortOnAnyThreadCount) {
 TEST(FeatureRanks, NaNOrNoInstancesLeaveAFeatureUnranked) {
   const double nan = std::numeric_limits<double>::quiet_NaN();
   const auto data = data_of<double>({{0.0, -1.0, -0.0, 2.0}, {1.0, nan, 3.0, 3.0}, {3.0, 2.0, 2.0, 1.0}});
-  const Velmot::FeatureRanks<double> ranks(data);
+  Velmot::FeatureRanks<double> ranks(data);
+  ranks.copy_to_rows();
+  EXPECT_EQ(ranks.row_ranks(1)[2 * ranks.row_stride()], 0u);
   EXPECT_TRUE(ranks.has_ranks(0));
   EXPECT_FALSE(ranks.has_ranks(1));
   ASSERT_TRUE(ranks.has_ranks(2));
