@@ -18,7 +18,10 @@ importances)``, importances being ``None`` unless requested. The
 their integer parts. ``fte_per_split`` below 1 or at least the number of
 features means every feature at every node; in that mode a node on which
 some feature is constant is searched forever, so callers pass
-``1 <= fte_per_split < num_features``.
+``1 <= fte_per_split < num_features``. A read-only matrix with an attribute
+``_velmot_prepared`` (an ndarray subclass) keeps each call's copy, imputation
+and ranks of its features there for the next call on the same memory,
+shape and strides; its values must not change meanwhile.
 
 ``test_<features>i`` writes the majority class of each instance into
 ``labels_out_`` (int32); ``prob_<features><output>`` writes the fraction of

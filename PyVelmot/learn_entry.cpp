@@ -4,6 +4,7 @@
 #include <omp.h>
 
 #include <cmath>
+#include <memory>
 #include <sstream>
 #include <string>
 #include <type_traits>
@@ -15,6 +16,7 @@
 #include "forest_conversion.h"
 #include "method_list.h"
 #include "owned_forest.h"
+#include "prepared_features.h"
 #include "py_ref.h"
 #include "velmot/dataset/dataset.h"
 #include "velmot/dataset/native_array_dataset.h"
@@ -83,16 +85,17 @@ PyObject* tree_list(const OwnedForest<L>& forest) {
 
 }  // namespace
 
-// Label check, imputation and the forest itself, on library types alone.
-template <class L, class DataSet, class Criterion, class ImportanceVector>
-void learn_impl(DataSet& dataset, OwnedForest<L>& forest, int num_trees, double sampling_prop, int fte_per_split,
-                int max_depth, const Criterion& criteria, bool compute_feature_importances,
+// Label check, imputation (of a fresh preparation) and the forest itself, on
+// library types alone.
+template <class L, class Prepared, class Criterion, class ImportanceVector>
+void learn_impl(Prepared& prepared, bool fresh, OwnedForest<L>& forest, int num_trees, double sampling_prop,
+                int fte_per_split, int max_depth, const Criterion& criteria, bool compute_feature_importances,
                 ImportanceVector& feature_importances) {
-  check_labels(dataset.labels, static_cast<int>(dataset.get_num_classes()));
-  dataset.impute();
-  OwnedForest<L> learnt(Velmot::learn_forest(dataset, num_trees, sampling_prop, fte_per_split, max_depth,
-                                             min_leaf_size, criteria, compute_feature_importances,
-                                             feature_importances));
+  check_labels(prepared.dataset.labels, static_cast<int>(prepared.dataset.get_num_classes()));
+  if (fresh) prepared.dataset.impute();
+  OwnedForest<L> learnt(Velmot::learn_forest(prepared.dataset, prepared.ranks, num_trees, sampling_prop,
+                                             fte_per_split, max_depth, min_leaf_size, criteria,
+                                             compute_feature_importances, feature_importances));
   forest.swap(learnt);
 }
 
@@ -134,13 +137,25 @@ PyObject* learn_wrap(PyObject*, PyObject* args) {
         static_cast<size_t>(num_instances), static_cast<size_t>(num_features), static_cast<size_t>(num_classes),
         static_cast<size_t>(PyArray_STRIDE(x, 1)), static_cast<size_t>(PyArray_STRIDE(x, 0)),
         static_cast<size_t>(PyArray_STRIDE(y, 0)));
-    Velmot::MemoryDataSet<F, L> dataset;
-    dataset.copy_from(native);
+    // Features prepared by an earlier call on this matrix keep their copy,
+    // imputation and ranks; only the labels are this call's.
+    const StoredPreparation stored = find_preparation(x_object);
+    PreparedFeatures<F, L>* prepared = reusable_preparation<F, L>(stored, x);
+    std::unique_ptr<PreparedFeatures<F, L>> fresh;
+    if (prepared == nullptr) {
+      fresh.reset(new PreparedFeatures<F, L>(MatrixLayout(x)));
+      fresh->dataset.copy_from(native);
+      prepared = fresh.get();
+    } else {
+      prepared->dataset.set_num_classes(native.nc);
+      prepared->dataset.labels = native.labels;
+    }
 
     OwnedForest<L> forest;
     std::vector<double> feature_importances(static_cast<size_t>(num_features), 0.0);
-    learn_impl(dataset, forest, num_trees, sampling_prop, fte_per_split, max_depth, Criterion(),
+    learn_impl(*prepared, fresh != nullptr, forest, num_trees, sampling_prop, fte_per_split, max_depth, Criterion(),
                compute_feature_importances != 0, feature_importances);
+    if (fresh && stored.opted_in) store_preparation(x_object, std::move(fresh));
 
     PyRef importances(compute_feature_importances ? importance_array(feature_importances)
                                                   : (Py_INCREF(Py_None), Py_None));

@@ -41,6 +41,23 @@ _CALLS_PER_FOREST = 10
 _POOL_LOCK = threading.Lock()
 
 
+class _PreparedMatrix(np.ndarray):
+    """A read-only view of a fit's feature matrix on which the module keeps
+    its preparation of the features (copy, imputation, ranks) from one
+    learning call to the next, instead of redoing it for every chunk. The
+    module stores it in this attribute; it goes with the view at the end of
+    the fit."""
+
+    _velmot_prepared = None
+
+
+def prepared_once(features):
+    """A view of ``features`` that the module prepares once for all chunks."""
+    view = features.view(_PreparedMatrix)
+    view.flags.writeable = False
+    return view
+
+
 def plan_chunks(n_trees, n_threads):
     """Sizes of the successive learning calls: each a multiple of n_threads
     (so that every thread learns as many trees), the last one shorter."""
@@ -94,6 +111,7 @@ def learn_forest(
     """
     chunks = plan_chunks(n_trees, n_threads)
     seeds = draw_chunk_seeds(random_state, len(chunks))
+    features = prepared_once(features)
 
     trees = []
     importance_sum = np.zeros(features.shape[0], dtype=np.float64)

@@ -93,10 +93,34 @@ void check_forest_input(const D& data, int forest_size, double sample_prop, size
 
 }  // namespace learn_forest_detail
 
+// The ranks a learning call shares among its trees, made by the first call
+// that learns a tree. A caller that learns several forests from the same
+// features can keep one and pass it to each call: ranking (and the
+// instance-major copy) then happens once instead of once per call.
+template <class F>
+struct ReusableRanks {
+  bool made = false;
+  FeatureRanks<F> ranks;
+};
+
 template <class D, class Criterion, class ImportanceVector>
 std::vector<Node<typename D::label_type>*> learn_forest(const D& data, int forest_size, double sample_prop,
                                                         int fte_per_split, int max_depth, int min_leaf_size,
                                                         const Criterion& criteria, bool compute_feature_importances,
+                                                        ImportanceVector& feature_importances) {
+  ReusableRanks<typename D::feature_type> ranks;
+  return learn_forest(data, ranks, forest_size, sample_prop, fte_per_split, max_depth, min_leaf_size, criteria,
+                      compute_feature_importances, feature_importances);
+}
+
+// The same with ranks kept by the caller: `reusable` must have been made (if
+// at all) from features equal to data's, labels aside.
+template <class D, class Criterion, class ImportanceVector>
+std::vector<Node<typename D::label_type>*> learn_forest(const D& data,
+                                                        ReusableRanks<typename D::feature_type>& reusable,
+                                                        int forest_size, double sample_prop, int fte_per_split,
+                                                        int max_depth, int min_leaf_size, const Criterion& criteria,
+                                                        bool compute_feature_importances,
                                                         ImportanceVector& feature_importances) {
   typedef Node<typename D::label_type> NodeType;
   if (data.get_num_instances() == 0) throw IncompatibleDataException("data set is empty");
@@ -109,18 +133,21 @@ std::vector<Node<typename D::label_type>*> learn_forest(const D& data, int fores
 
   // Ranks of the floating-point features, shared by all trees: nodes then
   // sort small integers instead of values (same order, same trees).
-  FeatureRanks<typename D::feature_type> ranks;
+  FeatureRanks<typename D::feature_type>& ranks = reusable.ranks;
   if constexpr (std::is_floating_point<typename D::feature_type>::value) {
-    // Only a speed-up: without memory for it, nodes sort values instead.
-    try {
-      if (forest_size > 0) ranks = FeatureRanks<typename D::feature_type>(data);
-    } catch (const std::bad_alloc&) {
-      ranks = FeatureRanks<typename D::feature_type>();
-    }
-    try {
-      if (ranks.table_bytes() > learn_forest_detail::rows_above_table_bytes) ranks.copy_to_rows();
-    } catch (const std::bad_alloc&) {
-      // Without the copy, small nodes read the columns.
+    if (!reusable.made && forest_size > 0) {
+      // Only a speed-up: without memory for it, nodes sort values instead.
+      try {
+        ranks = FeatureRanks<typename D::feature_type>(data);
+      } catch (const std::bad_alloc&) {
+        ranks = FeatureRanks<typename D::feature_type>();
+      }
+      try {
+        if (ranks.table_bytes() > learn_forest_detail::rows_above_table_bytes) ranks.copy_to_rows();
+      } catch (const std::bad_alloc&) {
+        // Without the copy, small nodes read the columns.
+      }
+      reusable.made = true;
     }
   }
 

@@ -28,7 +28,14 @@
   std::vector<Velmot::Node<L>*> Velmot::learn_forest<Velmot::MemoryDataSet<F, L>, C, std::vector<double>>(     \
       const Velmot::MemoryDataSet<F, L>&, int, double, int, int, int, const C&, bool, std::vector<double>&);
 
-#define VELMOT_DECLARE_LEARN_FOREST(F, L, C) extern template VELMOT_LEARN_FOREST_SIGNATURE(F, L, C)
+// The form that keeps its ranks between calls.
+#define VELMOT_LEARN_FOREST_REUSING_SIGNATURE(F, L, C)                                                          \
+  std::vector<Velmot::Node<L>*> Velmot::learn_forest<Velmot::MemoryDataSet<F, L>, C, std::vector<double>>(     \
+      const Velmot::MemoryDataSet<F, L>&, Velmot::ReusableRanks<F>&, int, double, int, int, int, const C&, bool, \
+      std::vector<double>&);
+
+#define VELMOT_DECLARE_LEARN_FOREST(F, L, C) \
+  extern template VELMOT_LEARN_FOREST_SIGNATURE(F, L, C) extern template VELMOT_LEARN_FOREST_REUSING_SIGNATURE(F, L, C)
 VELMOT_FOR_EACH_LEARNER(VELMOT_DECLARE_LEARN_FOREST)
 #undef VELMOT_DECLARE_LEARN_FOREST
 
