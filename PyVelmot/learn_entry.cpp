@@ -143,7 +143,7 @@ PyObject* learn_wrap(PyObject*, PyObject* args) {
     PreparedFeatures<F, L>* prepared = reusable_preparation<F, L>(stored, x);
     std::unique_ptr<PreparedFeatures<F, L>> fresh;
     if (prepared == nullptr) {
-      fresh.reset(new PreparedFeatures<F, L>(MatrixLayout(x)));
+      fresh = std::make_unique<PreparedFeatures<F, L>>(MatrixLayout(x));
       fresh->dataset.copy_from(native);
       prepared = fresh.get();
     } else {

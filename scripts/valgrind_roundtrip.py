@@ -27,6 +27,17 @@ def main():
     trees_v, _ = wrap.learn_sd_variance(x.astype(np.float32), y + 0.5, 3, 3, 1.0, 2, 0, 1, 1)
     assert len(trees_v) == 3
 
+    # A matrix that keeps its preparation between calls, then drops it.
+    class Keeping(np.ndarray):
+        _velmot_prepared = None
+
+    kept = x.view(Keeping)
+    kept.flags.writeable = False
+    for seed in (3, 4):
+        wrap.set_seed(seed)
+        wrap.learn_di_gini(kept, y, 3, 2, 1.0, 2, 0, 2, 0)
+    del kept
+
     text = "(threshold 0.5 findex 0 label 0 left (label 0) right (label 2)) (label 1)"
     wrap.test_di(x, text, 3, labels, 1)
 
