@@ -98,7 +98,7 @@ def _resident_mib():
         return int(statm.read().split()[1]) * 4 / 1024
 
 
-def test_the_preparation_goes_with_its_matrix():
+def test_resident_memory_stays_flat_as_prepared_matrices_come_and_go():
     X, y = data(n=20000, nf=20)
     learn("learn_di_gini", keeping(X), y, 2, 1)
     before = _resident_mib()
