@@ -34,8 +34,9 @@ CRITERION_SUFFIXES = {
 _MAX_SEED = 2**31 - 1
 
 # About this many calls per forest: fine enough for a progress bar, coarse
-# enough that each call's fixed costs (copying the matrix, imputing, the
-# barrier at the end of its parallel region) stay negligible.
+# enough that each call's fixed costs (the barrier at the end of its parallel
+# region, the trees' conversion) stay small. Copying, imputing and ranking
+# the matrix happen once per fit (see prepared_once).
 _CALLS_PER_FOREST = 10
 
 _POOL_LOCK = threading.Lock()
