@@ -4,7 +4,10 @@ so that the peak resident memory it reports is that library's own.
     python bench/peers/harness.py PEER CASE_DIR RESULT_JSON
 
 PEER names a module beside this file (velmot_rf, sklearn_rf, ...) that
-provides ``describe()``, ``fit(X, y, config)`` and ``predict(model, X)``.
+provides ``describe()``, ``fit(X, y, config)`` and ``predict(model, X)``,
+and may provide ``mean_path_length(model, X)``: the mean number of splits on
+a training instance's way down the trees, taken after the timings, which
+tells how much work an exact learner's trees demand at this size.
 CASE_DIR holds X_train.npy, y_train.npy, X_test.npy and config.json written
 by bench/run.py. The predicted classes go to CASE_DIR/pred_PEER.npy, the
 figures to RESULT_JSON; accuracy is computed by run.py, the same for all.
@@ -70,6 +73,8 @@ def main(peer_name, case_dir, result_path):
         "peak_is_fit_only": peak_was_reset,
         **peer.describe(),
     }
+    if hasattr(peer, "mean_path_length"):
+        result["mean_path_length"] = float(peer.mean_path_length(model, X_train))
     with open(result_path, "w") as f:
         json.dump(result, f)
 

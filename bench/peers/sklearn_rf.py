@@ -25,3 +25,10 @@ def fit(X, y, config):
 
 def predict(forest, X):
     return forest.predict(X)
+
+
+def mean_path_length(forest, X, sampled_trees=10):
+    """Splits on each instance's way to its leaf, averaged over the instances
+    and the first sampled_trees trees."""
+    visited = [tree.decision_path(X).sum(axis=1) - 1 for tree in forest.estimators_[:sampled_trees]]
+    return float(sum(v.mean() for v in visited) / len(visited))

@@ -1,5 +1,6 @@
 """Velmot through its Python package, as a user would call it."""
 
+import numpy as np
 import velmot
 
 
@@ -22,3 +23,24 @@ def fit(X, y, config):
 
 def predict(forest, X):
     return forest.predict(X)
+
+
+def mean_path_length(forest, X, sampled_trees=10):
+    """Splits on each instance's way to its leaf, averaged over the instances
+    and the first sampled_trees trees (rows of a tree array: left, right,
+    feature, threshold, label; a leaf has no left child)."""
+    depths = []
+    for tree in forest.trees_[:sampled_trees]:
+        left, right, feature = (tree[row].astype(np.int64) for row in range(3))
+        threshold = tree[3]
+        depth = np.zeros(len(X), dtype=np.int64)
+        rows = np.arange(len(X))
+        node = np.zeros(len(X), dtype=np.int64)
+        while rows.size:
+            splits = left[node] >= 0
+            rows, node = rows[splits], node[splits]
+            depth[rows] += 1
+            goes_left = X[rows, feature[node]] < threshold[node]
+            node = np.where(goes_left, left[node], right[node])
+        depths.append(depth.mean())
+    return float(np.mean(depths))
