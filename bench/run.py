@@ -332,9 +332,10 @@ def growth_exponent(sizes, seconds):
 def work_growth_lines(scaling, libraries):
     """The work an exact learner's trees demand, beside its fit time: every
     instance is read once per split on its way down a tree, once per feature
-    tried, so a fit's reads grow as n times the mean path length. Trees grown
-    to pure leaves deepen by more than one level per doubling of n, so that
-    work grows faster than n log n over a finite range whatever the learner."""
+    tried, so a fit's reads grow as n times the mean path length. Where trees
+    grown to pure leaves deepen by more than a level per doubling of n, as on
+    W4's data, that work grows faster than n log n over the range, whatever
+    the learner."""
     lines = []
     for library in libraries:
         points = sorted(
