@@ -21,6 +21,7 @@ are learnt again by Dask and come out the same.
 
 import contextlib
 import uuid
+import weakref
 from concurrent.futures import CancelledError
 import warnings
 from numbers import Integral
@@ -45,7 +46,7 @@ from tqdm import tqdm
 from ._features import as_module_dtype, feature_major, feature_major_with_constant_row, upper_medians
 from ._forest import _MAX_INT32, MAX_SAMPLES, _sampling_proportion, _thread_count
 from ._forest import RandomForestClassifier as LocalRandomForestClassifier
-from ._learning import draw_chunk_seeds, learn_chunk, plan_chunks
+from ._learning import draw_chunk_seeds, learn_chunk, plan_chunks, prepared_once
 
 __all__ = ["RandomForestClassifier"]
 
@@ -407,7 +408,7 @@ class RandomForestClassifier(LocalRandomForestClassifier):
                         for index in pending:
                             futures.append(
                                 client.submit(
-                                    learn_chunk,
+                                    _learn_block,
                                     *data,
                                     n_classes=len(classes),
                                     n_trees=sizes[index],
@@ -689,6 +690,27 @@ def _summarize_partition(X_part, y_part):
         "medians": upper_medians(X),
         "present": None if X.dtype.kind != "f" else np.count_nonzero(~np.isnan(X), axis=0),
     }
+
+
+# Per worker process: the module's preparation (copy, imputation, ranks) of
+# each scattered feature matrix, by the matrix's id, for as long as the
+# matrix lives, so that the blocks one worker learns from one scatter
+# prepare the features once instead of once per block.
+_worker_preparations = {}
+
+
+def _learn_block(features, labels, **arguments):
+    """learn_chunk on a scattered matrix, reusing the preparation of it that
+    an earlier block on this worker made."""
+    key = id(features)
+    view = prepared_once(features)
+    view._velmot_prepared = _worker_preparations.get(key)
+    result = learn_chunk(view, labels, **arguments)
+    if key not in _worker_preparations and view._velmot_prepared is not None:
+        # Dropped with the matrix, before its id can be reused.
+        weakref.finalize(features, _worker_preparations.pop, key, None)
+        _worker_preparations[key] = view._velmot_prepared
+    return result
 
 
 def _learn_partition(X_part, y_part, classes, all_features, *, n_trees, seed, settings):

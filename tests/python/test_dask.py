@@ -4,6 +4,7 @@ module's own predictions, so a fault in how blocks are planned, seeded,
 shipped, encoded or combined shows up as a different forest."""
 
 import faulthandler
+import gc
 import os
 import pickle
 import signal
@@ -27,7 +28,8 @@ from sklearn.base import clone  # noqa: E402
 import PyVelmot_wrap  # noqa: E402
 import velmot  # noqa: E402
 import velmot.dask  # noqa: E402
-from velmot.dask import _combined_medians  # noqa: E402
+from velmot._learning import learn_chunk  # noqa: E402
+from velmot.dask import _combined_medians, _learn_block, _worker_preparations  # noqa: E402
 
 # Partition generators below run on the workers, which cannot import this
 # test module; they travel by value.
@@ -206,6 +208,31 @@ class TestScatteredFit:
                 ]
         assert len(forests[0].trees_) == 17
         assert_same_forest(forests[1], forests[0])
+
+
+    def test_a_worker_prepares_a_scattered_matrix_once_and_frees_it_with_the_matrix(self, client):
+        X, y = noisy_data(300)
+        features, labels = np.ascontiguousarray(X.T), y.astype(np.int32)
+        settings = dict(
+            n_classes=3, n_trees=2, sampling_prop=1.0, fte_per_split=3, max_depth=0, n_threads=1, criterion="gini"
+        )
+        key = id(features)
+        _learn_block(features, labels, seed=4, **settings)
+        kept = _worker_preparations[key]
+        reused = _learn_block(features, labels, seed=6, **settings)
+        assert _worker_preparations[key] is kept
+        fresh = learn_chunk(features.copy(), labels, seed=6, **settings)
+        assert all(np.array_equal(a, b, equal_nan=True) for a, b in zip(reused[0], fresh[0]))
+        del features
+        gc.collect()
+        assert key not in _worker_preparations
+
+        # On the cluster: released once the fit drops its scattered data.
+        velmot.dask.RandomForestClassifier(n_estimators=12, trees_per_block=2, random_state=3, client=client).fit(X, y)
+        deadline = time.monotonic() + WAIT_SECONDS
+        while any(client.run(lambda: len(velmot.dask._worker_preparations)).values()):
+            assert time.monotonic() < deadline, "workers still hold a preparation after the fit"
+            time.sleep(0.1)
 
 
 @pytest.fixture(scope="module")
