@@ -281,12 +281,13 @@ inline XorShiftRNG& thread_generator() {
 // Grows a tree on the sample `data` and returns its root, owned by the
 // caller. With compute_feature_importances, each split adds its impurity
 // decrease times its slice size to feature_importances (sized by the caller,
-// one entry per feature at least), which is then normalised to sum 1.
+// one entry per feature at least), which is then normalised to sum 1. Every
+// random choice draws from `random`.
 template <class D, class Criterion>
 Node<typename D::label_type>* learn_tree(const IndexedDataSet<D>& data, int fte_per_split, int max_depth,
                                          int min_leaf_size, const Criterion& criteria,
                                          bool compute_feature_importances,
-                                         std::vector<double>& feature_importances) {
+                                         std::vector<double>& feature_importances, XorShiftRNG& random) {
   typedef typename D::label_type L;
   typedef typename D::feature_type F;
   typedef IndexedDataSet<D> I;
@@ -302,9 +303,6 @@ Node<typename D::label_type>* learn_tree(const IndexedDataSet<D>& data, int fte_
     }
   }
 
-  // The pool cannot change while a tree grows, so the thread's generator is
-  // fetched once.
-  XorShiftRNG& random = thread_generator();
   // The private copy takes the sample's indices and ranks only: its buffer
   // and sort workspaces are filled per feature before they are read, so
   // copying the sample's (a 16-byte pair per instance) would be wasted.
@@ -392,6 +390,17 @@ Node<typename D::label_type>* learn_tree(const IndexedDataSet<D>& data, int fte_
     for (double& v : feature_importances) v /= sum;
   }
   return root;
+}
+
+// The same, drawing from the calling thread's pool generator (the pool
+// cannot change while a tree grows, so it is fetched once).
+template <class D, class Criterion>
+Node<typename D::label_type>* learn_tree(const IndexedDataSet<D>& data, int fte_per_split, int max_depth,
+                                         int min_leaf_size, const Criterion& criteria,
+                                         bool compute_feature_importances,
+                                         std::vector<double>& feature_importances) {
+  return learn_tree(data, fte_per_split, max_depth, min_leaf_size, criteria, compute_feature_importances,
+                    feature_importances, thread_generator());
 }
 
 }  // namespace Velmot

@@ -1,0 +1,144 @@
+#ifndef VELMOT_LEARN_SEEDED_FOREST_H
+#define VELMOT_LEARN_SEEDED_FOREST_H
+
+// learn_seeded_forest: the trees [first_tree, last_tree) of a forest whose
+// tree k is grown from a generator made from (seed, k) alone
+// (defs/tree_seeds.h): its bootstrap sample and every random choice of its
+// grower draw from it. A forest is therefore the same for any thread
+// count, any schedule and any split into blocks of trees, and the call
+// touches no process-wide state: no pool, no lock.
+//
+// Steps: check the input (before any thread starts); hand trees out to the
+// threads one at a time (dynamic schedule: trees differ in size); for each
+// tree draw its sample, grow it with learn_tree, flatten it into
+// ForestArrays and add its in-bag counts and impurities; record its
+// normalised importances. Trees are joined in tree order after the region.
+//
+// Progress: trees_done grows by one per finished tree; setting cancel makes
+// the threads skip the trees they have not started (the result is then
+// marked cancelled and holds no trees). A failure inside the region
+// cancels the rest and is rethrown after it.
+
+#include <omp.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cmath>
+#include <cstdint>
+#include <exception>
+#include <limits>
+#include <memory>
+#include <vector>
+
+#include "velmot/dataset/index_dataset.h"
+#include "velmot/dataset/training_set.h"
+#include "velmot/defs/exception.h"
+#include "velmot/defs/tree_seeds.h"
+#include "velmot/learn/forest_arrays.h"
+#include "velmot/learn/learn_tree.h"
+#include "velmot/learn/node_statistics.h"
+#include "velmot/stats/label_accumulator.h"
+
+namespace Velmot {
+
+struct SeededForestSettings {
+  uint64_t seed = 0;
+  int64_t first_tree = 0;
+  int64_t last_tree = 0;  // one past the last tree learnt
+  double sample_prop = 1.0;
+  int fte_per_split = 0;
+  int max_depth = 0;
+  int min_leaf_size = 1;
+  int num_threads = 1;
+};
+
+struct LearningProgress {
+  std::atomic<int64_t> trees_done{0};
+  std::atomic<bool> cancel{false};
+};
+
+struct SeededForest {
+  ForestArrays trees;
+  // Row j (num_features entries) holds the normalised importances of tree
+  // first_tree + j; all NaN for a tree without an informative split.
+  std::vector<double> tree_importances;
+  bool cancelled = false;
+};
+
+template <class F>
+void check_seeded_forest_input(const TrainingSet<F>& set, const SeededForestSettings& settings) {
+  const MemoryDataSet<F, int>& data = set.data;
+  const size_t ni = data.get_num_instances();
+  if (ni == 0) throw IncompatibleDataException("data set is empty");
+  if (ni > 2147483647u) throw IncompatibleDataException("data set has more than 2147483647 instances");
+  if (data.get_num_features() > 2147483647u) throw IncompatibleDataException("data set has too many features");
+  if (data.get_num_classes() > 2147483645u) throw IncompatibleDataException("data set has too many classes");
+  const double sample_size = settings.sample_prop * static_cast<double>(ni);
+  if (!(sample_size >= 0.0) || !(sample_size < 2147483648.0)) {
+    throw Exception("sample_prop must make a bootstrap sample of 0 to 2147483647 instances");
+  }
+  if (settings.first_tree < 0 || settings.last_tree < settings.first_tree) {
+    throw Exception("the trees to learn must be a range [first, last) of non-negative indices");
+  }
+  if (settings.num_threads < 1) throw Exception("the thread count must be at least 1");
+  for (size_t i = 0; i < ni; ++i) {
+    const int label = data.get_label(i);
+    if (label < 0 || static_cast<size_t>(label) >= data.get_num_classes()) {
+      throw IncompatibleDataException("a label lies outside the range of classes");
+    }
+  }
+}
+
+template <class F, class Criterion>
+SeededForest learn_seeded_forest(const TrainingSet<F>& set, const SeededForestSettings& settings,
+                                 const Criterion& criteria, LearningProgress& progress) {
+  check_seeded_forest_input(set, settings);
+  typedef MemoryDataSet<F, int> D;
+  const D& data = set.data;
+  const int64_t num_trees = settings.last_tree - settings.first_tree;
+  const size_t nf = data.get_num_features();
+  std::vector<ForestArrays> trees(static_cast<size_t>(num_trees));
+  SeededForest forest;
+  forest.tree_importances.assign(static_cast<size_t>(num_trees) * nf, 0.0);
+
+  std::exception_ptr failure;
+#pragma omp parallel for schedule(dynamic, 1) num_threads(settings.num_threads)
+  for (int64_t j = 0; j < num_trees; ++j) {
+    if (progress.cancel.load(std::memory_order_relaxed)) continue;
+    try {
+      XorShiftRNG rng = tree_generator(settings.seed, static_cast<uint64_t>(settings.first_tree + j));
+      IndexedDataSet<D> sample = random_subset_iid(&data, settings.sample_prop, rng);
+      sample.ranks = &set.ranks;
+      std::vector<double> importances(nf, 0.0);
+      std::unique_ptr<Node<int>> root(learn_tree(sample, settings.fte_per_split, settings.max_depth,
+                                                 settings.min_leaf_size, criteria, true, importances, rng));
+      ForestArrays& tree = trees[static_cast<size_t>(j)];
+      tree = flatten_tree(*root);
+      root.reset();
+      fill_node_statistics(tree, data, sample.indices, impurity_measure_of<Criterion>());
+      std::copy(importances.begin(), importances.end(), forest.tree_importances.begin() + j * nf);
+      progress.trees_done.fetch_add(1, std::memory_order_relaxed);
+    } catch (...) {
+#pragma omp critical(velmot_seeded_forest_failure)
+      if (!failure) failure = std::current_exception();
+      progress.cancel.store(true, std::memory_order_relaxed);
+    }
+  }
+  if (failure) std::rethrow_exception(failure);
+  if (progress.cancel.load()) {
+    forest.cancelled = true;
+    forest.tree_importances.clear();
+    return forest;
+  }
+  for (ForestArrays& tree : trees) {
+    forest.trees.append(tree);
+    tree = ForestArrays();
+  }
+  return forest;
+}
+
+}  // namespace Velmot
+
+#include "velmot/learn/seeded_forest_instances.h"
+
+#endif
