@@ -6,7 +6,7 @@
 //   TrainingData(X, y, n_classes, n_threads)      X: (n_features, n_samples)
 //   learn(data, criterion, seed, first_tree, last_tree, sample_prop,
 //         features_per_split, max_depth, n_threads, on_progress) -> dict
-//   count_votes(forest dict, X, n_classes, n_threads) -> (n_samples, n_classes) int32
+//   predict(forest dict, X, n_classes, n_threads, proba) -> codes or vote fractions
 //
 // Library failures arrive as ValueError with the library's own message;
 // element types as TypeError, shapes as ValueError.
@@ -14,6 +14,9 @@
 #include <pybind11/numpy.h>
 #include <pybind11/pybind11.h>
 
+#include <omp.h>
+
+#include <algorithm>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -22,7 +25,9 @@
 #include "released_run.h"
 #include "training_data.h"
 #include "velmot/defs/exception.h"
-#include "velmot/learn/forest_arrays_vote.h"
+#include "velmot/dataset/native_array_dataset.h"
+#include "velmot/learn/forest_arrays_layout.h"
+#include "velmot/learn/forest_classifier.h"
 #include "velmot/learn/seeded_forest.h"
 
 namespace py = pybind11;
@@ -85,8 +90,11 @@ py::dict learn(const TrainingData& data, const std::string& criterion, uint64_t 
   return result;
 }
 
-py::array_t<int32_t> count_votes(const py::dict& forest, const py::array& samples, int64_t num_classes,
-                                 int num_threads) {
+// Labels (proba false: int32 codes, ties to the smallest) or vote
+// fractions (proba true: float64, n_samples x n_classes) of a forest of
+// node arrays for X (n_samples, n_features), through the forest predictor.
+py::array predict(const py::dict& forest, const py::array& samples, int64_t num_classes, int num_threads,
+                  bool proba) {
   using PyVelmot::core::vector_of;
   auto entry = [&](const char* name) -> py::array {
     if (!forest.contains(name)) throw py::value_error(std::string("the forest has no '") + name + "' array");
@@ -112,19 +120,37 @@ py::array_t<int32_t> count_votes(const py::dict& forest, const py::array& sample
   PyVelmot::core::require_ndim(samples, "X", 2);
   if (num_classes < 1 || num_classes > 2147483645) throw py::value_error("n_classes must be in [1, 2147483645]");
   if (num_threads < 1) throw py::value_error("n_threads must be at least 1");
-  const size_t num_samples = static_cast<size_t>(samples.shape(0));
-  const size_t nc = static_cast<size_t>(num_classes);
-  Velmot::check_forest_arrays(view, static_cast<size_t>(samples.shape(1)), nc);
-  py::array_t<int32_t> votes({static_cast<py::ssize_t>(num_samples), static_cast<py::ssize_t>(nc)});
-  int32_t* out = votes.mutable_data();
+  const py::ssize_t num_samples = samples.shape(0);
+  if (proba && num_samples * num_classes * py::ssize_t(sizeof(double)) > 2147483647) {
+    throw py::value_error("predict_proba takes at most 2^31 bytes of probabilities per call; pass fewer samples");
+  }
+  Velmot::check_forest_arrays(view, static_cast<size_t>(num_classes));
+  py::array out = proba ? py::array(py::array_t<double>({num_samples, static_cast<py::ssize_t>(num_classes)}))
+                        : py::array(py::array_t<int32_t>(num_samples));
+  void* out_data = out.mutable_data();
   PyVelmot::core::with_feature_type(samples, "X", [&](auto type) {
     typedef decltype(type) F;
-    const Velmot::StridedMatrix<F> matrix{static_cast<const unsigned char*>(samples.data()), samples.strides(0),
-                                          samples.strides(1)};
+    const int placeholder_label = 0;
+    const Velmot::DisNativeArrayDataSet<F, int> data(
+        static_cast<const unsigned char*>(samples.data()), &placeholder_label, static_cast<size_t>(num_samples),
+        static_cast<size_t>(samples.shape(1)), static_cast<size_t>(num_classes),
+        static_cast<size_t>(samples.strides(0)), static_cast<size_t>(samples.strides(1)), 0);
     py::gil_scoped_release released;
-    Velmot::count_votes(view, matrix, num_samples, nc, out, num_threads);
+    omp_set_num_threads(num_threads);
+    Velmot::ForestPredictor<int> predictor(static_cast<int>(num_classes));
+    predictor.use_forest(Velmot::flat_forest_of(view));
+    if (num_samples == 0) return;
+    if (proba) {
+      Velmot::Array2D<double> probabilities(static_cast<double*>(out_data), static_cast<int>(num_samples),
+                                            static_cast<int>(num_classes));
+      predictor.compute_probabilities(data, probabilities);
+    } else {
+      std::vector<int> labels;
+      predictor.predict(data, labels);
+      std::copy(labels.begin(), labels.end(), static_cast<int32_t*>(out_data));
+    }
   });
-  return votes;
+  return out;
 }
 
 }  // namespace
@@ -149,6 +175,7 @@ PYBIND11_MODULE(_core, m) {
         py::arg("first_tree"), py::arg("last_tree"), py::arg("sample_prop"), py::arg("features_per_split"),
         py::arg("max_depth"), py::arg("n_threads"), py::arg("on_progress") = py::none(),
         "Trees [first_tree, last_tree) of the forest of `seed`: a dict of node arrays and per-tree importances.");
-  m.def("count_votes", &count_votes, py::arg("forest"), py::arg("X"), py::arg("n_classes"), py::arg("n_threads"),
-        "Votes per sample and class of a forest of node arrays; X is (n_samples, n_features).");
+  m.def("predict", &predict, py::arg("forest"), py::arg("X"), py::arg("n_classes"), py::arg("n_threads"),
+        py::arg("proba"),
+        "Class codes (or, with proba, vote fractions) of a forest of node arrays for X (n_samples, n_features).");
 }

@@ -217,9 +217,9 @@ class RandomForestClassifier(ClassifierMixin, BaseEstimator):
         y : ndarray of shape (n_samples,)
             Predicted labels, taken from ``classes_``.
         """
-        # The first class with the most votes: ties go to the first class.
-        votes = self._votes(X)
-        return self.classes_[votes.argmax(axis=1)]
+        # Ties between classes go to the first class.
+        codes = self._predict_codes_or_proba(X, proba=False)
+        return self.classes_[codes]
 
     def predict_proba(self, X):
         """Class probabilities: the fraction of trees voting for each class.
@@ -234,7 +234,7 @@ class RandomForestClassifier(ClassifierMixin, BaseEstimator):
         proba : ndarray of shape (n_samples, n_classes)
             Columns in the order of ``classes_``; each row sums to 1.
         """
-        return self._votes(X) / float(self.nodes_.n_trees)
+        return self._predict_codes_or_proba(X, proba=True)
 
     def predict_log_proba(self, X):
         """Natural logarithm of ``predict_proba``; -inf for classes no tree chose.
@@ -283,12 +283,11 @@ class RandomForestClassifier(ClassifierMixin, BaseEstimator):
         tags.input_tags.allow_nan = True
         return tags
 
-    def _votes(self, X):
-        """(n_samples, n_classes) int32: how many trees vote for each class."""
+    def _predict_codes_or_proba(self, X, *, proba):
         check_is_fitted(self)
         X = validate_data(self, X, reset=False, dtype="numeric", ensure_all_finite="allow-nan")
         samples = fill_missing(as_module_dtype(X), self._missing_value_fill_)
-        return _core.count_votes(self.nodes_.as_dict(), samples, self.n_classes_, thread_count(self.n_jobs))
+        return _core.predict(self.nodes_.as_dict(), samples, self.n_classes_, thread_count(self.n_jobs), proba)
 
     # -- model files -----------------------------------------------------
 

@@ -13,6 +13,7 @@ import time
 from concurrent.futures import ThreadPoolExecutor
 
 import numpy as np
+import PyVelmot_wrap
 import pytest
 from sklearn.datasets import make_classification
 from velmot import RandomForestClassifier, _core
@@ -69,9 +70,12 @@ def test_package_forests_match_their_recorded_digests(criterion):
     assert digest.hexdigest() == PACKAGE_DIGESTS[criterion]
 
 
-def test_node_counts_add_up_from_the_leaves_to_the_bootstrap_size(data):
+def test_node_counts_add_up_and_the_core_predicts_as_the_module(data):
     X, y = data
     forest = RandomForestClassifier(n_estimators=5, max_samples=150, criterion="entropy", random_state=1).fit(X, y)
+    proba = np.empty((len(X), 3))
+    PyVelmot_wrap.prob_dd(np.ascontiguousarray(X.T), forest.trees_, 3, proba, 2)
+    assert np.array_equal(forest.predict_proba(X), proba)
     nodes = forest.nodes_
     for begin, end in zip(nodes.offsets[:-1], nodes.offsets[1:]):
         left, right, count = (array[begin:end] for array in (nodes.left, nodes.right, nodes.count))
@@ -95,12 +99,12 @@ def test_a_damaged_core_call_says_what_is_wrong(data):
         learn = dict(seed=0, first_tree=0, last_tree=2, sample_prop=1.0, features_per_split=2, max_depth=0)
         _core.learn(_core.TrainingData(features, labels, 2, 1), criterion="gini", n_threads=1, **learn)
     forest = RandomForestClassifier(n_estimators=2, random_state=0).fit(X, y).nodes_.as_dict()
-    with pytest.raises(ValueError, match="splits on a feature the samples do not have"):
-        _core.count_votes(forest, X[:, :2], 3, 1)
+    with pytest.raises(ValueError, match="feature"):
+        _core.predict(forest, X[:, :2], 3, 1, False)
     with pytest.raises(TypeError, match="left must be a int32 array"):
-        _core.count_votes({**forest, "left": forest["left"].astype(np.int64)}, X, 3, 1)
-    with pytest.raises(ValueError, match="must have two children after it"):
-        _core.count_votes({**forest, "left": np.zeros_like(forest["left"])}, X, 3, 1)
+        _core.predict({**forest, "left": forest["left"].astype(np.int64)}, X, 3, 1, True)
+    with pytest.raises(ValueError, match="must have two distinct children after it"):
+        _core.predict({**forest, "left": np.zeros_like(forest["left"])}, X, 3, 1, False)
 
 
 def test_ctrl_c_stops_a_fit_leaving_the_estimator_unfitted():
