@@ -100,7 +100,10 @@ def main(argv):
         for step in ("fit", "predict"):
             base, current = seconds[(workload, step, "baseline")], seconds[(workload, step, "current")]
             ratio = np.median(current) / np.median(base)
-            print(f"{workload} {step:8s} baseline {summary(base)}  current {summary(current)}  current/baseline {ratio:.2f}")
+            print(
+                f"{workload} {step:8s} baseline {summary(base)}  current {summary(current)}  "
+                f"current/baseline {ratio:.2f}"
+            )
     for name in installs:
         alone, pair = seconds[("threads", "alone", name)], seconds[("threads", "pair", name)]
         ratios = [p / a for p, a in zip(pair, alone)]

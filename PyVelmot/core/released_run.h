@@ -21,7 +21,7 @@
 #include <mutex>
 #include <thread>
 
-#include "velmot/learn/seeded_forest.h"
+#include "velmot/learn/learning_progress.h"
 
 namespace PyVelmot::core {
 

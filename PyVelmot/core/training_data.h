@@ -12,7 +12,7 @@
 #include <memory>
 #include <variant>
 
-#include "velmot/dataset/training_set.h"
+#include "velmot/learn/training_set.h"
 
 namespace PyVelmot::core {
 

@@ -31,11 +31,12 @@
 #include <vector>
 
 #include "velmot/dataset/index_dataset.h"
-#include "velmot/dataset/training_set.h"
+#include "velmot/learn/training_set.h"
 #include "velmot/defs/exception.h"
 #include "velmot/defs/tree_seeds.h"
 #include "velmot/learn/forest_arrays.h"
 #include "velmot/learn/learn_tree.h"
+#include "velmot/learn/learning_progress.h"
 #include "velmot/learn/node_statistics.h"
 #include "velmot/stats/label_accumulator.h"
 
@@ -50,11 +51,6 @@ struct SeededForestSettings {
   int max_depth = 0;
   int min_leaf_size = 1;
   int num_threads = 1;
-};
-
-struct LearningProgress {
-  std::atomic<int64_t> trees_done{0};
-  std::atomic<bool> cancel{false};
 };
 
 struct SeededForest {

@@ -506,4 +506,5 @@ class RandomForestClassifier(LocalRandomForestClassifier):
 def _joined(blocks):
     """(ForestNodes, mean importances) of blocks of (nodes, importance rows)
     in tree order."""
-    return ForestNodes.join([nodes for nodes, _ in blocks]), mean_importances(np.concatenate([rows for _, rows in blocks]))
+    importances = mean_importances(np.concatenate([rows for _, rows in blocks]))
+    return ForestNodes.join([nodes for nodes, _ in blocks]), importances

@@ -1,5 +1,5 @@
-#ifndef VELMOT_DATASET_TRAINING_SET_H
-#define VELMOT_DATASET_TRAINING_SET_H
+#ifndef VELMOT_LEARN_TRAINING_SET_H
+#define VELMOT_LEARN_TRAINING_SET_H
 
 // TrainingSet: a training set as learning reads it, prepared once and then
 // shared read-only by any number of trees: the features copied into the
