@@ -28,9 +28,14 @@ TrainingData::TrainingData(const py::array& features, const py::array& labels, i
         static_cast<const unsigned char*>(features.data()), codes, num_samples_, num_features_, num_classes_,
         static_cast<size_t>(features.strides(1)), static_cast<size_t>(features.strides(0)), sizeof(int32_t));
     Velmot::LearningProgress no_progress;
+    // Small sets are prepared on one thread: a team's start and closing
+    // barrier would cost more than the work, and far more where another
+    // process holds a core and a team thread waits for a time slice.
+    constexpr size_t one_thread_cells = size_t(1) << 18;
+    const int threads = num_samples_ * num_features_ < one_thread_cells ? 1 : num_threads;
     run_released(
         [&]() {
-          omp_set_num_threads(num_threads);
+          omp_set_num_threads(threads);
           Velmot::prepare_training_set(*set, native);
         },
         no_progress, py::none());
