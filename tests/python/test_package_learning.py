@@ -31,15 +31,21 @@ def data():
 
 
 @pytest.fixture(scope="module")
-def one_thread_forest(data):
-    return RandomForestClassifier(n_estimators=23, random_state=7, n_jobs=1).fit(*data)
+def larger_data():
+    # Enough bootstrap draws (23 x 3,000) for the core to use every thread.
+    return make_classification(n_samples=3000, n_features=8, n_informative=5, n_classes=3, random_state=2)
+
+
+@pytest.fixture(scope="module")
+def one_thread_forest(larger_data):
+    return RandomForestClassifier(n_estimators=23, random_state=7, n_jobs=1).fit(*larger_data)
 
 
 @pytest.mark.parametrize("n_jobs", [1, 2, 3, 7])
 def test_an_int_seed_gives_the_same_forest_for_any_n_jobs_with_or_without_progress_bar(
-    data, one_thread_forest, n_jobs, capsys
+    larger_data, one_thread_forest, n_jobs, capsys
 ):
-    X, y = data
+    X, y = larger_data
     params = dict(n_estimators=23, random_state=7, n_jobs=n_jobs)
     forest = RandomForestClassifier(**params).fit(X, y)
     assert capsys.readouterr().err == ""
