@@ -11,6 +11,7 @@
 #include "boundary.h"
 #include "py_ref.h"
 #include "text_argument.h"
+#include "velmot/defs/parallel.h"
 #include "velmot/io/tree_io.h"
 
 namespace PyVelmot {
@@ -135,19 +136,17 @@ void convert_array_forest(PyObject* forest, Velmot::FlatForest& out) {
   const int64_t count = static_cast<int64_t>(arrays.size());
   std::vector<Velmot::FlatTree> trees(arrays.size());
   std::vector<std::exception_ptr> errors(arrays.size());
-#pragma omp parallel
-  {
-    Velmot::EncodedTreeScratch scratch;
-#pragma omp for schedule(dynamic, 1)
-    for (int64_t k = 0; k < count; ++k) {
-      try {
-        trees[k] = arrays[k].single_precision ? flatten_tree_array<float>(arrays[k], scratch)
-                                              : flatten_tree_array<double>(arrays[k], scratch);
-      } catch (...) {
-        errors[k] = std::current_exception();
-      }
+  const int team = Velmot::default_team_size();
+  std::vector<Velmot::EncodedTreeScratch> scratches(static_cast<size_t>(team));
+  Velmot::for_each_index(count, team, [&](int64_t k, const Velmot::Worker& w) {
+    Velmot::EncodedTreeScratch& scratch = scratches[static_cast<size_t>(w.number)];
+    try {
+      trees[k] = arrays[k].single_precision ? flatten_tree_array<float>(arrays[k], scratch)
+                                            : flatten_tree_array<double>(arrays[k], scratch);
+    } catch (...) {
+      errors[k] = std::current_exception();
     }
-  }
+  });
   for (const std::exception_ptr& error : errors) {
     if (error) std::rethrow_exception(error);
   }

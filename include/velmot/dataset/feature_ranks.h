@@ -40,8 +40,6 @@
 // of 324 ms of CPU for 40 columns of 100,000 doubles on one thread
 // (bench/bench_feature_ranks.cpp).
 
-#include <omp.h>
-
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
@@ -50,6 +48,7 @@
 #include <type_traits>
 #include <vector>
 
+#include "velmot/defs/parallel.h"
 #include "velmot/defs/random_access_table.h"
 
 namespace Velmot {
@@ -216,13 +215,12 @@ public:
     const int64_t nf = static_cast<int64_t>(data.get_num_features());
     const size_t ni = data.get_num_instances();
     if (nf == 0 || ni == 0) return;
-    // Scratch memory and the rank table are made here; the value tables are
-    // allocated in the loop, where a failure is only recorded, and thrown
-    // after the loop. Every rank of a ranked feature is written below: no
-    // zero fill.
+    // Scratch memory and the rank table are made here, the value tables by
+    // the workers (an allocation failure there stops them and is rethrown).
+    // Every rank of a ranked feature is written below: no zero fill.
     num_instances = ni;
     rank_table = RandomAccessTable<uint32_t>(static_cast<size_t>(nf) * ni);
-    const size_t workers = static_cast<size_t>(std::min<int64_t>(std::max(1, omp_get_max_threads()), nf));
+    const size_t workers = static_cast<size_t>(std::min<int64_t>(default_team_size(), nf));
     std::vector<detail::Workspace<F>> workspaces(workers);
     for (auto& work : workspaces) {
       work.entries.resize(ni);
@@ -230,23 +228,15 @@ public:
       work.counts.resize(detail::num_digits<F>() * detail::radix);
     }
     const auto zero_key = detail::ordered_key(F(0));
-    bool out_of_memory = false;
-#pragma omp parallel for schedule(dynamic, 1) num_threads(static_cast<int>(workers))
-    for (int64_t j = 0; j < nf; ++j) {
+    for_each_index(nf, static_cast<int>(workers), [&](int64_t j, const Worker& w) {
       const size_t feature = static_cast<size_t>(j);
       const F* column = data.column(feature);
-      detail::Workspace<F>& work = workspaces[static_cast<size_t>(omp_get_thread_num()) % workspaces.size()];
-      if (!detail::sort_keys(column, ni, work)) continue;
+      detail::Workspace<F>& work = workspaces[static_cast<size_t>(w.number)];
+      if (!detail::sort_keys(column, ni, work)) return;
       const auto* entries = work.entries.data();
       size_t distinct = 1;
       for (size_t k = 1; k < ni; ++k) distinct += entries[k].key != entries[k - 1].key;
-      try {
-        value_of_rank[feature].resize(distinct);
-      } catch (const std::bad_alloc&) {
-#pragma omp atomic write
-        out_of_memory = true;
-        continue;
-      }
+      value_of_rank[feature].resize(distinct);
       uint32_t* const ranks = rank_table.data() + feature * ni;
       F* const values = value_of_rank[feature].data();
       uint32_t current = 0;
@@ -259,8 +249,7 @@ public:
         values[current] = key == zero_key ? column[entries[k].instance] : detail::value_of_key<F>(key);
       }
       ranked[feature] = 1;
-    }
-    if (out_of_memory) throw std::bad_alloc();
+    });
   }
 
   // Adds an instance-major copy of the ranks (row i: instance i's rank of
@@ -279,14 +268,15 @@ public:
     const int64_t ni = static_cast<int64_t>(num_instances);
     // Blocks of instances, each row written whole, columns read forwards.
     const int64_t block = 1024;
-#pragma omp parallel for schedule(static)
-    for (int64_t first = 0; first < ni; first += block) {
-      const size_t last = static_cast<size_t>(std::min(first + block, ni));
+    const int64_t num_blocks = (ni + block - 1) / block;
+    for_each_index(num_blocks, default_team_size(), [&](int64_t b, const Worker&) {
+      const size_t first = static_cast<size_t>(b * block);
+      const size_t last = static_cast<size_t>(std::min((b + 1) * block, ni));
       for (size_t f = 0; f < nf; ++f) {
         const uint32_t* column = columns + f * num_instances;
-        for (size_t i = static_cast<size_t>(first); i < last; ++i) rows[i * nf + f] = ranked[f] ? column[i] : 0;
+        for (size_t i = first; i < last; ++i) rows[i * nf + f] = ranked[f] ? column[i] : 0;
       }
-    }
+    });
   }
   bool has_rows() const { return row_table.size() != 0; }
   // Feature j's rank of instance i is row_ranks(j)[i * row_stride()].

@@ -90,7 +90,8 @@ private:
 // seed of 0 always means seeding from the device file.
 XorShiftRNGPool* get_pool(const std::string& fn, int max_threads, int seed, bool reinit);
 
-// The calling OpenMP thread's generator (lazily a one-generator pool).
+// The calling worker's generator (worker_number(), defs/parallel.h; lazily
+// a one-generator pool).
 XorShiftRNG* get_rng();
 
 // Re-seeds the process-wide pool with 32 generators.

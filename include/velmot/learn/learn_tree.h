@@ -39,8 +39,6 @@
 // only its score and the keys around its best boundary, and the threshold
 // is looked up for the node's winner alone.
 
-#include <omp.h>
-
 #include <algorithm>
 #include <cstdint>
 #include <deque>
@@ -49,6 +47,7 @@
 
 #include "velmot/dataset/index_dataset.h"
 #include "velmot/defs/exception.h"
+#include "velmot/defs/parallel.h"
 #include "velmot/defs/random.h"
 #include "velmot/defs/tracker.h"
 #include "velmot/learn/split_search.h"
@@ -270,7 +269,7 @@ size_t partition_by_winner(RangeDataSet<I>& range, const SplitCandidate<typename
 // The calling thread's generator, refused with an Exception where get_rng
 // would read past the pool or find an empty slot.
 inline XorShiftRNG& thread_generator() {
-  const size_t thread = static_cast<size_t>(omp_get_thread_num());
+  const size_t thread = static_cast<size_t>(worker_number());
   XorShiftRNGPool* pool = get_pool("", 1, 0, false);
   if (thread >= pool->size() || pool->get_generator(thread) == nullptr) {
     throw Exception("no random generator for this thread: seed the pool for the thread count first");
