@@ -1,8 +1,11 @@
 #include "argument_checks.h"
 
+#include <sys/resource.h>
 #include <sys/sysinfo.h>
+#include <unistd.h>
 
 #include <climits>
+#include <cstdio>
 #include <string>
 
 #include "boundary.h"
@@ -75,11 +78,38 @@ void require_affordable_forest(int num_trees) {
   constexpr unsigned long long min_bytes_per_tree = 128;
   struct sysinfo machine;
   if (num_trees <= 0 || sysinfo(&machine) != 0) return;
+  const unsigned long long needed = static_cast<unsigned long long>(num_trees) * min_bytes_per_tree;
   const unsigned long long memory =
       (static_cast<unsigned long long>(machine.totalram) + machine.totalswap) * machine.mem_unit;
-  if (static_cast<unsigned long long>(num_trees) * min_bytes_per_tree <= memory) return;
-  throw ModuleError("num_trees=" + std::to_string(num_trees) + " cannot fit in this machine's " +
-                    std::to_string(memory >> 20) + " MiB of memory, even as single-leaf trees");
+  if (needed > memory) {
+    throw ModuleError("num_trees=" + std::to_string(num_trees) + " cannot fit in this machine's " +
+                      std::to_string(memory >> 20) + " MiB of memory, even as single-leaf trees");
+  }
+  // A limit on the process's address space or data (ulimit -v, -d) bounds
+  // it further, less what the process already uses of it.
+  unsigned long long pages[7] = {};
+  if (FILE* statm = std::fopen("/proc/self/statm", "r")) {
+    if (std::fscanf(statm, "%llu %llu %llu %llu %llu %llu", &pages[0], &pages[1], &pages[2], &pages[3], &pages[4],
+                    &pages[5]) != 6) {
+      pages[0] = pages[5] = 0;
+    }
+    std::fclose(statm);
+  }
+  const unsigned long long page = static_cast<unsigned long long>(sysconf(_SC_PAGESIZE));
+  const struct {
+    int resource;
+    unsigned long long used;
+    const char* name;
+  } limits[] = {{RLIMIT_AS, pages[0] * page, "address space (ulimit -v)"},
+                {RLIMIT_DATA, pages[5] * page, "data (ulimit -d)"}};
+  for (const auto& limit : limits) {
+    struct rlimit value;
+    if (getrlimit(limit.resource, &value) != 0 || value.rlim_cur == RLIM_INFINITY) continue;
+    const unsigned long long left = value.rlim_cur > limit.used ? value.rlim_cur - limit.used : 0;
+    if (needed <= left) continue;
+    throw ModuleError("num_trees=" + std::to_string(num_trees) + " cannot fit in the " + std::to_string(left >> 20) +
+                      " MiB left of this process's " + limit.name + ", even as single-leaf trees");
+  }
 }
 
 }  // namespace PyVelmot

@@ -44,6 +44,18 @@ namespace parallel_detail {
 // Worker number of a stand-in worker on this thread, -1 for none.
 extern thread_local int stand_in_worker;
 
+// Thread-local storage of a library loaded at run time (this one, the C++
+// runtime's exception state) is allocated on a thread's first use of it,
+// and glibc ends the process when that allocation fails: a first exception
+// thrown after the work has exhausted memory would do so. A worker
+// therefore touches both before it starts.
+inline void allocate_thread_storage() {
+  volatile int exceptions_in_flight = std::uncaught_exceptions();
+  int* volatile own_storage = &stand_in_worker;
+  static_cast<void>(exceptions_in_flight);
+  static_cast<void>(own_storage);
+}
+
 // True in a process forked after the library had started a team of several
 // threads (in it or in an ancestor).
 bool threads_lost_in_fork();
@@ -85,6 +97,7 @@ void run_team(int team, Body&& body) {
   std::exception_ptr failure;
   std::mutex failure_lock;
   auto guarded = [&](int number, int team_size) {
+    parallel_detail::allocate_thread_storage();
     try {
       body(Worker{number, team_size, &stop});
     } catch (...) {
