@@ -19,6 +19,7 @@ from ._features import (
     fill_missing,
     upper_medians,
 )
+from ._fork import threads_for_call
 from ._learning import CRITERION_SUFFIXES, POOL_SIZE, learn_forest
 
 # The module reads labels through a signed 32-bit byte offset.
@@ -224,7 +225,8 @@ class RandomForestClassifier(ClassifierMixin, BaseEstimator):
         features = self._prediction_features(X)
         codes = np.empty(features.shape[1], dtype=np.int32)
         predict = getattr(PyVelmot_wrap, f"test_{MODULE_LETTERS[features.dtype]}i")
-        predict(features, self._module_forest(), self.n_classes_, codes, _thread_count(self.n_jobs))
+        n_threads = threads_for_call(_thread_count(self.n_jobs))
+        predict(features, self._module_forest(), self.n_classes_, codes, n_threads)
         return self.classes_[codes]
 
     def predict_proba(self, X):
@@ -243,7 +245,8 @@ class RandomForestClassifier(ClassifierMixin, BaseEstimator):
         features = self._prediction_features(X)
         proba = np.empty((features.shape[1], self.n_classes_), dtype=np.float64)
         vote_fractions = getattr(PyVelmot_wrap, f"prob_{MODULE_LETTERS[features.dtype]}d")
-        vote_fractions(features, self._module_forest(), self.n_classes_, proba, _thread_count(self.n_jobs))
+        n_threads = threads_for_call(_thread_count(self.n_jobs))
+        vote_fractions(features, self._module_forest(), self.n_classes_, proba, n_threads)
         return proba
 
     def predict_log_proba(self, X):

@@ -17,6 +17,7 @@ from sklearn.utils import check_random_state
 from tqdm import tqdm
 
 from ._features import MODULE_LETTERS
+from ._fork import threads_for_call
 
 # The pool holds this many generators and a learning thread uses the one at
 # its thread number, so no call may run on more threads.
@@ -82,6 +83,7 @@ def learn_chunk(
     The importances are NaN when a tree of the call found no informative split.
     """
     learner = getattr(PyVelmot_wrap, f"learn_{MODULE_LETTERS[features.dtype]}i_{CRITERION_SUFFIXES[criterion]}")
+    n_threads = threads_for_call(n_threads)
     with _POOL_LOCK:
         PyVelmot_wrap.set_seed(int(seed))
         return learner(features, labels, n_classes, n_trees, sampling_prop, fte_per_split, max_depth, n_threads, 1)
