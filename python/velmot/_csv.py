@@ -5,14 +5,17 @@ Every problem is a ValueError that names the file and the line, so the
 command line can print it as its one line of error.
 """
 
-import codecs
 import csv
 import math
+import re
 
 import numpy as np
 
 # Fields that stand for a missing value: the library imputes the median.
 MISSING = frozenset(("", "NA", "nan", "NaN"))
+# Bytes that are not UTF-8 decode to these under "surrogateescape", which no
+# valid UTF-8 text can hold: a line with one names its line and byte exactly.
+_UNDECODED = re.compile("[\udc80-\udcff]")
 
 
 def parse_number(text):
@@ -23,6 +26,10 @@ def parse_number(text):
     """
     if "_" in text or not text.isascii():
         return None
+    return _float_or_none(text)
+
+
+def _float_or_none(text):
     try:
         return float(text)
     except ValueError:
@@ -38,7 +45,9 @@ class CsvRows:
 
     def __init__(self, path):
         self.path = path
-        self._file = open(path, "rb")
+        # utf-8-sig drops a leading byte-order mark; newline="" hands csv
+        # the line endings (\n, \r\n or \r) untouched, as it requires.
+        self._file = open(path, encoding="utf-8-sig", errors="surrogateescape", newline="")
         try:
             self._reader = csv.reader(self._text_lines())
             self.first = self._next_row()
@@ -53,17 +62,12 @@ class CsvRows:
         self._pending = self.first
 
     def _text_lines(self):
-        """Physical lines as text, so that csv's line numbers are the file's."""
         for number, line in enumerate(self._file, 1):
-            if number == 1 and line.startswith(codecs.BOM_UTF8):
-                line = line[len(codecs.BOM_UTF8) :]
-            try:
-                yield line.decode("utf-8")
-            except UnicodeDecodeError as error:
-                raise ValueError(
-                    f"{self.path} line {number}: not UTF-8 text (byte {line[error.start]:#04x}); "
-                    "save the file as UTF-8"
-                ) from None
+            undecoded = None if line.isascii() else _UNDECODED.search(line)
+            if undecoded:
+                raise ValueError(f"{self.path} line {number}: not UTF-8 text "
+                                 f"(byte {ord(undecoded.group()) - 0xDC00:#04x}); save the file as UTF-8")
+            yield line
 
     def _next_row(self):
         try:
@@ -105,9 +109,12 @@ class CsvRows:
         for r, (line, row) in enumerate(rows):
             if len(row) != self.n_columns:
                 raise ValueError(f"{self.path} line {line}: expected {self.n_columns} fields, found {len(row)}")
+            # float() alone suffices on a row of plain ASCII without underscores.
+            plain = "".join(row)
+            parse = _float_or_none if plain.isascii() and "_" not in plain else parse_number
             for k, c in enumerate(feature_columns):
                 text = row[c].strip()
-                value = math.nan if text in MISSING else parse_number(text)
+                value = math.nan if text in MISSING else parse(text)
                 if value is None:
                     raise ValueError(f"{self.path} line {line}, column {c}: {row[c]!r} is not a number")
                 if math.isinf(value):

@@ -66,6 +66,7 @@ def read_layout(path):
         raise ValueError(f"description file not found: {path}")
     text = _read_text(path)
     commands = _commands(text, path)
+    _check_meaning(commands, path)
     import PyVelmot_description
 
     try:
@@ -73,7 +74,6 @@ def read_layout(path):
     except RuntimeError as error:
         # The reader's own text, with its line number.
         raise ValueError(f"{path}: {str(error).strip()}") from None
-    _check_meaning(commands, path)
     class_column = description["class_column"]
     return Layout(
         class_column=None if class_column < 0 else class_column,
@@ -121,9 +121,10 @@ def _commands(text, path):
 
 
 def _check_meaning(commands, path):
-    """Refuses what the reader accepts but the command line cannot honour:
-    regression, and a class code or column given two names (the reader
-    keeps the last name and loses the first without a word)."""
+    """Refuses what the command line cannot honour: regression, and a class
+    code or column given two names (the reader keeps the last name and loses
+    the first without a word). A class name given two codes is refused here
+    too, so that the message has its line."""
     given = {}
     for number, keyword, words in commands:
         if keyword == "label-type" and words[0] == "regression":
@@ -134,3 +135,7 @@ def _check_meaning(commands, path):
             name = given.setdefault((keyword, int(words[0])), words[1])
             if name != words[1]:
                 raise ValueError(f"{path} line {number}: {what} {words[0]} is already named {name!r}")
+        if keyword == "label":
+            code = given.setdefault(("class", words[1]), words[0])
+            if int(code) != int(words[0]):
+                raise ValueError(f"{path} line {number}: class {words[1]!r} already has code {code}")

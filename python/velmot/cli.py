@@ -55,6 +55,8 @@ def _check_output(output, *inputs):
     folder = os.path.dirname(os.path.abspath(output))
     if not os.path.isdir(folder):
         raise CommandError(f"the output folder {folder} does not exist")
+    if os.path.isdir(output):
+        raise CommandError(f"the output {output} is a folder: name a file")
     for path in inputs:
         if path is not None and _same_file(output, path):
             raise CommandError(f"the output {output} is also an input: write it elsewhere")
@@ -127,13 +129,13 @@ def _load_model(path):
     try:
         model, extra = load_forest(path, extra=(_FEATURE_NAMES_KEY, _CLASS_NAMES_KEY, _CLASS_COLUMN_KEY))
     except (ValueError, RecursionError) as error:
-        raise CommandError(f"{path}: {error}") from None
-    feature_names = [str(name) for name in np.atleast_1d(extra[_FEATURE_NAMES_KEY])]
-    class_names = [str(name) for name in np.atleast_1d(extra[_CLASS_NAMES_KEY])]
-    if len(feature_names) != model.n_features_in_ or len(class_names) != len(model.classes_):
-        raise CommandError(f"{path}: damaged model file (names do not match the forest)")
-    class_names = dict(zip((int(code) for code in model.classes_), class_names))
-    return model, feature_names, class_names, str(extra[_CLASS_COLUMN_KEY])
+        raise CommandError(str(error) if path in str(error) else f"{path}: {error}") from None
+    shapes = {_FEATURE_NAMES_KEY: (model.n_features_in_,), _CLASS_NAMES_KEY: model.classes_.shape, _CLASS_COLUMN_KEY: ()}
+    for key, shape in shapes.items():
+        if extra[key].dtype.kind != "U" or extra[key].shape != shape:
+            raise CommandError(f"{path}: damaged model file ({key} has the wrong shape or type)")
+    class_names = dict(zip((int(code) for code in model.classes_), extra[_CLASS_NAMES_KEY].tolist()))
+    return model, extra[_FEATURE_NAMES_KEY].tolist(), class_names, str(extra[_CLASS_COLUMN_KEY])
 
 
 # ---------------------------------------------------------------------------
@@ -255,7 +257,8 @@ def _columns_to_predict(rows, layout, feature_names, class_column_name):
     if missing or unknown:
         problems = [f"{what} {', '.join(map(repr, found))}"
                     for what, found in (("lacks", missing), ("has unknown columns", unknown)) if found]
-        raise CommandError(f"{rows.path} does not match the model's features: it {' and '.join(problems)}")
+        hint = "" if layout.path else " (pass the description the model was trained with, if it had one)"
+        raise CommandError(f"{rows.path} does not match the model's features: it {' and '.join(problems)}{hint}")
     return [column_of[name] for name in feature_names]
 
 
