@@ -49,17 +49,25 @@ class Stopped(BaseException):
         self.signum = signum
 
 
-def _check_output(output, *inputs):
-    """Refuses, before any work, an output that would replace an input or
-    that has no folder to go in."""
-    folder = os.path.dirname(os.path.abspath(output))
+def _output_file(output, *inputs):
+    """The file to write for an output path, refusing before any work an
+    output that would replace an input, that has no folder to go in, or
+    that is not a file: the output is renamed into place, which would put a
+    regular file where a device such as /dev/null or a folder stands. An
+    output that is a symbolic link is written through it, as a plain write
+    would."""
+    if not output:
+        raise CommandError("the output path is empty")
+    target = os.path.realpath(output)
+    folder = os.path.dirname(target)
     if not os.path.isdir(folder):
         raise CommandError(f"the output folder {folder} does not exist")
-    if os.path.isdir(output):
-        raise CommandError(f"the output {output} is a folder: name a file")
+    if os.path.exists(target) and not os.path.isfile(target):
+        raise CommandError(f"the output {output} is not a regular file: name a file")
     for path in inputs:
         if path is not None and _same_file(output, path):
             raise CommandError(f"the output {output} is also an input: write it elsewhere")
+    return target
 
 
 def _same_file(a, b):
@@ -145,7 +153,7 @@ def _load_model(path):
 def train(args):
     from velmot import RandomForestClassifier
 
-    _check_output(args.output, args.data, args.description)
+    output = _output_file(args.output, args.data, args.description)
     layout = read_layout(args.description)
     with _open_csv(args.data) as rows:
         layout.check_columns(rows.n_columns, args.data)
@@ -173,7 +181,7 @@ def train(args):
         model.fit(X, y)
     except (RuntimeError, MemoryError) as error:
         raise CommandError(f"cannot learn {args.trees} trees: {error}") from None
-    _save_model(model, args.output, feature_names, class_names, header[class_column].strip() if header else "")
+    _save_model(model, output, feature_names, class_names, header[class_column].strip() if header else "")
     print(f"learnt {args.trees} trees on {X.shape[0]} rows and {X.shape[1]} features; saved {args.output}",
           file=sys.stderr)
 
@@ -211,7 +219,7 @@ def _max_features(text):
 def predict(args):
     from ._files import atomic_write
 
-    _check_output(args.output, args.model, args.data, args.description)
+    output = _output_file(args.output, args.model, args.data, args.description)
     model, feature_names, class_names, class_column_name = _load_model(args.model)
     layout = read_layout(args.description)
     classes = [class_names[int(code)] for code in model.classes_]
@@ -228,7 +236,7 @@ def predict(args):
                 else:
                     writer.writerows([[class_names[int(code)]] for code in model.predict(features)])
 
-    atomic_write(args.output, write)
+    atomic_write(output, write)
 
 
 def _columns_to_predict(rows, layout, feature_names, class_column_name):
