@@ -25,6 +25,7 @@ import csv
 import os
 import signal
 import sys
+import threading
 
 import numpy as np
 
@@ -164,7 +165,8 @@ def train(args):
     if not chunks:
         raise CommandError(f"{args.data}: the file holds a header but no rows")
     feature_names = [layout.feature_names.get(c, header[c].strip() if header else "") for c in columns]
-    _refuse_repeated_names(feature_names, columns, args.data)
+    class_column_name = header[class_column].strip() if header else ""
+    _refuse_repeated_names([*feature_names, class_column_name], [*columns, class_column], args.data)
     X = np.concatenate([features for features, _ in chunks])
     fields = [text for _, classes in chunks for text in classes]
     y, class_names = _encode_classes(fields, layout, args.data)
@@ -181,7 +183,7 @@ def train(args):
         model.fit(X, y)
     except (RuntimeError, MemoryError) as error:
         raise CommandError(f"cannot learn {args.trees} trees: {error}") from None
-    _save_model(model, output, feature_names, class_names, header[class_column].strip() if header else "")
+    _save_model(model, output, feature_names, class_names, class_column_name)
     print(f"learnt {args.trees} trees on {X.shape[0]} rows and {X.shape[1]} features; saved {args.output}",
           file=sys.stderr)
 
@@ -194,7 +196,8 @@ def _feature_columns(layout, rows, class_column):
 
 
 def _refuse_repeated_names(names, columns, path):
-    """Prediction finds features by name, so a name may stand for one column only."""
+    """Prediction finds features and the class by name, so a name may stand
+    for one column only."""
     first = {}
     for name, column in zip(names, columns):
         if name and first.setdefault(name, column) != column:
@@ -343,9 +346,11 @@ def _stop(signum, frame):
 def main(argv=None):
     args = build_parser().parse_args(argv)
     handlers = {}
-    for name in _STOP_SIGNALS:
-        if hasattr(signal, name):
-            handlers[name] = signal.signal(getattr(signal, name), _stop)
+    # Only the main thread may set handlers; elsewhere signals keep theirs.
+    if threading.current_thread() is threading.main_thread():
+        for name in _STOP_SIGNALS:
+            if hasattr(signal, name):
+                handlers[name] = signal.signal(getattr(signal, name), _stop)
     try:
         args.run(args)
     except BrokenPipeError:
