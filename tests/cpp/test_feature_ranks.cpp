@@ -81,13 +81,4 @@ TEST(FeatureRanks, EveryTypeMatchesTheComparisonSortOnAnyThreadCount) {
   expect_reference_ranks(bytes);
 }
 
-TEST(FeatureRanks, NaNOrNoInstancesLeaveAFeatureUnranked) {
-  const double nan = std::numeric_limits<double>::quiet_NaN();
-  const auto data = VelmotTest::columns<double, int>({{0.0, -1.0}, {1.0, nan}}, {0, 0});
-  Velmot::FeatureRanks<double> ranks(data);
-  EXPECT_TRUE(ranks.has_ranks(0));
-  EXPECT_FALSE(ranks.has_ranks(1));
-  EXPECT_FALSE(Velmot::FeatureRanks<double>(VelmotTest::columns<double, int>({{}}, {})).has_ranks(0));
-}
-
 }  // namespace

@@ -8,14 +8,12 @@
 #include <vector>
 
 #include "test_support.h"
-#include "velmot/defs/contiguous_array_2d.h"
 #include "velmot/learn/flat_forest.h"
 #include "velmot/learn/forest_classifier.h"
 
 using Velmot::ForestPredictor;
 using Velmot::MemoryDataSet;
 using Velmot::Node;
-using VelmotTest::message_of;
 
 namespace {
 
@@ -34,43 +32,6 @@ struct Forest {
     return predictor;
   }
 };
-
-// value of feature f < threshold -> left, else right; a leaf without children.
-Node<int>* node(int f, double threshold, int label, Node<int>* left = nullptr, Node<int>* right = nullptr) {
-  Node<int>* n = new Node<int>(left, right);
-  n->set_feature_index(f);
-  n->set_threshold(threshold);
-  n->set_label(label);
-  return n;
-}
-
-TEST(ForestPrediction, RefusesWhatWouldReadOutsideTheDataOrTheTrees) {
-  MemoryDataSet<double, int> data(1);
-  for (int i = 0; i < 45; ++i) data.features[0].push_back(static_cast<double>((i * 17) % 45));
-  data.labels.assign(45, 0);
-  data.set_num_classes(2);
-  std::vector<int> labels;
-  Forest far_feature, one_sided, fine;
-  far_feature.add(node(1, 0.5, -2, node(-1, 0, 0), node(-1, 0, 1)));
-  ForestPredictor<int> predictor = far_feature.predictor(2);
-  // Checked on the one-instance path too.
-  EXPECT_EQ(message_of([&] { predictor.predict(data, 0); }), "tree node tests feature 1 but the data has 1 features");
-  // Only value 44 (instance 37, inside a group of eight) meets the missing child.
-  one_sided.add(node(0, 44.0, -2, node(-1, 0, 0)));
-  predictor.use_forest(one_sided.roots);
-  EXPECT_EQ(predictor.predict(data, 36), 0);
-  EXPECT_EQ(message_of([&] { predictor.predict(data, 37); }), "tree descent reached a missing child");
-  EXPECT_EQ(message_of([&] { predictor.predict(data, labels); }), "tree descent reached a missing child");
-  fine.add(node(-1, 0, 1));
-  predictor.use_forest(fine.roots);
-  double small[1];
-  Velmot::Array2D<double> one_row(small, 1, 1);
-  EXPECT_EQ(message_of([&] { predictor.compute_probabilities(data, one_row); }),
-            "probability matrix is 1 x 1, too small for 45 instances x 2 classes");
-  data.ltype = Velmot::Regression;
-  EXPECT_EQ(message_of([&] { predictor.compute_probabilities(data, one_row); }),
-            "cannot compute probabilities for regression");
-}
 
 // Random trees over three features with leaves at many depths, an odd
 // number of them, values equal to thresholds and NaN; 203 instances leave

@@ -59,14 +59,6 @@ bool same_tree(const Velmot::VectorizedTree<L>& a, const Velmot::VectorizedTree<
   return true;
 }
 
-template <class L>
-bool same_tree(Velmot::Node<L>* a, Velmot::Node<L>* b) {
-  Velmot::VectorizedTree<L> va, vb;
-  va.root_to_vector(a);
-  vb.root_to_vector(b);
-  return same_tree(va, vb);
-}
-
 // Sets the OpenMP thread count for one scope and restores it afterwards.
 class ThreadCount {
 public:

@@ -53,18 +53,6 @@ int linked_label(const Node<int>* root, const std::vector<double>& x) {
   return leaf == nullptr ? missing_child : leaf->get_label();
 }
 
-TEST(TreeModel, EncodingsThatWouldBreakDescentOrDeletionAreRefused) {
-  const std::vector<std::vector<std::vector<double>>> refused = {
-      {{1}, {-1}, {0}, {0}, {0}},                  // child past the end
-      {{1, -1}, {1, -1}, {0, 0}, {0, 0}, {0, 0}},  // two parents
-      {{1, 0}, {-1, -1}, {0, 0}, {0, 0}, {0, 0}},  // root as a child
-      {{-1}, {-1}, {0}, {0}, {1e10}},              // label no int holds
-  };
-  for (const auto& rows : refused) {
-    EXPECT_THROW(std::unique_ptr<Node<int>>(Encoding<double>(rows).linked()), Velmot::Exception);
-  }
-}
-
 TEST(TreeModel, DeepTreesAreFreedWithoutRecursion) {
   Node<int>* root = new Node<int>();
   Node<int>* node = root;
@@ -119,32 +107,6 @@ TEST(FlatForest, EncodingsReadAsTheLinkedReaderReadsThem) {
   }
   EXPECT_GT(refused, 300);
   EXPECT_GT(accepted, 300);
-}
-
-// The feature check reports what the linked check would: trees in order,
-// each depth first with the right subtree before the left.
-TEST(FlatForest, FeatureCheckReportsTheFirstNodeInTheLinkedOrder) {
-  auto stump = [](int root_feature, int right_feature) {
-    Node<int>* right = new Node<int>(new Node<int>(), new Node<int>());
-    right->set_feature_index(right_feature);
-    Node<int>* root = new Node<int>(new Node<int>(), right);
-    root->set_feature_index(root_feature);
-    return std::unique_ptr<Node<int>>(root);
-  };
-  Velmot::FlatForest forest, with_negative;
-  forest.append(Velmot::flatten_tree(stump(0, 1).get()));
-  auto check = [](const Velmot::FlatForest& trees, size_t num_features) {
-    return message_of([&] { trees.check_features(num_features); });
-  };
-  EXPECT_EQ(check(forest, 2), "");
-  EXPECT_EQ(check(forest, 1), "tree node tests feature 1 but the data has 1 features");
-  forest.append(Velmot::flatten_tree(stump(5, 7).get()));
-  forest.append(Velmot::flatten_tree(static_cast<Node<int>*>(nullptr)));
-  EXPECT_EQ(check(forest, 2), "tree node tests feature 5 but the data has 2 features");
-  EXPECT_EQ(check(forest, 6), "tree node tests feature 7 but the data has 6 features");
-  EXPECT_EQ(check(forest, 8), "forest holds a null tree");
-  with_negative.append(Velmot::flatten_tree(stump(0, -4).get()));
-  EXPECT_EQ(check(with_negative, 3), "tree node tests feature -4 but the data has 3 features");
 }
 
 }  // namespace
