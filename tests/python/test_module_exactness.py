@@ -2,7 +2,7 @@
 
 The reference below follows the written algorithm step by step (generator,
 pool seeding through libc's srand/rand, bootstrap draws, feature sampling,
-split sweep with its label-change rule under each criterion, tie-breaking
+Gini split sweep with its label-change rule, tie-breaking
 draws, leaf labels, breadth-first export, importances, the division of trees
 among threads), so a change in the order or number of random draws, in a
 threshold rule or in a tie rule makes the arrays differ.
@@ -50,19 +50,17 @@ def seeded_pool(seed):
     return [Generator(words[k:k + 4]) for k in range(0, 4 * 32, 4)]
 
 
-class TieTracker:
-    """Best value with reservoir tie-breaking."""
-
-    def __init__(self, rng):
-        self.rng, self.best, self.value, self.ties = rng, None, None, 0
-
-    def offer(self, value, candidate):
-        if self.best is None or value > self.value:
-            self.value, self.best, self.ties = value, candidate, 1
-        elif value == self.value:
-            self.ties += 1
-            if 1.0 / self.ties > self.rng.next_double():
-                self.best = candidate
+def tie_break(rng, candidates):
+    """The first best (value, item); the k-th equal value takes over when 1/k beats a draw."""
+    best, ties = None, 0
+    for value, item in candidates:
+        if best is None or value > best[0]:
+            best, ties = (value, item), 1
+        elif value == best[0]:
+            ties += 1
+            if 1.0 / ties > rng.next_double():
+                best = (value, item)
+    return best
 
 
 def gini(counts):
@@ -70,41 +68,13 @@ def gini(counts):
     return sum(c * c for c in counts) / total if total else 0.0
 
 
-def _plogp(p):
-    return p * math.log2(p) if p != 0 else 0.0
-
-
-def entropy(counts):
-    total = sum(counts)
-    return -sum(_plogp(c / total) for c in counts) + 0.0 if total else 0.0
-
-
-def _gain(s, left, right):
-    p, q = sum(left) / (sum(left) + sum(right)), sum(right) / (sum(left) + sum(right))
-    return s - (p * entropy(left) + q * entropy(right)), -(_plogp(p) + _plogp(q)) + 0.0
-
-
-# Per criterion: (initial statistic, value of the unsplit node, score of a
-# split, final score). The impurity decrease is measured the Gini way for all.
-CRITERIA = {
-    "gini": (gini, lambda s: s, lambda s, l, r: gini(l) + gini(r), lambda v, s: v - s),
-    "infogain": (entropy, lambda s: 0.0, lambda s, l, r: _gain(s, l, r)[0], lambda v, s: v),
-    "gainratio": (entropy, lambda s: 0.0, lambda s, l, r: (lambda g, info: g / info)(*_gain(s, l, r)), lambda v, s: v),
-}
-
-
 def leaf_label(counts, rng):
-    tracker = TieTracker(rng)
-    for slot in range(1, len(counts)):
-        tracker.offer(counts[slot], slot - 1)
-    return tracker.best
+    return tie_break(rng, ((counts[slot], slot - 1) for slot in range(1, len(counts))))[1]
 
 
-def best_split(X, y, items, f, node_counts, integer_features, criterion):
-    initial, unsplit, split_score, final = CRITERIA[criterion]
+def best_split(X, y, items, f, node_counts, integer_features):
     pairs = sorted((X[i][f], y[i]) for i in items)
-    s_init = initial(node_counts)
-    best_value, best = unsplit(s_init), (f, pairs[0][0], 0.0)
+    best_value, best = gini(node_counts), (f, pairs[0][0], 0.0)
     left, right = [0] * len(node_counts), list(node_counts)
     left[pairs[0][1] + 1] += 1
     right[pairs[0][1] + 1] -= 1
@@ -113,22 +83,22 @@ def best_split(X, y, items, f, node_counts, integer_features, criterion):
         for (previous, _), (value, label) in zip(pairs, pairs[1:]):
             different = different or label != first_label
             if previous != value and different:
-                score = split_score(s_init, left, right)
+                score = gini(left) + gini(right)
                 if score > best_value:
                     threshold = value if integer_features else (previous + value) * 0.5
-                    best_value, best = score, (f, threshold, gini(left) + gini(right))
+                    best_value, best = score, (f, threshold, score)
                 different, first_label = False, label
             left[label + 1] += 1
             right[label + 1] -= 1
     f, threshold, impurity = best
-    return final(best_value, s_init), (f, threshold, max(impurity - gini(node_counts), 0.0))
+    return best_value - gini(node_counts), (f, threshold, max(impurity - gini(node_counts), 0.0))
 
 
 def new_node():
     return {"left": None, "right": None, "threshold": math.nan, "label": -2, "feature": -1}
 
 
-def learn_tree(X, y, sample, num_classes, fte_per_split, max_depth, rng, importances, integer_features, criterion):
+def learn_tree(X, y, sample, num_classes, fte_per_split, max_depth, rng, importances, integer_features):
     nf = len(X[0])
     root = new_node()
     queue = deque([(root, list(sample), 0)])
@@ -141,15 +111,19 @@ def learn_tree(X, y, sample, num_classes, fte_per_split, max_depth, rng, importa
             node["label"] = leaf_label(counts, rng)
             continue
         assert 1 <= fte_per_split < nf, "all-features mode can search forever; keep the test in random mode"
-        tracker, chosen, evaluated = TieTracker(rng), set(), 0
-        while evaluated < fte_per_split and len(chosen) < nf:
-            while (f := rng.bounded(nf)) in chosen:
-                pass
-            chosen.add(f)
-            if len({X[i][f] for i in items}) > 1:
-                tracker.offer(*best_split(X, y, items, f, counts, integer_features, criterion))
-                evaluated += 1
-        f, threshold, gain = tracker.best if tracker.best else (-1, 0, 0.0)
+
+        def candidates():  # drawn lazily: feature draws and tie draws interleave
+            chosen, evaluated = set(), 0
+            while evaluated < fte_per_split and len(chosen) < nf:
+                while (f := rng.bounded(nf)) in chosen:
+                    pass
+                chosen.add(f)
+                if len({X[i][f] for i in items}) > 1:
+                    evaluated += 1
+                    yield best_split(X, y, items, f, counts, integer_features)
+
+        best = tie_break(rng, candidates())
+        f, threshold, gain = best[1] if best else (-1, 0, 0.0)
         left = [i for i in items if f >= 0 and X[i][f] < threshold]
         right = [i for i in items if not (f >= 0 and X[i][f] < threshold)]
         node.update(threshold=float(threshold), feature=f)
@@ -177,8 +151,7 @@ def export(root):
     return np.array(columns, dtype=np.float64).T
 
 
-def reference_forest(X, y, num_classes, num_trees, fte_per_split, max_depth, num_threads, seed, integer_features,
-                     criterion):
+def reference_forest(X, y, num_classes, num_trees, fte_per_split, max_depth, num_threads, seed, integer_features):
     generators, ni, nf = seeded_pool(seed), len(y), len(X[0])
     chunk = -(-num_trees // num_threads)
     trees, importances = [None] * num_trees, [0.0] * nf
@@ -188,7 +161,7 @@ def reference_forest(X, y, num_classes, num_trees, fte_per_split, max_depth, num
             sample = [rng.bounded(ni) for _ in range(ni)]
             tree_importances = [0.0] * nf
             trees[k] = export(learn_tree(X, y, sample, num_classes, fte_per_split, max_depth, rng, tree_importances,
-                                         integer_features, criterion))
+                                         integer_features))
             scratch = [a + b for a, b in zip(scratch, tree_importances)]
         importances = [a + b for a, b in zip(importances, scratch)]
     return trees, np.array([v * (1.0 / num_trees) for v in importances])
@@ -209,29 +182,18 @@ LABELS = [0, 0, 0, 1, 0, 0, 0, 1, 1, 0]
 
 
 @pytest.mark.parametrize("num_threads", [1, 2])
-@pytest.mark.parametrize(
-    "criterion, dtype, max_depth, seed, num_classes",
-    [
-        ("gini", np.int32, 0, 11, 3),
-        ("gini", np.float64, 0, 2024, 3),
-        ("gini", np.uint8, 1, 7, 3),
-        ("gini", np.float64, 2, 99, 3),
-        # Two classes take the two-class entropy; three the general sum.
-        ("infogain", np.int32, 0, 31, 2),
-        ("infogain", np.int32, 0, 31, 3),
-        ("gainratio", np.int32, 0, 31, 2),
-        ("gainratio", np.int32, 0, 31, 3),
-    ],
-)
-def test_forest_matches_independent_recomputation(criterion, dtype, max_depth, seed, num_classes, num_threads):
+@pytest.mark.parametrize("dtype, max_depth, seed, num_classes", [
+    (np.int32, 0, 11, 3), (np.float64, 0, 2024, 3), (np.uint8, 1, 7, 3), (np.float64, 2, 99, 3), (np.int32, 0, 31, 2),
+])
+def test_forest_matches_independent_recomputation(dtype, max_depth, seed, num_classes, num_threads):
     integer_features = np.issubdtype(dtype, np.integer)
     X = np.array(INSTANCES, dtype=dtype)
     # Half-integer shifts make the float midpoints differ from the values.
     values = X.tolist() if integer_features else (X + 0.5 * (np.arange(len(X))[:, None] % 2)).tolist()
-    expected, expected_importances = reference_forest(values, LABELS, num_classes, 6, 2, max_depth,
-                                                             num_threads, seed, integer_features, criterion)
+    expected, expected_importances = reference_forest(values, LABELS, num_classes, 6, 2, max_depth, num_threads, seed,
+                                                      integer_features)
     wrap.set_seed(seed)
-    learn = getattr(wrap, f"learn_{np.dtype(dtype).char.lower()}i_{criterion}")
+    learn = getattr(wrap, f"learn_{np.dtype(dtype).char.lower()}i_gini")
     trees, importances = learn(np.array(values, dtype=dtype).T, np.array(LABELS, dtype=np.int32), num_classes, 6,
                                1.0, 2, max_depth, num_threads, 1)
     assert len(trees) == 6
