@@ -73,7 +73,8 @@ TEST(ForestPrediction, EveryPathVotesAsTheLinkedTrees) {
       ++last_tally[static_cast<size_t>(last_votes.back() + 1)];
     }
     // Ties go to the smallest label.
-    expected.push_back(static_cast<int>(std::max_element(last_tally.begin(), last_tally.end()) - last_tally.begin()) - 1);
+    const auto most = std::max_element(last_tally.begin(), last_tally.end());
+    expected.push_back(static_cast<int>(most - last_tally.begin()) - 1);
   }
   auto expect_votes = [&](const ForestPredictor<int>& predictor, const std::vector<int>& labels) {
     EXPECT_EQ(labels, expected);

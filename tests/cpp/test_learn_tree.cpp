@@ -32,7 +32,8 @@ void expect_state(const Velmot::XorShiftRNG& replay) {
 
 template <class D, class Criterion = Velmot::TwoSplitGiniImpurity>
 auto learn(const Velmot::IndexedDataSet<D>& sample, int fte_per_split, int max_depth = 0,
-           std::vector<double>* importances = nullptr, int min_leaf_size = 1, const Criterion& criterion = Criterion()) {
+           std::vector<double>* importances = nullptr, int min_leaf_size = 1,
+           const Criterion& criterion = Criterion()) {
   std::vector<double> unused;
   return std::unique_ptr<Velmot::Node<typename D::label_type>>(
       Velmot::learn_tree(sample, fte_per_split, max_depth, min_leaf_size, criterion, importances != nullptr,

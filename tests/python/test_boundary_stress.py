@@ -36,10 +36,9 @@ def call_of(rng, trees):
             np.zeros(()), np.float64(1.5), [[1.0, 2.0]]])
 
     name = pick(LEARNERS + PREDICTORS, ["set_seed", "init_pool"], 0.03)
-    if name == "set_seed":
-        return wrap.set_seed, (pick([1, 5, 2**32 + 5, -3, 2**63 - 1]),)
-    if name == "init_pool":
-        return wrap.init_pool, (pick(["", "/dev/urandom", "/nonexistent/random", b"/dev/urandom\0x", 3]),)
+    if name in ("set_seed", "init_pool"):
+        return getattr(wrap, name), (pick([1, 5, 2**32 + 5, -3, 2**63 - 1, "", "/dev/urandom", "/nonexistent/random",
+                                           b"/dev/urandom\0x"]),)
     nf, ni, num_classes = int(rng.integers(2, 6)), int(rng.integers(0, 30)), pick([3, 5, 2], [1, 0, -1, 1000, *HUGE])
     values = rng.normal(scale=4, size=(nf, ni))
     values[rng.random(values.shape) < 0.05] = pick([np.nan, np.inf, -np.inf])

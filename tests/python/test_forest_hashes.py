@@ -61,25 +61,19 @@ def labels_for(learner, classes):
     """Labels in the learner's type; real ones with fractional parts, which
     the variance learners count under their integer parts (and the counting
     sort rewrites onto a grid from the smallest label)."""
-    letter = learner.split("_")[1][1]
-    if letter == "i":
-        return classes.astype(np.int32)
     fractions = np.random.default_rng(3).choice([0.25, 0.5, 0.875], size=classes.shape)
-    return (classes + fractions).astype(LABEL_TYPES[letter])
+    return classes.astype(np.int32) if learner[7] == "i" else (classes + fractions).astype(LABEL_TYPES[learner[7]])
 
 
 def forest_digest(group, learner, n_threads):
-    X, classes = DATA[group](learner.split("_")[1][0])
+    X, classes = DATA[group](learner[6])
     wrap.set_seed(SEED)
-    trees, importances = getattr(wrap, learner)(X.T, labels_for(learner, classes), N_CLASSES, 6, 1.0, 3, 0,
-                                                n_threads, 0)
+    y = labels_for(learner, classes)
+    trees, importances = getattr(wrap, learner)(X.T, y, N_CLASSES, 6, 1.0, 3, 0, n_threads, 0)
     assert importances is None and len(trees) == 6
     assert sum(tree.shape[1] for tree in trees) > 60  # single leaves would pin nothing down
-    digest = hashlib.sha256()
-    for tree in trees:
-        digest.update(f"{tree.dtype.str}{tree.shape}".encode())
-        digest.update(np.ascontiguousarray(tree).tobytes())
-    return digest.hexdigest()[:16]
+    parts = (f"{tree.dtype.str}{tree.shape}".encode() + np.ascontiguousarray(tree).tobytes() for tree in trees)
+    return hashlib.sha256(b"".join(parts)).hexdigest()[:16]
 
 
 def recorded_as(group, learner):

@@ -9,6 +9,7 @@ threshold rule or in a tie rule makes the arrays differ.
 """
 
 import ctypes
+import itertools
 import math
 from collections import deque
 
@@ -42,11 +43,7 @@ class Generator:
 def seeded_pool(seed):
     """32 generators seeded from libc's rand, zero words skipped."""
     _libc.srand(seed)
-    words = []
-    while len(words) < 4 * 32:
-        word = _libc.rand()
-        if word:
-            words.append(abs(word))
+    words = list(itertools.islice((abs(word) for word in iter(_libc.rand, None) if word), 4 * 32))
     return [Generator(words[k:k + 4]) for k in range(0, 4 * 32, 4)]
 
 
@@ -73,8 +70,9 @@ def leaf_label(counts, rng):
 
 
 def best_split(X, y, items, f, node_counts, integer_features):
+    """(score, (feature, threshold, Gini improvement)) of the best split on f."""
     pairs = sorted((X[i][f], y[i]) for i in items)
-    best_value, best = gini(node_counts), (f, pairs[0][0], 0.0)
+    best_value, threshold = gini(node_counts), pairs[0][0]
     left, right = [0] * len(node_counts), list(node_counts)
     left[pairs[0][1] + 1] += 1
     right[pairs[0][1] + 1] -= 1
@@ -83,25 +81,26 @@ def best_split(X, y, items, f, node_counts, integer_features):
         for (previous, _), (value, label) in zip(pairs, pairs[1:]):
             different = different or label != first_label
             if previous != value and different:
-                score = gini(left) + gini(right)
-                if score > best_value:
+                if gini(left) + gini(right) > best_value:
+                    best_value = gini(left) + gini(right)
                     threshold = value if integer_features else (previous + value) * 0.5
-                    best_value, best = score, (f, threshold, score)
                 different, first_label = False, label
             left[label + 1] += 1
             right[label + 1] -= 1
-    f, threshold, impurity = best
-    return best_value - gini(node_counts), (f, threshold, max(impurity - gini(node_counts), 0.0))
+    gain = best_value - gini(node_counts)
+    return gain, (f, threshold, gain)
 
 
 def new_node():
-    return {"left": None, "right": None, "threshold": math.nan, "label": -2, "feature": -1}
+    return {"left": -1, "right": -1, "feature": -1, "threshold": math.nan, "label": -2}
 
 
-def learn_tree(X, y, sample, num_classes, fte_per_split, max_depth, rng, importances, integer_features):
+def learn_tree(X, y, sample, num_classes, fte_per_split, max_depth, rng, integer_features):
+    """The tree as its (5, n) array, and the normalised importances."""
     nf = len(X[0])
-    root = new_node()
-    queue = deque([(root, list(sample), 0)])
+    importances = [0.0] * nf
+    nodes = [new_node()]  # created breadth first: the exported order
+    queue = deque([(nodes[0], list(sample), 0)])
     while queue:
         node, items, depth = queue.popleft()
         counts = [0] * (num_classes + 2)
@@ -130,25 +129,13 @@ def learn_tree(X, y, sample, num_classes, fte_per_split, max_depth, rng, importa
         if gain > 0:
             importances[f] += gain * len(items)
         if len(left) > 1 and len(right) > 1 and not 0 < max_depth < depth + 1:
-            node["left"], node["right"] = new_node(), new_node()
-            queue.extend([(node["left"], left, depth + 1), (node["right"], right, depth + 1)])
+            node["left"], node["right"] = len(nodes), len(nodes) + 1
+            nodes += [new_node(), new_node()]
+            queue.extend([(nodes[-2], left, depth + 1), (nodes[-1], right, depth + 1)])
         else:
             node.update(label=leaf_label(counts, rng), feature=-1)
     total = sum(importances)  # no guard: a tree without a useful split has NaN importances
-    importances[:] = [v / total if total else math.nan for v in importances]
-    return root
-
-
-def export(root):
-    nodes, columns = [root], []
-    for node in nodes:
-        column = [-1.0, -1.0, float(node["feature"]), node["threshold"], float(node["label"])]
-        for side, row in (("left", 0), ("right", 1)):
-            if node[side] is not None:
-                nodes.append(node[side])
-                column[row] = float(len(nodes) - 1)
-        columns.append(column)
-    return np.array(columns, dtype=np.float64).T
+    return np.array([list(node.values()) for node in nodes]).T, [v / total if total else math.nan for v in importances]
 
 
 def reference_forest(X, y, num_classes, num_trees, fte_per_split, max_depth, num_threads, seed, integer_features):
@@ -159,9 +146,8 @@ def reference_forest(X, y, num_classes, num_trees, fte_per_split, max_depth, num
         rng, scratch = generators[t], [0.0] * nf
         for k in range(t * chunk, min((t + 1) * chunk, num_trees)):
             sample = [rng.bounded(ni) for _ in range(ni)]
-            tree_importances = [0.0] * nf
-            trees[k] = export(learn_tree(X, y, sample, num_classes, fte_per_split, max_depth, rng, tree_importances,
-                                         integer_features))
+            trees[k], tree_importances = learn_tree(X, y, sample, num_classes, fte_per_split, max_depth, rng,
+                                                    integer_features)
             scratch = [a + b for a, b in zip(scratch, tree_importances)]
         importances = [a + b for a, b in zip(importances, scratch)]
     return trees, np.array([v * (1.0 / num_trees) for v in importances])
