@@ -1,9 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <cstdio>
-#include <fstream>
-#include <string>
+#include <utility>
 #include <vector>
 
 #include "test_support.h"
@@ -63,21 +61,6 @@ TEST(LearnForest, EmptyForestsUnrequestedImportancesAndBadInput) {
   std::vector<double> too_short(2);
   EXPECT_THROW(learn(data, 3, too_short), Velmot::Exception);
   EXPECT_THROW(learn(data, -1, importances), std::exception);
-}
-
-TEST(LearnForest, EveryThreadWithATreeNeedsAGenerator) {
-  const Data data = noisy_data();
-  std::vector<double> importances(4);
-  VelmotTest::ThreadCount two(2);
-  // A re-seeding that failed half-way leaves empty slots: one tree, on the
-  // first thread, can be learnt; two cannot.
-  const char* path = "velmot_short_seed_file.bin";
-  std::ofstream(path, std::ios::binary) << std::string(40, '\x01');
-  EXPECT_THROW(Velmot::init_pool(path, 0), Velmot::Exception);
-  std::remove(path);
-  OwnedForest one_tree(learn(data, 1, importances));
-  EXPECT_THROW(learn(data, 2, importances), Velmot::Exception);
-  Velmot::init_pool("", 1);
 }
 
 }  // namespace
