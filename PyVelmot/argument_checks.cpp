@@ -87,7 +87,7 @@ void require_affordable_forest(int num_trees) {
   }
   // A limit on the process's address space or data (ulimit -v, -d) bounds
   // it further, less what the process already uses of it.
-  unsigned long long pages[7] = {};
+  unsigned long long pages[6] = {};
   if (FILE* statm = std::fopen("/proc/self/statm", "r")) {
     if (std::fscanf(statm, "%llu %llu %llu %llu %llu %llu", &pages[0], &pages[1], &pages[2], &pages[3], &pages[4],
                     &pages[5]) != 6) {

@@ -266,7 +266,7 @@ size_t partition_by_winner(RangeDataSet<I>& range, const SplitCandidate<typename
 
 }  // namespace learn_tree_detail
 
-// The calling thread's generator, refused with an Exception where get_rng
+// The calling worker's generator, refused with an Exception where get_rng
 // would read past the pool or find an empty slot.
 inline XorShiftRNG& thread_generator() {
   const size_t thread = static_cast<size_t>(worker_number());
