@@ -2,12 +2,14 @@
 
 #include <pthread.h>
 
+#include <exception>
+
 namespace Velmot {
 namespace parallel_detail {
 
-thread_local int stand_in_worker = -1;
-
 namespace {
+
+thread_local int stand_in = -1;
 
 // Set before the first team of several threads starts; a fork copies it.
 std::atomic<bool> threads_started{false};
@@ -19,6 +21,17 @@ void after_fork_in_child() {
 }
 
 }  // namespace
+
+int stand_in_worker() { return stand_in; }
+
+void set_stand_in_worker(int number) { stand_in = number; }
+
+void allocate_thread_storage() {
+  volatile int exceptions_in_flight = std::uncaught_exceptions();
+  int* volatile own_storage = &stand_in;
+  static_cast<void>(exceptions_in_flight);
+  static_cast<void>(own_storage);
+}
 
 bool threads_lost_in_fork() { return threads_lost.load(std::memory_order_relaxed); }
 

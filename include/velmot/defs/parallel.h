@@ -41,20 +41,16 @@ struct Worker {
 
 namespace parallel_detail {
 
-// Worker number of a stand-in worker on this thread, -1 for none.
-extern thread_local int stand_in_worker;
+// Worker number of the stand-in worker running on this thread, -1 for none.
+int stand_in_worker();
+void set_stand_in_worker(int number);
 
 // Thread-local storage of a library loaded at run time (this one, the C++
 // runtime's exception state) is allocated on a thread's first use of it,
 // and glibc ends the process when that allocation fails: a first exception
 // thrown after the work has exhausted memory would do so. A worker
-// therefore touches both before it starts.
-inline void allocate_thread_storage() {
-  volatile int exceptions_in_flight = std::uncaught_exceptions();
-  int* volatile own_storage = &stand_in_worker;
-  static_cast<void>(exceptions_in_flight);
-  static_cast<void>(own_storage);
-}
+// therefore allocates both before it starts.
+void allocate_thread_storage();
 
 // True in a process forked after the library had started a team of several
 // threads (in it or in an ancestor).
@@ -67,12 +63,12 @@ void note_threads_started();
 // Runs body(worker) for workers 0 .. team - 1 on the calling thread.
 template <class Guarded>
 void run_stand_ins(int team, Guarded& guarded) {
-  const int outer = stand_in_worker;
+  const int outer = stand_in_worker();
   for (int t = 0; t < team; ++t) {
-    stand_in_worker = t;
+    set_stand_in_worker(t);
     guarded(t, team);
   }
-  stand_in_worker = outer;
+  set_stand_in_worker(outer);
 }
 
 }  // namespace parallel_detail
@@ -80,7 +76,7 @@ void run_stand_ins(int team, Guarded& guarded) {
 // The calling worker's number: its stand-in number in a forked child, else
 // its OpenMP thread number (0 outside any region).
 inline int worker_number() {
-  const int t = parallel_detail::stand_in_worker;
+  const int t = parallel_detail::stand_in_worker();
   return t >= 0 ? t : omp_get_thread_num();
 }
 
@@ -106,7 +102,7 @@ void run_team(int team, Body&& body) {
       if (!failure) failure = std::current_exception();
     }
   };
-  const bool nested = omp_in_parallel() || parallel_detail::stand_in_worker >= 0;
+  const bool nested = omp_in_parallel() || parallel_detail::stand_in_worker() >= 0;
   if (nested || team == 1) {
     parallel_detail::run_stand_ins(1, guarded);
   } else if (parallel_detail::threads_lost_in_fork()) {
