@@ -4,7 +4,7 @@
 #include <vector>
 
 #include "velmot/dataset/dataset.h"
-#include "velmot/dataset/index_dataset.h"
+#include "velmot/dataset/bootstrap.h"
 #include "velmot/defs/random.h"
 
 namespace {

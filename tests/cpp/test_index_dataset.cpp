@@ -9,7 +9,9 @@
 
 #include "test_support.h"
 #include "velmot/dataset/dataset.h"
-#include "velmot/dataset/index_dataset.h"
+#include "velmot/dataset/node_sample.h"
+#include "velmot/dataset/partition.h"
+#include "velmot/dataset/sorted_feature.h"
 #include "velmot/defs/random.h"
 
 namespace {
@@ -111,8 +113,8 @@ TEST(IndexedDataSet, FollowedLabelsStayWithTheirInstances) {
 }
 
 // Partitions send the values below the threshold first, NaN last, and
-// move only their range; the grower's stable ones keep each part in
-// position order, and by rank split alike given the first rank going right.
+// move only their range; each part keeps its positions in order, and by
+// rank they split alike given the first rank going right.
 TEST(IndexedDataSet, PartitionsSendValuesBelowTheThresholdFirst) {
   const double nan = std::nan("");
   const auto data = VelmotTest::columns<double, int>({{3, 1, 2.5, 2, nan, 0.5}, {3, 1, 2.5, 2, 7, 0.5}},
@@ -129,14 +131,13 @@ TEST(IndexedDataSet, PartitionsSendValuesBelowTheThresholdFirst) {
 
   auto by_value = all_of(data);
   by_value.follow_labels();
-  EXPECT_EQ(by_value.partition_keeping_order(0, 0, 6, 2.5), 3u);
+  EXPECT_EQ(by_value.partition(0, 0, 6, 2.5), 3u);
   EXPECT_EQ(by_value.indices, (std::vector<uint64_t>{1, 3, 5, 0, 2, 4}));
   EXPECT_EQ(by_value.position_labels, (std::vector<int>{1, 1, 1, 0, 0, 0}));
   const Velmot::FeatureRanks<double> ranks(data);
   auto by_rank = all_of(data);
-  by_rank.ranks = &ranks;
   // Ranks of feature 1: 0.5 -> 0, 1 -> 1, 2 -> 2, 2.5 -> 3, 3 -> 4, 7 -> 5.
-  EXPECT_EQ(by_rank.partition_by_rank_keeping_order(1, 0, 6, 3), 3u);
+  EXPECT_EQ(Velmot::partition_by_rank(by_rank, ranks, 1, 0, 6, 3), 3u);
   EXPECT_EQ(by_rank.indices, by_value.indices);
 
   // A range view over positions [2, 6); NaN never equals, so is never
@@ -154,24 +155,31 @@ TEST(IndexedDataSet, PartitionsSendValuesBelowTheThresholdFirst) {
 
 template <class F, class L>
 using Indexed = Velmot::IndexedDataSet<Velmot::MemoryDataSet<F, L>>;
-
-// The (value, label) pairs of positions [begin, end) as
-// buffer_sorted_feature_unless_constant leaves them, whichever form holds
-// them; with ranks, equal ranks must mean equal values.
 template <class F, class L>
-std::vector<std::pair<F, L>> grower_sorted(Indexed<F, L>& indexed, size_t begin, size_t end) {
-  EXPECT_TRUE(indexed.buffer_sorted_feature_unless_constant(0, begin, end));
+using Sorted = Velmot::SortedFeature<Velmot::MemoryDataSet<F, L>>;
+
+// The (value, label) pairs of positions [begin, end) as the grower's sort
+// leaves them, whichever form holds them; equal keys must mean equal values.
+template <class F, class L>
+std::vector<std::pair<F, L>> grower_sorted(Sorted<F, L>& sorted, const Indexed<F, L>& indexed, size_t begin,
+                                           size_t end) {
+  EXPECT_TRUE(sorted.sort_unless_constant(indexed, 0, begin, end));
   std::vector<std::pair<F, L>> pairs;
-  for (size_t i = 0; i < end - begin; ++i) {
-    if (indexed.sorted_form() == indexed.in_buffer) {
-      pairs.push_back(indexed.sorted_pairs()[i]);
-      continue;
-    }
-    pairs.emplace_back(indexed.sorted_values()[indexed.sorted_rank(i)], indexed.sorted_label(i));
-    if (i > 0) {
-      EXPECT_EQ(indexed.sorted_rank(i) == indexed.sorted_rank(i - 1), pairs[i].first == pairs[i - 1].first);
-    }
-  }
+  sorted.search([&](const auto& input, auto point_of) {
+    auto previous = input.first_key();
+    auto add = [&](const auto& key, L label, uint32_t weight) {
+      const F value = sorted.value_of(0, point_of(key));
+      if (!pairs.empty()) {
+        EXPECT_EQ(key == previous, value == pairs.back().first);
+      }
+      pairs.insert(pairs.end(), weight, std::make_pair(value, label));
+      previous = key;
+    };
+    const auto first = input.first();
+    add(first.key, first.label, first.weight);
+    input.for_each_after_first(add);
+    return 0;
+  });
   return pairs;
 }
 
@@ -182,7 +190,7 @@ std::vector<std::pair<F, L>> grower_sorted(Indexed<F, L>& indexed, size_t begin,
 // the positions come in. Positions repeat and ranks are of all 20000
 // instances, so a range's ranks are sparse.
 template <class F, class L>
-void check_grower_sort(int distinct, bool use_ranks, typename Indexed<F, L>::SortedForm form) {
+void check_grower_sort(int distinct, bool use_ranks, typename Sorted<F, L>::Form form) {
   for (const size_t n : {5u, 40u, 300u, 1500u, 6000u}) {
     SCOPED_TRACE(::testing::Message() << distinct << " values, " << n << " positions");
     Velmot::MemoryDataSet<F, L> data(1);
@@ -203,23 +211,24 @@ void check_grower_sort(int distinct, bool use_ranks, typename Indexed<F, L>::Sor
     std::sort(expected.begin(), expected.end());
     auto backwards = forwards;
     std::reverse(backwards.indices.begin() + 10, backwards.indices.end());
-    ASSERT_EQ(grower_sorted(forwards, 10, n + 10), expected);
-    ASSERT_EQ(grower_sorted(backwards, 10, n + 10), expected);
-    ASSERT_EQ(forwards.sorted_form(), form);
-    ASSERT_EQ(backwards.sorted_form(), form);
+    Sorted<F, L> sorted;
+    ASSERT_EQ(grower_sorted(sorted, forwards, 10, n + 10), expected);
+    ASSERT_EQ(sorted.sorted_form(), form);
+    ASSERT_EQ(grower_sorted(sorted, backwards, 10, n + 10), expected);
+    ASSERT_EQ(sorted.sorted_form(), form);
   }
 }
 
 TEST(IndexedDataSet, EverySortOfTheGrowerOrdersAsStdSort) {
-  check_grower_sort<double, int>(3, true, Indexed<double, int>::packed_ranks);
-  check_grower_sort<double, int>(100000, true, Indexed<double, int>::packed_ranks);
-  check_grower_sort<float, int>(100000, true, Indexed<float, int>::packed_ranks);
-  check_grower_sort<double, double>(3, true, Indexed<double, double>::ranks_and_labels);
-  check_grower_sort<double, double>(100000, true, Indexed<double, double>::ranks_and_labels);
-  check_grower_sort<double, int>(9, false, Indexed<double, int>::in_buffer);
-  check_grower_sort<int, int>(5, false, Indexed<int, int>::in_buffer);
-  check_grower_sort<int, int>(1000000, false, Indexed<int, int>::in_buffer);
-  check_grower_sort<unsigned char, int>(7, false, Indexed<unsigned char, int>::packed_values);
+  check_grower_sort<double, int>(3, true, Sorted<double, int>::packed_ranks);
+  check_grower_sort<double, int>(100000, true, Sorted<double, int>::packed_ranks);
+  check_grower_sort<float, int>(100000, true, Sorted<float, int>::packed_ranks);
+  check_grower_sort<double, double>(3, true, Sorted<double, double>::ranks_and_labels);
+  check_grower_sort<double, double>(100000, true, Sorted<double, double>::ranks_and_labels);
+  check_grower_sort<double, int>(9, false, Sorted<double, int>::in_buffer);
+  check_grower_sort<int, int>(5, false, Sorted<int, int>::in_buffer);
+  check_grower_sort<int, int>(1000000, false, Sorted<int, int>::in_buffer);
+  check_grower_sort<unsigned char, int>(7, false, Sorted<unsigned char, int>::packed_values);
 }
 
 TEST(IndexedDataSet, ConstantRangesAreRefusedWhicheverWay) {
@@ -227,14 +236,14 @@ TEST(IndexedDataSet, ConstantRangesAreRefusedWhicheverWay) {
   const Velmot::FeatureRanks<double> ranks(data);
   auto indexed = all_of(data);
   indexed.ranks = &ranks;
-  EXPECT_FALSE(indexed.buffer_sorted_feature_unless_constant(0, 0, 3));
-  EXPECT_TRUE(indexed.buffer_sorted_feature_unless_constant(0, 0, 4));
+  Sorted<double, int> sorted;
+  EXPECT_FALSE(sorted.sort_unless_constant(indexed, 0, 0, 3));
+  EXPECT_TRUE(sorted.sort_unless_constant(indexed, 0, 0, 4));
   indexed.ranks = nullptr;
-  EXPECT_FALSE(indexed.buffer_sorted_feature_unless_constant(0, 0, 3));
-  // Without ranks the pairs are in the buffer, and the form says so.
-  EXPECT_TRUE(indexed.buffer_sorted_feature_unless_constant(0, 0, 4));
-  EXPECT_EQ(indexed.sorted_form(), decltype(indexed)::in_buffer);
-  EXPECT_EQ(indexed.get_buffered_feature_label(3).first, 5.0);
+  EXPECT_FALSE(sorted.sort_unless_constant(indexed, 0, 0, 3));
+  // Without ranks the pairs are values, and the form says so.
+  EXPECT_EQ((grower_sorted<double, int>(sorted, indexed, 0, 4).back().first), 5.0);
+  EXPECT_EQ(sorted.sorted_form(), (Sorted<double, int>::in_buffer));
 }
 
 // Every path of the packed sort against std::sort: comparison (small),

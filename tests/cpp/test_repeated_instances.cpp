@@ -19,7 +19,7 @@
 #include "test_support.h"
 #include "velmot/dataset/dataset.h"
 #include "velmot/dataset/feature_ranks.h"
-#include "velmot/dataset/index_dataset.h"
+#include "velmot/dataset/node_sample.h"
 #include "velmot/defs/random.h"
 #include "velmot/learn/learn_tree.h"
 #include "velmot/learn/tree.h"

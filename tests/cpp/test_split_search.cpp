@@ -4,8 +4,10 @@
 #include <vector>
 
 #include "velmot/dataset/dataset.h"
-#include "velmot/dataset/index_dataset.h"
+#include "velmot/dataset/node_sample.h"
+#include "velmot/dataset/sorted_feature.h"
 #include "velmot/learn/split_search.h"
+#include "velmot/learn/sweep.h"
 #include "velmot/stats/criteria.h"
 
 namespace {
@@ -121,10 +123,11 @@ TEST(SplitSearch, ThresholdsScoresAndRealLabels) {
 }
 
 
-// The grower's lighter sweeps (best_split_of_feature, with its own loop for
-// Gini, and best_split_of_cells over a histogram of keys) report what learn_tree_node reports: the final score, the
-// threshold between the keys it keeps and the improvement, bit for bit, on
-// many nodes with ties, runs of one label and sizes down to the seed-only 2.
+// The grower's sweep (best_split, with its own sides for Gini, over sorted
+// keys and over a histogram of keys) reports what learn_tree_node reports:
+// the final score, the threshold between the keys it keeps and the
+// improvement, bit for bit, on many nodes with ties, runs of one label and
+// sizes down to the seed-only 2.
 template <class Criterion>
 void check_light_sweep_matches_learn_tree_node(const Criterion& criterion) {
   Velmot::XorShiftRNG gen(Velmot::XorShiftState{3, 1, 4, 1});
@@ -151,15 +154,17 @@ void check_light_sweep_matches_learn_tree_node(const Criterion& criterion) {
     // What a light sweep found, between the keys `lower` and `upper` (as values).
     auto expect_as_searched = [&](const auto& split, double lower, double upper) {
       EXPECT_EQ(split.score, expected.get_maximum());
-      EXPECT_EQ(split.is_seed ? lower : Velmot::ThresholdInfo<double>::get_less_than_threshold(lower, upper),
+      EXPECT_EQ(split.where.is_seed ? lower : Velmot::ThresholdInfo<double>::get_less_than_threshold(lower, upper),
                 expected.get_maximizer().threshold);
       EXPECT_EQ(std::max(split.impurity - criterion.get_impurity(counts), 0.0),
                 expected.get_maximizer().best_improvement);
     };
-    const auto split = Velmot::best_split_of_feature<int>(
-        n, n, [pairs](size_t i) { return pairs[i].first; }, [pairs](size_t i) { return pairs[i].second; },
-        Velmot::UnitWeight(), counts, criterion.get_initial(counts), left, right, criterion);
-    expect_as_searched(split, split.lower, split.upper);
+    const auto split = Velmot::best_split(
+        Velmot::sorted_keys<int>(
+            n, [pairs](size_t i) { return pairs[i].first; }, [pairs](size_t i) { return pairs[i].second; },
+            Velmot::UnitWeight()),
+        counts, criterion.get_initial(counts), left, right, criterion);
+    expect_as_searched(split, split.where.lower, split.where.upper);
 
     if (::testing::Test::HasFailure()) return;
 
@@ -171,9 +176,9 @@ void check_light_sweep_matches_learn_tree_node(const Criterion& criterion) {
     for (size_t i = 0; i < n; ++i) {
       ++cells[(static_cast<size_t>(values[i] * 2) << label_bits) | static_cast<size_t>(labels[i] + 1)];
     }
-    const auto by_cells = Velmot::best_split_of_cells<int>(cells.data(), cells.size(), label_bits, counts,
-                                                           criterion.get_initial(counts), left, right, criterion);
-    expect_as_searched(by_cells, by_cells.lower * 0.5, by_cells.upper * 0.5);
+    const auto by_cells = Velmot::best_split(Velmot::CountedCells<int>(cells.data(), cells.size(), label_bits), counts,
+                                             criterion.get_initial(counts), left, right, criterion);
+    expect_as_searched(by_cells, by_cells.where.lower * 0.5, by_cells.where.upper * 0.5);
     if (::testing::Test::HasFailure()) return;
   }
 }

@@ -28,7 +28,8 @@
 #include <vector>
 
 #include "velmot/dataset/feature_ranks.h"
-#include "velmot/dataset/index_dataset.h"
+#include "velmot/dataset/bootstrap.h"
+#include "velmot/dataset/node_sample.h"
 #include "velmot/defs/exception.h"
 #include "velmot/defs/random.h"
 #include "velmot/learn/learn_tree.h"
@@ -180,8 +181,9 @@ std::vector<Node<typename D::label_type>*> learn_forest(const D& data,
         IndexedDataSet<D> sample = random_subset_iid(&data, sample_prop, rng);
         sample.ranks = &ranks;
         if (compute_feature_importances) std::fill(tree_importances.begin(), tree_importances.end(), 0.0);
-        retval[static_cast<size_t>(k)] = learn_tree(sample, fte_per_split, max_depth, min_leaf_size, criteria,
-                                                    compute_feature_importances, tree_importances);
+        // check_forest_input checked what learn_tree would check per tree.
+        retval[static_cast<size_t>(k)] = grow_tree(sample, fte_per_split, max_depth, min_leaf_size, criteria,
+                                                   compute_feature_importances, tree_importances);
         if (compute_feature_importances) {
           for (size_t j = 0; j < num_importances; ++j) scratch[j] += tree_importances[j];
         }
