@@ -215,14 +215,14 @@ public:
       // unweighted key (no weight bits) stands for one pair.
       const uint32_t* key = packed_sort.sorted();
       const uint32_t label_mask = (uint32_t(1) << label_bits) - 1;
-      const int weight_bits_ = weight_bits;
+      const int weights = weight_bits;
       const int rank_shift = label_bits + weight_bits;
       const uint32_t weight_mask = (uint32_t(1) << weight_bits) - 1;
       const uint32_t unit = weight_bits == 0 ? 1 : 0;
       return search(sorted_keys<L>(
                         sorted_count, [key, rank_shift](size_t i) { return key[i] >> rank_shift; },
-                        [key, label_mask, weight_bits_](size_t i) {
-                          return static_cast<L>(static_cast<int64_t>((key[i] >> weight_bits_) & label_mask) - 1);
+                        [key, label_mask, weights](size_t i) {
+                          return static_cast<L>(static_cast<int64_t>((key[i] >> weights) & label_mask) - 1);
                         },
                         [key, weight_mask, unit](size_t i) { return (key[i] & weight_mask) + unit; }),
                     point_of);
