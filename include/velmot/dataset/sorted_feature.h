@@ -78,7 +78,7 @@ public:
   key_type first_key() const { return key_at(0); }
   key_type last_key() const { return key_at(n - 1); }
   template <class Visit>
-  void for_each_after_first(Visit&& visit) const {
+  [[gnu::always_inline]] void for_each_after_first(Visit&& visit) const {
     for (size_t i = 1; i < n; ++i) visit(key_at(i), label_at(i), weight_at(i));
   }
 
@@ -113,7 +113,7 @@ public:
   uint32_t first_key() const { return key_of(first_cell); }
   uint32_t last_key() const { return key_of(last_cell - 1); }
   template <class Visit>
-  void for_each_after_first(Visit&& visit) const {
+  [[gnu::always_inline]] void for_each_after_first(Visit&& visit) const {
     for (size_t k = first_cell + 1; k < last_cell; ++k) {
       if (cell[k] == 0) continue;
       visit(key_of(k), label_of(k), cell[k]);

@@ -59,8 +59,13 @@ struct SweepResult {
   Key upper{};
 };
 
+// Always inlined into its caller, where the sides are a local object: the
+// loop then keeps their sums in registers. Called out of line, it reached
+// them through a pointer, reloading them after every store of a class
+// count (30 trees, one thread, 100,000 x 40 doubles and bytes: 4% and 6%
+// more CPU time).
 template <class Input, class Sides>
-SweepResult<typename Input::key_type> sweep(const Input& input, Sides& sides) {
+[[gnu::always_inline]] inline SweepResult<typename Input::key_type> sweep(const Input& input, Sides& sides) {
   typedef typename Input::key_type Key;
   typedef typename Input::label_type L;
   SweepResult<Key> result;
@@ -238,7 +243,7 @@ struct FeatureSplit {
 };
 
 template <class Input, class Sides>
-FeatureSplit<typename Input::key_type> sweep_with(const Input& input, Sides& sides) {
+[[gnu::always_inline]] inline FeatureSplit<typename Input::key_type> sweep_with(const Input& input, Sides& sides) {
   FeatureSplit<typename Input::key_type> split;
   split.where = sweep(input, sides);
   split.score = sides.final_score();
