@@ -60,10 +60,11 @@ struct SweepResult {
 };
 
 // Always inlined into its caller, where the sides are a local object: the
-// loop then keeps their sums in registers. Called out of line, it reached
-// them through a pointer, reloading them after every store of a class
-// count (30 trees, one thread, 100,000 x 40 doubles and bytes: 4% and 6%
-// more CPU time).
+// loop then keeps their sums in registers. Called out of line, it reaches
+// them through a pointer and reloads them after every store of a class
+// count: 30 trees on one thread, 100,000 x 40 doubles and bytes, took 4%
+// and 6% more CPU time than sums in locals (medians of five alternating
+// runs); inlined, it runs within 1% of their instruction count.
 template <class Input, class Sides>
 [[gnu::always_inline]] inline SweepResult<typename Input::key_type> sweep(const Input& input, Sides& sides) {
   typedef typename Input::key_type Key;
