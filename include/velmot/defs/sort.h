@@ -11,8 +11,9 @@
 //   (radix sort of the values' ordered_bits, or a comparison sort for small
 //   ranges).
 // RankSort and PackedRankSort serve floating-point features whose values were
-// ranked once per forest: they sort the ranks instead and leave them as ranks
-// for the split sweep.
+// ranked once per forest (and, packed, byte features, whose values serve as
+// ranks): they sort the ranks instead and leave them as ranks for the split
+// sweep (dataset/sorted_feature.h).
 //
 // Every sort here leaves the pairs ascending by value and, within equal
 // values, ascending by label: the counting sort's order. The comparison sort
