@@ -35,6 +35,7 @@
 
 #include "velmot/dataset/feature_ranks.h"
 #include "velmot/defs/exception.h"
+#include "velmot/defs/int32_limits.h"
 #include "velmot/defs/labeling.h"
 #include "velmot/defs/sort.h"
 
@@ -559,8 +560,8 @@ IndexedDataSet<D> random_subset_iid(const D* dataset, double fraction_of_parent,
   IndexedDataSet<D> subset(dataset);
   const int64_t num_instances = static_cast<int64_t>(dataset->get_num_instances());
   const double wanted = fraction_of_parent * static_cast<double>(num_instances);
-  if (!(wanted >= 0.0) || !(wanted < 2147483648.0)) {
-    throw Exception("bootstrap sample size must be between 0 and 2147483647 instances");
+  if (!fits_in_int32_count(wanted)) {
+    throw Exception("bootstrap sample size must be between 0 and " + std::to_string(int32_max) + " instances");
   }
   const uint64_t num_sample_instances = static_cast<uint64_t>(wanted);
   if (num_sample_instances == 0) return subset;
