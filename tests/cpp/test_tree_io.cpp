@@ -131,7 +131,7 @@ TEST(TreeText, DeepNestingNeitherRecursesNorLeaks) {
   std::string text;
   for (int d = 0; d < depth; ++d) text += "(left ";
   text += "(label 7)";
-  for (int d = 0; d < depth; ++d) text += ")";
+  for (int d = 0; d < depth; ++d) text += ')';
   Tree root = read_text(text);
   const Node<int>* node = root.get();
   int levels = 0;
