@@ -67,9 +67,7 @@ void check_forest_input(const D& data, int forest_size, double sample_prop, size
     throw Exception("sample_prop must make a bootstrap sample of 0 to " + std::to_string(int32_max) + " instances");
   }
   if (!fits_in_int32(data.get_num_features())) throw IncompatibleDataException("data set has too many features");
-  if (data.get_num_classes() > size_t{max_num_classes}) {
-    throw IncompatibleDataException("data set has too many classes");
-  }
+  if (data.get_num_classes() > max_num_classes) throw IncompatibleDataException("data set has too many classes");
   for (size_t i = 0; i < ni; ++i) {
     if (!label_fits_histogram(data.get_label(i), data.get_num_classes())) {
       throw IncompatibleDataException("a label lies outside the range of classes");
