@@ -70,14 +70,16 @@ def feature_major_with_constant_row(X):
 
 
 def upper_medians(X):
-    """Per-column median as the library imputes it.
+    """Per-column value that replaces NaN at prediction, fixed at fit time.
 
-    The value at position k // 2 of the k sorted present values (the upper of
-    the two middle values for even k), 0 for a column with no present value.
-    Returns None for integer matrices, which cannot hold missing values.
+    The library's own imputation rule, in numpy: the value at position
+    k // 2 of the k sorted present values (the upper of the two middle values
+    for even k), 0 for a column with no present value. Integer and byte
+    matrices hold no NaN while learning, but a prediction may pass floats
+    with NaN to such a model; their medians serve it. Written here rather
+    than called from the library because it runs on the package's own
+    row-major matrix, block by block, without the module's feature-major copy.
     """
-    if X.dtype.kind != "f":
-        return None
     n_samples, n_features = X.shape
     medians = np.zeros(n_features, dtype=np.float64)
     block = max(1, _MEDIAN_BLOCK_ELEMENTS // max(n_samples, 1))
@@ -85,11 +87,24 @@ def upper_medians(X):
         columns = np.array(X[:, start : start + block], dtype=X.dtype, order="F")
         for offset in range(columns.shape[1]):
             column = columns[:, offset]
-            present = column[~np.isnan(column)]
+            present = column[~np.isnan(column)] if X.dtype.kind == "f" else column
             if present.size:
                 middle = present.size // 2
                 medians[start + offset] = np.partition(present, middle)[middle]
     return medians
+
+
+def check_splittable(X):
+    """Refuse floating values so large that the midpoint of two of them,
+    a split's threshold, overflows to infinity."""
+    if X.dtype.kind != "f" or X.size == 0:
+        return
+    limit = np.finfo(X.dtype).max / 2
+    if np.fmax.reduce(X, axis=None) > limit or np.fmin.reduce(X, axis=None) < -limit:
+        raise ValueError(
+            f"X holds values beyond +-{limit:.3g}, too large for {X.dtype} thresholds (the midpoint of two such "
+            "values overflows); rescale the features."
+        )
 
 
 def fill_missing(X, medians):
@@ -97,11 +112,16 @@ def fill_missing(X, medians):
 
     Returns X itself when nothing is missing, so the common case stays a view.
     """
-    if medians is None or X.dtype.kind != "f":
+    if X.dtype.kind != "f":
         return X
     missing = np.isnan(X)
     if not missing.any():
         return X
+    if medians is None:
+        raise ValueError(
+            "X holds NaN, but this model was saved without values to fill them (an older file of a model "
+            "trained on integer features); replace the NaN before predicting."
+        )
     filled = X.copy()
     rows, columns = np.nonzero(missing)
     filled[rows, columns] = medians[columns].astype(X.dtype)

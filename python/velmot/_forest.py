@@ -1,8 +1,6 @@
 """The scikit-learn estimator over the compiled module."""
 
-import math
-import os
-from numbers import Integral
+from numbers import Integral, Real
 
 import numpy as np
 import PyVelmot_wrap
@@ -14,16 +12,15 @@ from sklearn.utils.validation import check_is_fitted, validate_data
 from ._features import (
     MODULE_LETTERS,
     as_module_dtype,
+    check_splittable,
     feature_major,
     feature_major_with_constant_row,
     fill_missing,
     upper_medians,
 )
-from ._learning import CRITERION_SUFFIXES, POOL_SIZE, learn_forest
-
-# The module reads labels through a signed 32-bit byte offset.
-MAX_SAMPLES = (2**31 - 1) // np.dtype(np.int32).itemsize
-_MAX_INT32 = 2**31 - 1
+from ._learning import CRITERION_SUFFIXES, learn_forest
+from ._model_file import check, float_vector, split_trees, write_model_file
+from ._settings import MAX_INT32, POOL_SIZE, resolve_settings, thread_count
 
 
 class RandomForestClassifier(ClassifierMixin, BaseEstimator):
@@ -107,7 +104,7 @@ class RandomForestClassifier(ClassifierMixin, BaseEstimator):
     """
 
     _parameter_constraints = {
-        "n_estimators": [Interval(Integral, 1, None, closed="left")],
+        "n_estimators": [Interval(Integral, 1, MAX_INT32, closed="both")],
         "criterion": [StrOptions(set(CRITERION_SUFFIXES))],
         "max_features": [
             StrOptions({"sqrt", "log2"}),
@@ -174,39 +171,31 @@ class RandomForestClassifier(ClassifierMixin, BaseEstimator):
         self._validate_params()
         X, y = validate_data(self, X, y, dtype="numeric", ensure_all_finite="allow-nan")
         check_classification_targets(y)
-        n_samples, n_features = X.shape
-        if n_samples > MAX_SAMPLES:
-            raise ValueError(f"X has {n_samples} samples; the library accepts at most {MAX_SAMPLES}.")
         # Checks that need the data's shape come before anything is copied.
-        features_per_split = self._features_per_split(n_features)
-        bootstrap_size = self._bootstrap_size(n_samples)
+        settings = resolve_settings(self, *X.shape)
         classes, codes = np.unique(y, return_inverse=True)
         X = as_module_dtype(X)
-        if features_per_split < n_features:
-            features = feature_major(X)
-        else:
-            features = feature_major_with_constant_row(X)
-            features_per_split = n_features
-
+        check_splittable(X)
+        features = feature_major_with_constant_row(X) if settings.all_features else feature_major(X)
         trees, importances = learn_forest(
             features,
             np.ascontiguousarray(codes, dtype=np.int32),
             n_classes=len(classes),
             n_trees=self.n_estimators,
-            sampling_prop=_sampling_proportion(bootstrap_size, n_samples),
-            fte_per_split=features_per_split,
-            max_depth=0 if self.max_depth is None else min(self.max_depth, _MAX_INT32),
-            n_threads=_thread_count(self.n_jobs),
-            criterion=self.criterion,
+            settings=settings,
             random_state=self.random_state,
             verbose=self.verbose,
         )
+        self._set_fitted(classes, trees, importances, upper_medians(X))
+        return self
+
+    def _set_fitted(self, classes, trees, importances, missing_value_fill):
+        n_features = self.n_features_in_
         self.classes_ = classes
         self.n_classes_ = len(classes)
         self.trees_ = trees
         self.feature_importances_ = np.zeros(n_features) if importances is None else np.array(importances[:n_features])
-        self._missing_value_fill_ = upper_medians(X)
-        return self
+        self._missing_value_fill_ = missing_value_fill
 
     def predict(self, X):
         """Predict the class of each sample by majority vote of the trees.
@@ -224,7 +213,7 @@ class RandomForestClassifier(ClassifierMixin, BaseEstimator):
         features = self._prediction_features(X)
         codes = np.empty(features.shape[1], dtype=np.int32)
         predict = getattr(PyVelmot_wrap, f"test_{MODULE_LETTERS[features.dtype]}i")
-        predict(features, self._module_forest(), self.n_classes_, codes, _thread_count(self.n_jobs))
+        predict(features, self._module_forest(), self.n_classes_, codes, thread_count(self.n_jobs))
         return self.classes_[codes]
 
     def predict_proba(self, X):
@@ -243,7 +232,7 @@ class RandomForestClassifier(ClassifierMixin, BaseEstimator):
         features = self._prediction_features(X)
         proba = np.empty((features.shape[1], self.n_classes_), dtype=np.float64)
         vote_fractions = getattr(PyVelmot_wrap, f"prob_{MODULE_LETTERS[features.dtype]}d")
-        vote_fractions(features, self._module_forest(), self.n_classes_, proba, _thread_count(self.n_jobs))
+        vote_fractions(features, self._module_forest(), self.n_classes_, proba, thread_count(self.n_jobs))
         return proba
 
     def predict_log_proba(self, X):
@@ -269,7 +258,9 @@ class RandomForestClassifier(ClassifierMixin, BaseEstimator):
         Parameters
         ----------
         path : str, path-like or binary file object
-            Destination; written exactly there, no suffix is added.
+            Destination; written exactly there, no suffix is added. A path
+            is written through a temporary file in the same folder and a
+            rename, so a failed save leaves any previous file intact.
 
         Notes
         -----
@@ -284,9 +275,7 @@ class RandomForestClassifier(ClassifierMixin, BaseEstimator):
         >>> forest.save("forest.npz")  # doctest: +SKIP
         >>> velmot.load("forest.npz").predict(X)  # doctest: +SKIP
         """
-        from ._persistence import save_forest
-
-        save_forest(self, path)
+        write_model_file(path, *self._to_model())
 
     def __sklearn_tags__(self):
         tags = super().__sklearn_tags__()
@@ -303,51 +292,86 @@ class RandomForestClassifier(ClassifierMixin, BaseEstimator):
         # after joblib.load, for instance): hand it base-class views.
         return [np.asarray(tree) for tree in self.trees_]
 
-    def _features_per_split(self, n_features):
-        if self.max_features is None:
-            return n_features
-        if self.max_features == "sqrt":
-            return max(1, int(math.sqrt(n_features)))
-        if self.max_features == "log2":
-            return max(1, int(math.log2(n_features)))
-        if isinstance(self.max_features, Integral):
-            if self.max_features > n_features:
-                raise ValueError(
-                    f"max_features={self.max_features} is more than the {n_features} features of X; "
-                    "pass at most n_features, or None for all."
-                )
-            return int(self.max_features)
-        return max(1, int(self.max_features * n_features))
+    # -- model files -----------------------------------------------------
 
-    def _bootstrap_size(self, n_samples):
-        if self.max_samples is None:
-            return n_samples
-        if isinstance(self.max_samples, Integral):
-            if self.max_samples > n_samples:
-                raise ValueError(
-                    f"max_samples={self.max_samples} is more than the {n_samples} samples of X; "
-                    "pass at most n_samples, or a fraction."
-                )
-            return int(self.max_samples)
-        return max(1, round(self.max_samples * n_samples))
+    _TASK = "classification"
+
+    @staticmethod
+    def _model_entries():
+        return ("classes", "nodes", "tree_sizes", "feature_importances", "feature_names", "missing_value_fill")
+
+    def _to_model(self):
+        """(arrays, metadata) of a model file holding this fitted forest."""
+        check_is_fitted(self)
+        arrays = {
+            "classes": _without_objects(self.classes_, "class labels"),
+            "nodes": np.concatenate(self.trees_, axis=1),
+            "tree_sizes": np.array([tree.shape[1] for tree in self.trees_], dtype=np.int64),
+            "feature_importances": np.asarray(self.feature_importances_, dtype=np.float64),
+            "missing_value_fill": np.asarray(self._missing_value_fill_, dtype=np.float64),
+        }
+        if self._missing_value_fill_ is None:
+            del arrays["missing_value_fill"]
+        if hasattr(self, "feature_names_in_"):
+            arrays["feature_names"] = _without_objects(self.feature_names_in_, "feature names")
+        metadata = {"task": self._TASK, "params": _json_params(self.get_params()), "n_features_in": self.n_features_in_}
+        return arrays, metadata
+
+    @classmethod
+    def _from_model(cls, arrays, metadata):
+        """The fitted forest of a model file's checked arrays and metadata."""
+        for name in ("classes", "nodes", "tree_sizes", "feature_importances"):
+            check(name in arrays, f"missing {name}")
+        params, n_features = metadata["params"], metadata["n_features_in"]
+        check(set(params) == set(cls._get_param_names()), "unexpected estimator parameters")
+        forest = cls(**params)
+        try:
+            forest._validate_params()
+        except (ValueError, TypeError) as error:
+            raise ValueError(f"damaged velmot forest file: {error}") from None
+        classes = arrays["classes"]
+        check(classes.ndim == 1 and len(classes) >= 1, "classes must be a non-empty vector")
+        check(classes.dtype.kind in "biufUS", "classes must be numbers, bools or strings")
+        check(np.array_equal(np.unique(classes), classes), "classes must be sorted and distinct")
+        trees = split_trees(arrays["nodes"], arrays["tree_sizes"], n_features, len(classes))
+        check(len(trees) == forest.n_estimators, "the number of trees differs from n_estimators")
+        forest.n_features_in_ = n_features
+        if "feature_names" in arrays:
+            names = arrays["feature_names"]
+            check(names.ndim == 1 and len(names) == n_features and names.dtype.kind == "U", "bad feature_names")
+            forest.feature_names_in_ = names.astype(object)
+        importances = float_vector(arrays["feature_importances"], n_features, "feature_importances")
+        fill = arrays.get("missing_value_fill")
+        forest._set_fitted(
+            classes, trees, None, None if fill is None else float_vector(fill, n_features, "missing_value_fill")
+        )
+        forest.feature_importances_ = importances
+        return forest
 
 
-def _sampling_proportion(count, n_samples):
-    """The proportion whose product with n_samples truncates to exactly count.
+def _json_params(params):
+    """Parameters as JSON values; a RandomState instance cannot be stored and
+    is written as None."""
+    converted = {}
+    for key, value in params.items():
+        if isinstance(value, (bool, np.bool_)):
+            converted[key] = bool(value)
+        elif isinstance(value, Integral):
+            converted[key] = int(value)
+        elif isinstance(value, Real):
+            converted[key] = float(value)
+        elif value is None or isinstance(value, str):
+            converted[key] = value
+        else:
+            converted[key] = None
+    return converted
 
-    The library draws int(proportion * n_samples) instances; count / n_samples
-    can fall a hair short of count after the multiplication.
-    """
-    proportion = count / n_samples
-    while int(proportion * n_samples) < count:
-        proportion = float(np.nextafter(proportion, math.inf))
-    return proportion
 
-
-def _thread_count(n_jobs):
-    if n_jobs is None:
-        return 1
-    if n_jobs > 0:
-        return int(n_jobs)
-    cores = len(os.sched_getaffinity(0)) if hasattr(os, "sched_getaffinity") else os.cpu_count() or 1
-    return max(1, min(POOL_SIZE, cores + 1 + int(n_jobs)))
+def _without_objects(values, what):
+    """values as an array numpy can store without pickle."""
+    if values.dtype.kind != "O":
+        return values
+    plain = np.array(values.tolist())
+    if plain.dtype.kind not in "biufU" or plain.shape != values.shape or not np.array_equal(plain, values):
+        raise ValueError(f"{what} of mixed or object types cannot be saved without pickle")
+    return plain

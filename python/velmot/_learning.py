@@ -18,10 +18,6 @@ from tqdm import tqdm
 
 from ._features import MODULE_LETTERS
 
-# The pool holds this many generators and a learning thread uses the one at
-# its thread number, so no call may run on more threads.
-POOL_SIZE = 32
-
 CRITERION_SUFFIXES = {
     "gini": "gini",
     "entropy": "infogain",
@@ -74,69 +70,65 @@ def draw_chunk_seeds(random_state, count):
     return check_random_state(random_state).randint(1, _MAX_SEED + 1, size=count)
 
 
-def learn_chunk(
-    features, labels, *, n_classes, n_trees, seed, sampling_prop, fte_per_split, max_depth, n_threads, criterion
-):
+def learn_chunk(features, labels, *, n_classes, n_trees, seed, settings):
     """One learning call from a freshly seeded pool: (tree arrays, importances).
 
     The importances are NaN when a tree of the call found no informative split.
     """
-    learner = getattr(PyVelmot_wrap, f"learn_{MODULE_LETTERS[features.dtype]}i_{CRITERION_SUFFIXES[criterion]}")
+    letter = MODULE_LETTERS[features.dtype]
+    learner = getattr(PyVelmot_wrap, f"learn_{letter}i_{CRITERION_SUFFIXES[settings.criterion]}")
     with _POOL_LOCK:
         PyVelmot_wrap.set_seed(int(seed))
-        return learner(features, labels, n_classes, n_trees, sampling_prop, fte_per_split, max_depth, n_threads, 1)
+        return learner(
+            features,
+            labels,
+            n_classes,
+            n_trees,
+            settings.sampling_prop,
+            settings.features_per_split,
+            settings.max_depth,
+            settings.n_threads,
+            1,
+        )
 
 
-def learn_forest(
-    features,
-    labels,
-    *,
-    n_classes,
-    n_trees,
-    sampling_prop,
-    fte_per_split,
-    max_depth,
-    n_threads,
-    criterion,
-    random_state,
-    verbose,
-):
+def learn_forest(features, labels, *, n_classes, n_trees, settings, random_state, verbose):
     """Learn n_trees trees; return (list of tree arrays, importances or None).
 
     ``features`` is feature-major in one of the module's element types and
-    ``labels`` an int32 vector of codes below n_classes. Importances come back
-    per feature of ``features``: the mean over trees of each tree's normalised
-    importances. A tree that found no informative split has none (the module
-    reports NaN for the whole call that learnt it); such calls are left out of
-    the mean, and if every call is, the result is None.
+    ``labels`` an int32 vector of codes below n_classes.
     """
-    chunks = plan_chunks(n_trees, n_threads)
-    seeds = draw_chunk_seeds(random_state, len(chunks))
+    sizes = plan_chunks(n_trees, settings.n_threads)
+    seeds = draw_chunk_seeds(random_state, len(sizes))
     features = prepared_once(features)
-
-    trees = []
-    importance_sum = np.zeros(features.shape[0], dtype=np.float64)
-    trees_with_importances = 0
+    blocks = []
     with tqdm(total=n_trees, unit="tree", desc="Learning trees", disable=verbose <= 0) as progress:
-        for size, seed in zip(chunks, seeds):
-            chunk_trees, importances = learn_chunk(
-                features,
-                labels,
-                n_classes=n_classes,
-                n_trees=size,
-                seed=seed,
-                sampling_prop=sampling_prop,
-                fte_per_split=fte_per_split,
-                max_depth=max_depth,
-                n_threads=n_threads,
-                criterion=criterion,
+        for size, seed in zip(sizes, seeds):
+            blocks.append(
+                learn_chunk(features, labels, n_classes=n_classes, n_trees=size, seed=seed, settings=settings)
             )
-            trees.extend(chunk_trees)
-            if not np.isnan(importances).any():
-                importance_sum += size * importances
-                trees_with_importances += size
             progress.update(size)
+    return merge_blocks(sizes, blocks)
 
+
+def merge_blocks(sizes, blocks):
+    """Join blocks of (trees, importances) in block order: (trees, mean
+    importances or None).
+
+    Importances are the mean over trees of each tree's normalised
+    importances. A tree that found no informative split has none (the module
+    reports NaN for the whole call that learnt it); such blocks are left out
+    of the mean, and if every block is, the result is None.
+    """
+    trees = []
+    importance_sum = None
+    trees_with_importances = 0
+    for size, (block_trees, importances) in zip(sizes, blocks):
+        trees.extend(block_trees)
+        if not np.isnan(importances).any():
+            weighted = size * np.asarray(importances, dtype=np.float64)
+            importance_sum = weighted if importance_sum is None else importance_sum + weighted
+            trees_with_importances += size
     if trees_with_importances == 0:
         return trees, None
     return trees, importance_sum / trees_with_importances

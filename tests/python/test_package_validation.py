@@ -30,6 +30,8 @@ y = np.arange(10) % 2
     "params, message",
     [
         ({"n_estimators": 0}, "'n_estimators' parameter of RandomForestClassifier must be an int in the range"),
+        ({"n_estimators": 2**63}, "'n_estimators' parameter of RandomForestClassifier must be an int in the range"),
+        ({"n_estimators": 10**9}, "n_estimators=1000000000 trees cannot fit in this machine's"),
         ({"criterion": "mse"}, "'criterion' parameter of RandomForestClassifier must be a str among"),
         ({"max_features": "auto"}, "'max_features' parameter"),
         ({"max_features": 1.5}, "'max_features' parameter"),
@@ -62,6 +64,8 @@ def test_out_of_range_parameters_are_rejected_at_fit(module_untouched, params, m
         (np.where(X > 30, np.inf, X), y, "Input X contains infinity"),
         (X, np.where(y > 0, np.nan, 0.0), "Input y contains NaN"),
         (X.astype(complex), y, "Complex data not supported"),
+        (np.where(X > 30, 1e308, X), y, "values beyond \\+-8.99e\\+307, too large for float64 thresholds"),
+        (np.where(X > 30, 3e38, X).astype(np.float32), y, "too large for float32 thresholds"),
         (np.array([["a", "b"]] * 10, dtype=object), y, "could not convert string to float"),
     ],
 )

@@ -1,0 +1,124 @@
+"""An estimator's parameters resolved against the data they learn from.
+
+The local estimator and ``velmot.dask`` both learn through this one object,
+so a parameter means the same thing, with the same errors, in either.
+"""
+
+import math
+import os
+from dataclasses import dataclass
+from numbers import Integral
+
+import numpy as np
+
+# The module reads labels through a signed 32-bit byte offset.
+MAX_SAMPLES = (2**31 - 1) // np.dtype(np.int32).itemsize
+MAX_INT32 = 2**31 - 1
+
+# The module's pool holds this many generators and a learning thread uses
+# the one at its thread number, so no call may run on more threads.
+POOL_SIZE = 32
+
+# Bytes a fitted tree takes at the very least (a one-node array and its
+# Python object): enough to refuse a tree count that cannot fit in memory
+# before any tree is learnt.
+_MIN_TREE_BYTES = 160
+
+
+@dataclass(frozen=True)
+class ForestSettings:
+    """The learning call's arguments other than the data and seeds."""
+
+    features_per_split: int
+    all_features: bool
+    sampling_prop: float
+    max_depth: int  # 0: no limit
+    n_threads: int
+    criterion: str
+
+
+def resolve_settings(estimator, n_samples, n_features):
+    """ForestSettings for ``estimator``'s parameters on an n_samples x
+    n_features training set; ValueError naming the parameter that cannot
+    be met."""
+    if n_samples > MAX_SAMPLES:
+        raise ValueError(f"X has {n_samples} samples; the library accepts at most {MAX_SAMPLES}.")
+    check_tree_count(estimator.n_estimators)
+    features_per_split = _features_per_split(estimator.max_features, n_features)
+    all_features = features_per_split >= n_features
+    return ForestSettings(
+        features_per_split=n_features if all_features else features_per_split,
+        all_features=all_features,
+        sampling_prop=sampling_proportion(_bootstrap_size(estimator.max_samples, n_samples), n_samples),
+        max_depth=0 if estimator.max_depth is None else min(estimator.max_depth, MAX_INT32),
+        n_threads=thread_count(estimator.n_jobs),
+        criterion=estimator.criterion,
+    )
+
+
+def check_tree_count(n_estimators):
+    memory = _physical_memory()
+    if memory is not None and n_estimators * _MIN_TREE_BYTES > memory:
+        raise ValueError(
+            f"n_estimators={n_estimators} trees cannot fit in this machine's {memory / 2**30:.0f} GiB of memory "
+            "(each takes at least a few hundred bytes); ask for fewer trees."
+        )
+
+
+def thread_count(n_jobs):
+    """Threads for n_jobs: None is 1, -1 all cores, -2 all but one, ..."""
+    if n_jobs is None:
+        return 1
+    if n_jobs > 0:
+        return int(n_jobs)
+    cores = len(os.sched_getaffinity(0)) if hasattr(os, "sched_getaffinity") else os.cpu_count() or 1
+    return max(1, min(POOL_SIZE, cores + 1 + int(n_jobs)))
+
+
+def sampling_proportion(count, n_samples):
+    """The proportion whose product with n_samples truncates to exactly count.
+
+    The library draws int(proportion * n_samples) instances; count / n_samples
+    can fall a hair short of count after the multiplication.
+    """
+    proportion = count / n_samples
+    while int(proportion * n_samples) < count:
+        proportion = float(np.nextafter(proportion, math.inf))
+    return proportion
+
+
+def _features_per_split(max_features, n_features):
+    if max_features is None:
+        return n_features
+    if max_features == "sqrt":
+        return max(1, int(math.sqrt(n_features)))
+    if max_features == "log2":
+        return max(1, int(math.log2(n_features)))
+    if isinstance(max_features, Integral):
+        if max_features > n_features:
+            raise ValueError(
+                f"max_features={max_features} is more than the {n_features} features of X; "
+                "pass at most n_features, or None for all."
+            )
+        return int(max_features)
+    return max(1, int(max_features * n_features))
+
+
+def _bootstrap_size(max_samples, n_samples):
+    if max_samples is None:
+        return n_samples
+    if isinstance(max_samples, Integral):
+        if max_samples > n_samples:
+            raise ValueError(
+                f"max_samples={max_samples} is more than the {n_samples} samples of X; "
+                "pass at most n_samples, or a fraction."
+            )
+        return int(max_samples)
+    return max(1, round(max_samples * n_samples))
+
+
+def _physical_memory():
+    try:
+        return os.sysconf("SC_PAGE_SIZE") * os.sysconf("SC_PHYS_PAGES")
+    except (ValueError, OSError, AttributeError):
+        return None
