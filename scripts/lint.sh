@@ -20,12 +20,12 @@ clang-format --dry-run -Werror "${cpp_files[@]}" || status=1
 echo "== clang-tidy"
 # Configured (not built) with the module and the tests, so that the
 # compilation database lists every unit.
-if cmake -S . -B build/cpp -G Ninja -DVELMOT_BUILD_TESTS=ON -DVELMOT_BUILD_MODULE=ON >/dev/null; then
+if cmake -S . -B build/lint -G Ninja -DVELMOT_BUILD_TESTS=ON -DVELMOT_BUILD_MODULE=ON >/dev/null; then
   # The wheel's clang finds GCC's own headers (omp.h) only when told.
   gcc_include=$(gcc -print-file-name=include)
   python3 -c 'import json, sys; print("\n".join(sorted({e["file"] for e in json.load(open(sys.argv[1]))})))' \
-    build/cpp/compile_commands.json |
-    xargs -P "$jobs" -n 1 clang-tidy --quiet -p build/cpp --extra-arg="-idirafter$gcc_include" || status=1
+    build/lint/compile_commands.json |
+    xargs -P "$jobs" -n 1 clang-tidy --quiet -p build/lint --extra-arg="-idirafter$gcc_include" || status=1
 else
   status=1
 fi
