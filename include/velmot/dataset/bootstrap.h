@@ -10,9 +10,11 @@
 // D is a MemoryDataSet; RNG offers next_int(bound) (defs/random.h).
 
 #include <cstdint>
+#include <string>
 
 #include "velmot/dataset/node_sample.h"
 #include "velmot/defs/exception.h"
+#include "velmot/defs/int32_limits.h"
 
 namespace Velmot {
 
@@ -23,8 +25,8 @@ IndexedDataSet<D> random_subset_iid(const D* dataset, double fraction_of_parent,
   IndexedDataSet<D> subset(dataset);
   const int64_t num_instances = static_cast<int64_t>(dataset->get_num_instances());
   const double wanted = fraction_of_parent * static_cast<double>(num_instances);
-  if (!(wanted >= 0.0) || !(wanted < 2147483648.0)) {
-    throw Exception("bootstrap sample size must be between 0 and 2147483647 instances");
+  if (!fits_in_int32_count(wanted)) {
+    throw Exception("bootstrap sample size must be between 0 and " + std::to_string(int32_max) + " instances");
   }
   const uint64_t num_sample_instances = static_cast<uint64_t>(wanted);
   if (num_sample_instances == 0) return subset;

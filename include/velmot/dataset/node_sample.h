@@ -207,7 +207,9 @@ public:
   const feature_type& operator()(size_t i, size_t j) const { return (*dataset)(begin_i + i, j); }
   const label_type& get_label(size_t i) const { return dataset->get_label(begin_i + i); }
   uint32_t get_weight(size_t i) const { return dataset->get_weight(begin_i + i); }
-  const pair_type& get_buffered_feature_label(size_t i) const { return dataset->get_buffered_feature_label(begin_i + i); }
+  const pair_type& get_buffered_feature_label(size_t i) const {
+    return dataset->get_buffered_feature_label(begin_i + i);
+  }
   // The range's buffered pairs, for the split search.
   const pair_type* buffered_pairs() const { return dataset->buffered_pairs(begin_i); }
 

@@ -231,15 +231,15 @@ public:
       const uint32_t offset = rank_sort.key_offset();
       const uint32_t* rank = rank_sort.sorted_key();
       const L* label = rank_sort.sorted_label();
-      return search(sorted_keys<L>(
-                        sorted_count, [rank](size_t i) { return rank[i]; }, [label](size_t i) { return label[i]; },
-                        UnitWeight()),
-                    [offset](uint32_t key) {
-                      SortedPoint<F> point;
-                      point.ranked = true;
-                      point.rank = key + offset;
-                      return point;
-                    });
+      return search(
+          sorted_keys<L>(
+              sorted_count, [rank](size_t i) { return rank[i]; }, [label](size_t i) { return label[i]; }, UnitWeight()),
+          [offset](uint32_t key) {
+            SortedPoint<F> point;
+            point.ranked = true;
+            point.rank = key + offset;
+            return point;
+          });
     }
     const pair_type* pair = pairs.data();
     return search(sorted_keys<L>(

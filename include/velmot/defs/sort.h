@@ -38,6 +38,7 @@
 #include <utility>
 #include <vector>
 
+#include "velmot/defs/int32_limits.h"
 #include "velmot/defs/ordered_key.h"
 
 namespace Velmot {
@@ -110,9 +111,9 @@ struct LabelGrid {
   // Whether every label of [lmin, lmax] has a grid offset an int can hold.
   static bool fits(L lmin, L lmax) {
     if constexpr (std::is_integral<L>::value) {
-      return static_cast<int64_t>(lmax) - static_cast<int64_t>(lmin) < std::numeric_limits<int32_t>::max();
+      return static_cast<int64_t>(lmax) - static_cast<int64_t>(lmin) < int32_max;
     } else {
-      return lmin > -2147483648.0 && lmax < 2147483647.0;
+      return lmin > static_cast<double>(int32_min) && lmax < static_cast<double>(int32_max);
     }
   }
   static int64_t range(L lmin, L lmax) {
@@ -170,7 +171,7 @@ public:
     }
     const int64_t lr = Grid::range(lmin, lmax);
     const int64_t cells = fr * lr;
-    if (cells > std::numeric_limits<int32_t>::max()) {
+    if (!fits_in_int32(cells)) {
       sort_detail::comparison_sort(first, last);
       return;
     }

@@ -27,10 +27,11 @@
 #include <type_traits>
 #include <vector>
 
-#include "velmot/dataset/feature_ranks.h"
 #include "velmot/dataset/bootstrap.h"
+#include "velmot/dataset/feature_ranks.h"
 #include "velmot/dataset/node_sample.h"
 #include "velmot/defs/exception.h"
+#include "velmot/defs/int32_limits.h"
 #include "velmot/defs/random.h"
 #include "velmot/learn/learn_tree.h"
 #include "velmot/learn/tree.h"
@@ -59,13 +60,15 @@ template <class D>
 void check_forest_input(const D& data, int forest_size, double sample_prop, size_t importance_size,
                         bool compute_feature_importances) {
   const size_t ni = data.get_num_instances();
-  if (ni > 2147483647u) throw IncompatibleDataException("data set has more than 2147483647 instances");
-  const double sample_size = sample_prop * static_cast<double>(ni);
-  if (!(sample_size >= 0.0) || !(sample_size < 2147483648.0)) {
-    throw Exception("sample_prop must make a bootstrap sample of 0 to 2147483647 instances");
+  if (!fits_in_int32(ni)) {
+    throw IncompatibleDataException("data set has more than " + std::to_string(int32_max) + " instances");
   }
-  if (data.get_num_features() > 2147483647u) throw IncompatibleDataException("data set has too many features");
-  if (data.get_num_classes() > 2147483645u) throw IncompatibleDataException("data set has too many classes");
+  const double sample_size = sample_prop * static_cast<double>(ni);
+  if (!fits_in_int32_count(sample_size)) {
+    throw Exception("sample_prop must make a bootstrap sample of 0 to " + std::to_string(int32_max) + " instances");
+  }
+  if (!fits_in_int32(data.get_num_features())) throw IncompatibleDataException("data set has too many features");
+  if (data.get_num_classes() > max_num_classes) throw IncompatibleDataException("data set has too many classes");
   for (size_t i = 0; i < ni; ++i) {
     if (!label_fits_histogram(data.get_label(i), data.get_num_classes())) {
       throw IncompatibleDataException("a label lies outside the range of classes");

@@ -48,6 +48,7 @@
 #include "velmot/dataset/partition.h"
 #include "velmot/dataset/sorted_feature.h"
 #include "velmot/defs/exception.h"
+#include "velmot/defs/int32_limits.h"
 #include "velmot/defs/random.h"
 #include "velmot/defs/tracker.h"
 #include "velmot/learn/split_search.h"
@@ -317,11 +318,11 @@ Node<typename D::label_type>* learn_tree(const IndexedDataSet<D>& data, int fte_
                                          int min_leaf_size, const Criterion& criteria,
                                          bool compute_feature_importances,
                                          std::vector<double>& feature_importances) {
-  if (data.get_num_instances() > 2147483647u) throw Exception("a tree's sample must hold fewer than 2^31 instances");
+  if (!fits_in_int32(data.get_num_instances())) throw Exception("a tree's sample must hold fewer than 2^31 instances");
   if (compute_feature_importances && feature_importances.size() < data.get_num_features()) {
     throw Exception("feature importances need one entry per feature");
   }
-  if (data.get_num_classes() > 2147483645u) throw IncompatibleDataException("data set has too many classes");
+  if (data.get_num_classes() > max_num_classes) throw IncompatibleDataException("data set has too many classes");
   for (size_t i = 0; i < data.get_num_instances(); ++i) {
     if (!label_fits_histogram(data.get_label(i), data.get_num_classes())) {
       throw IncompatibleDataException("a label lies outside the range of classes");

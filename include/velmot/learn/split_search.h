@@ -107,10 +107,9 @@ private:
 }  // namespace split_search_detail
 
 template <class RNG, class R, class A, class Criterion>
-Tracker<NodeResult<typename R::feature_type>, std::less<double>> learn_tree_node(RNG& /*rng*/, R& data,
-                                                                                  const A& counts,
-                                                                                  int feature_index,
-                                                                                  const Criterion& criteria) {
+Tracker<NodeResult<typename R::feature_type>, std::less<double>> learn_tree_node(RNG& /*rng*/, R& data, const A& counts,
+                                                                                 int feature_index,
+                                                                                 const Criterion& criteria) {
   typedef typename R::feature_type F;
   typedef typename R::label_type L;
   typedef NodeResult<F> Result;

@@ -100,7 +100,11 @@ public:
   // left and right are scratch, reused across calls; initial is
   // criteria.get_initial(counts).
   CriterionSides(const A& counts, double initial, A& left, A& right, const Criterion& criteria)
-      : left(left), right(right), criteria(criteria), initial(initial), pairs(counts.get_total_count()),
+      : left(left),
+        right(right),
+        criteria(criteria),
+        initial(initial),
+        pairs(counts.get_total_count()),
         best(criteria.get_initial_score(initial)) {
     left.set_labeling(counts.get_labeling());
     left.set_num_classes(counts.get_num_classes());
