@@ -4,11 +4,11 @@
 #include <sys/sysinfo.h>
 #include <unistd.h>
 
-#include <climits>
 #include <cstdio>
 #include <string>
 
 #include "boundary.h"
+#include "velmot/defs/int32_limits.h"
 
 namespace PyVelmot {
 
@@ -55,10 +55,9 @@ void require_thread_count(int num_threads, int max_threads) {
 
 void require_class_count(int num_classes) {
   // Learning refuses the same bound: past it, label + 2 overflows an int.
-  constexpr int max_classes = INT_MAX - 2;
   if (num_classes < 0) throw ModuleError("num_classes must be >= 0, not " + std::to_string(num_classes));
-  if (num_classes > max_classes) {
-    throw ModuleError("num_classes must be at most " + std::to_string(max_classes) + ", not " +
+  if (num_classes > Velmot::max_num_classes) {
+    throw ModuleError("num_classes must be at most " + std::to_string(Velmot::max_num_classes) + ", not " +
                       std::to_string(num_classes));
   }
 }
@@ -66,7 +65,7 @@ void require_class_count(int num_classes) {
 void require_int_strides(const char* name, PyArrayObject* array) {
   for (int d = 0; d < PyArray_NDIM(array); ++d) {
     const npy_intp stride = PyArray_STRIDE(array, d);
-    if (PyArray_DIM(array, d) <= 1 || (stride >= INT_MIN && stride <= INT_MAX)) continue;
+    if (PyArray_DIM(array, d) <= 1 || Velmot::fits_in_int32(stride)) continue;
     throw ModuleError(std::string(name) + " stride " + std::to_string(d) + " is " + std::to_string(stride) +
                       " bytes, beyond the 32-bit strides supported: pass a copy (numpy.ascontiguousarray)");
   }

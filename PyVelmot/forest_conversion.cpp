@@ -11,6 +11,7 @@
 #include "boundary.h"
 #include "py_ref.h"
 #include "text_argument.h"
+#include "velmot/defs/int32_limits.h"
 #include "velmot/defs/parallel.h"
 #include "velmot/io/tree_io.h"
 
@@ -70,7 +71,7 @@ bool view_tree_array(PyObject* item, TreeArray& tree) {
   if (n == 0) return false;
   // Narrowed to the views' 32-bit sizes, a column count or stride past them
   // would index memory the array does not have.
-  if (n < 0) throw ModuleError("decision tree array has more than 2147483647 columns");
+  if (n < 0) throw ModuleError("decision tree array has more than " + std::to_string(Velmot::int32_max) + " columns");
   require_int_strides("forest[i]", reinterpret_cast<PyArrayObject*>(item));
   tree.single_precision = sizeof(E) == sizeof(float);
   tree.data = static_cast<const unsigned char*>(PyArray_DATA(reinterpret_cast<PyArrayObject*>(item)));

@@ -81,6 +81,15 @@ XorShiftRNG* get_rng() {
   return get_pool("", 1, 0, false)->get_generator(static_cast<size_t>(n));
 }
 
+XorShiftRNG& thread_generator() {
+  const size_t thread = static_cast<size_t>(worker_number());
+  XorShiftRNGPool* pool = get_pool("", 1, 0, false);
+  if (thread >= pool->size() || pool->get_generator(thread) == nullptr) {
+    throw Exception("no random generator for this thread: seed the pool for the thread count first");
+  }
+  return *pool->get_generator(thread);
+}
+
 void init_pool(const std::string& fn, int seed) { get_pool(fn, pool_size, seed, true); }
 
 }  // namespace Velmot

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "velmot/dataset/dataset.h"
-#include "velmot/dataset/index_dataset.h"
+#include "velmot/dataset/node_sample.h"
 #include "velmot/defs/exception.h"
 #include "velmot/learn/tree.h"
 

@@ -15,9 +15,10 @@
 // bits (int, float, double, unsigned char); checked in ordered_key.
 //
 // Glossary:
-//   key        an unsigned integer made from a value's bits whose integer
-//              order is the value order; -0.0 and +0.0 share the key of +0.0,
-//              any two other values share a key only if they are equal.
+//   key        ordered_key of a value (defs/ordered_key.h): an unsigned
+//              integer whose order is the value order; -0.0 and +0.0 share
+//              the key of +0.0, any two other values share a key only if
+//              they are equal.
 //   high half  the top 32 bits of a key (all of a key of 32 bits or fewer).
 //   digit      11 bits of the high half: 3 digits for floats, doubles and
 //              ints, 1 for bytes.
@@ -36,18 +37,18 @@
 //      table entry is the column's value at the run's last (highest)
 //      instance, as when the table is filled in instance order.
 //
-// This replaced a comparison sort of (value, instance) pairs: 92 ms instead
-// of 324 ms of CPU for 40 columns of 100,000 doubles on one thread
+// A comparison sort of (value, instance) pairs takes 324 ms of CPU for 40
+// columns of 100,000 doubles on one thread, these steps 92 ms
 // (bench/bench_feature_ranks.cpp).
 
 #include <algorithm>
 #include <cstdint>
-#include <cstring>
 #include <limits>
 #include <new>
 #include <type_traits>
 #include <vector>
 
+#include "velmot/defs/ordered_key.h"
 #include "velmot/defs/parallel.h"
 #include "velmot/defs/random_access_table.h"
 
@@ -55,49 +56,8 @@ namespace Velmot {
 
 namespace feature_ranks_detail {
 
-// The key of a value: an unsigned integer of the value's width whose order
-// is the value order (NaN excluded by the caller).
 template <class F>
-auto ordered_key(F value) {
-  static_assert(std::is_arithmetic<F>::value, "features are numbers");
-  if constexpr (std::is_floating_point<F>::value) {
-    typedef typename std::conditional<sizeof(F) == 8, uint64_t, uint32_t>::type Bits;
-    static_assert(sizeof(F) == sizeof(Bits) && std::numeric_limits<F>::is_iec559, "IEEE float or double");
-    // -0.0 == +0.0: both take the key of +0.0.
-    const F canonical = value == F(0) ? F(0) : value;
-    Bits bits;
-    std::memcpy(&bits, &canonical, sizeof bits);
-    const Bits sign = Bits(1) << (8 * sizeof(Bits) - 1);
-    // Negative values: all bits flipped (larger magnitude, smaller key);
-    // positive values: above every negative one.
-    return (bits & sign) != 0 ? Bits(~bits) : Bits(bits | sign);
-  } else if constexpr (std::is_signed<F>::value) {
-    typedef typename std::make_unsigned<F>::type Bits;
-    return Bits(Bits(value) ^ Bits(Bits(1) << (8 * sizeof(Bits) - 1)));
-  } else {
-    return value;
-  }
-}
-
-template <class F>
-using KeyOf = decltype(ordered_key(F()));
-
-// The value of a key: ordered_key undone (a zero key gives +0.0).
-template <class F>
-F value_of_key(KeyOf<F> key) {
-  typedef KeyOf<F> Key;
-  if constexpr (std::is_floating_point<F>::value) {
-    const Key sign = Key(1) << (8 * sizeof(Key) - 1);
-    const Key bits = (key & sign) != 0 ? Key(key ^ sign) : Key(~key);
-    F value;
-    std::memcpy(&value, &bits, sizeof value);
-    return value;
-  } else if constexpr (std::is_signed<F>::value) {
-    return static_cast<F>(Key(key ^ Key(Key(1) << (8 * sizeof(Key) - 1))));
-  } else {
-    return key;
-  }
-}
+using KeyOf = OrderedKey<F>;
 
 // What the radix passes move: a key and its instance (8 bytes for keys of
 // up to 32 bits, 16 for 64-bit keys). Carrying the whole key saves reading
@@ -227,7 +187,7 @@ public:
       work.spare.resize(ni);
       work.counts.resize(detail::num_digits<F>() * detail::radix);
     }
-    const auto zero_key = detail::ordered_key(F(0));
+    const auto zero_key = ordered_key(F(0));
     for_each_index(nf, static_cast<int>(workers), [&](int64_t j, const Worker& w) {
       const size_t feature = static_cast<size_t>(j);
       const F* column = data.column(feature);
@@ -246,7 +206,7 @@ public:
         ranks[entries[k].instance] = current;
         // The two zeros share a key: the table keeps the zero of the run's
         // last instance, read from the column.
-        values[current] = key == zero_key ? column[entries[k].instance] : detail::value_of_key<F>(key);
+        values[current] = key == zero_key ? column[entries[k].instance] : value_of_key<F>(key);
       }
       ranked[feature] = 1;
     });
@@ -279,6 +239,12 @@ public:
     });
   }
   bool has_rows() const { return row_table.size() != 0; }
+  // Whether a node of node_size positions reads the instance-major copy:
+  // where there is one and the node holds under a sixteenth of the
+  // instances (a denser node reads most of a column's cache lines anyway,
+  // in order). 200,000 x 40 doubles, two threads: a sixteenth or a
+  // thirty-second equally fast, a fourth or a sixty-fourth 1-2% slower.
+  bool rows_serve(size_t node_size) const { return has_rows() && node_size * 16 < num_instances; }
   // Feature j's rank of instance i is row_ranks(j)[i * row_stride()].
   const uint32_t* row_ranks(size_t feature) const { return row_table.data() + feature; }
   size_t row_stride() const { return ranked.size(); }

@@ -25,9 +25,11 @@
 #include <type_traits>
 #include <vector>
 
+#include "velmot/dataset/bootstrap.h"
 #include "velmot/dataset/feature_ranks.h"
-#include "velmot/dataset/index_dataset.h"
+#include "velmot/dataset/node_sample.h"
 #include "velmot/defs/exception.h"
+#include "velmot/defs/int32_limits.h"
 #include "velmot/defs/parallel.h"
 #include "velmot/defs/random.h"
 #include "velmot/learn/learn_tree.h"
@@ -57,13 +59,15 @@ template <class D>
 void check_forest_input(const D& data, int forest_size, double sample_prop, size_t importance_size,
                         bool compute_feature_importances) {
   const size_t ni = data.get_num_instances();
-  if (ni > 2147483647u) throw IncompatibleDataException("data set has more than 2147483647 instances");
-  const double sample_size = sample_prop * static_cast<double>(ni);
-  if (!(sample_size >= 0.0) || !(sample_size < 2147483648.0)) {
-    throw Exception("sample_prop must make a bootstrap sample of 0 to 2147483647 instances");
+  if (!fits_in_int32(ni)) {
+    throw IncompatibleDataException("data set has more than " + std::to_string(int32_max) + " instances");
   }
-  if (data.get_num_features() > 2147483647u) throw IncompatibleDataException("data set has too many features");
-  if (data.get_num_classes() > 2147483645u) throw IncompatibleDataException("data set has too many classes");
+  const double sample_size = sample_prop * static_cast<double>(ni);
+  if (!fits_in_int32_count(sample_size)) {
+    throw Exception("sample_prop must make a bootstrap sample of 0 to " + std::to_string(int32_max) + " instances");
+  }
+  if (!fits_in_int32(data.get_num_features())) throw IncompatibleDataException("data set has too many features");
+  if (data.get_num_classes() > max_num_classes) throw IncompatibleDataException("data set has too many classes");
   for (size_t i = 0; i < ni; ++i) {
     if (!label_fits_histogram(data.get_label(i), data.get_num_classes())) {
       throw IncompatibleDataException("a label lies outside the range of classes");
@@ -166,8 +170,9 @@ std::vector<Node<typename D::label_type>*> learn_forest(const D& data,
         IndexedDataSet<D> sample = random_subset_iid(&data, sample_prop, rng);
         sample.ranks = &ranks;
         if (compute_feature_importances) std::fill(tree_importances.begin(), tree_importances.end(), 0.0);
-        retval[static_cast<size_t>(k)] = learn_tree(sample, fte_per_split, max_depth, min_leaf_size, criteria,
-                                                    compute_feature_importances, tree_importances);
+        // check_forest_input checked what learn_tree would check per tree.
+        retval[static_cast<size_t>(k)] = grow_tree(sample, fte_per_split, max_depth, min_leaf_size, criteria,
+                                                   compute_feature_importances, tree_importances);
         if (compute_feature_importances) {
           for (size_t j = 0; j < num_importances; ++j) sum[j] += tree_importances[j];
         }
