@@ -139,7 +139,11 @@ def _load_model(path):
         model, extra = load_forest(path, extra=(_FEATURE_NAMES_KEY, _CLASS_NAMES_KEY, _CLASS_COLUMN_KEY))
     except (ValueError, RecursionError) as error:
         raise CommandError(str(error) if path in str(error) else f"{path}: {error}") from None
-    shapes = {_FEATURE_NAMES_KEY: (model.n_features_in_,), _CLASS_NAMES_KEY: model.classes_.shape, _CLASS_COLUMN_KEY: ()}
+    shapes = {
+        _FEATURE_NAMES_KEY: (model.n_features_in_,),
+        _CLASS_NAMES_KEY: model.classes_.shape,
+        _CLASS_COLUMN_KEY: (),
+    }
     for key, shape in shapes.items():
         if extra[key].dtype.kind != "U" or extra[key].shape != shape:
             raise CommandError(f"{path}: damaged model file ({key} has the wrong shape or type)")

@@ -18,6 +18,7 @@ import hashlib
 
 import numpy as np
 import pytest
+
 import PyVelmot_wrap as wrap
 from module_helpers import FEATURE_TYPES, LABEL_TYPES, LEARNERS
 

@@ -9,9 +9,9 @@ import sys
 import warnings
 
 import numpy as np
-import PyVelmot_wrap as wrap
 import pytest
 
+import PyVelmot_wrap as wrap
 from velmot import RandomForestClassifier
 
 X = np.random.default_rng(5).random((4, 300))

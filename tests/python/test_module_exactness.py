@@ -15,6 +15,7 @@ from collections import deque
 
 import numpy as np
 import pytest
+
 import PyVelmot_wrap as wrap
 
 _libc = ctypes.CDLL(None)
@@ -111,7 +112,7 @@ def learn_tree(X, y, sample, num_classes, fte_per_split, max_depth, rng, integer
             continue
         assert 1 <= fte_per_split < nf, "all-features mode can search forever; keep the test in random mode"
 
-        def candidates():  # drawn lazily: feature draws and tie draws interleave
+        def candidates(items=items, counts=counts):  # drawn lazily: feature and tie draws interleave
             chosen, evaluated = set(), 0
             while evaluated < fte_per_split and len(chosen) < nf:
                 while (f := rng.bounded(nf)) in chosen:

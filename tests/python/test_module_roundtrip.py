@@ -22,10 +22,10 @@ def test_the_method_table_has_the_34_functions_in_order():
 
 @pytest.mark.parametrize("learner", LEARNERS)
 def test_every_learner_round_trips_through_test_and_prob(learner):
-    f, l = learner[6], learner[7]
+    f, letter = learner[6], learner[7]
     x = X.astype(FEATURE_TYPES[f])
     wrap.set_seed(17)
-    labels = (Y + 0.25 * (l != "i")).astype(LABEL_TYPES[l])  # real labels count under their integer part
+    labels = (Y + 0.25 * (letter != "i")).astype(LABEL_TYPES[letter])  # real labels count under their integer part
     trees, importances = getattr(wrap, learner)(x, labels, 2, 15, 1.0, 2, 0, 2, 1)
     assert importances[2] < min(importances[:2])
     # Outputs through strides: every second label, probabilities transposed.
