@@ -1,4 +1,4 @@
-.PHONY: test demo setup sanitize fuzz valgrind bench
+.PHONY: test lint demo setup sanitize fuzz valgrind bench
 
 # Runs every test, C++ and Python, after the idempotent set-up.
 test:
@@ -10,6 +10,10 @@ demo:
 
 setup:
 	./scripts/setup.sh
+
+# clang-format (check only), clang-tidy and ruff; changes nothing.
+lint:
+	./scripts/lint.sh
 
 # The C++ and Python suites under AddressSanitizer and UBSan.
 sanitize:

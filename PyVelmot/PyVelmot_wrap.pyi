@@ -10,7 +10,10 @@ A forest is a list of float64 arrays of shape (5, n), one per tree, one
 column per node in breadth-first order, rows: left child, right child (-1
 for none), feature index, threshold, label; or a ``str``/``bytes`` of tree
 text such as ``"(threshold 0.5 findex 3 label 0 left (label 0) right
-(label 1))"``. Failures raise ``RuntimeError``.
+(label 1))"``. Failures raise ``RuntimeError``; a failed allocation raises
+one that is also a ``MemoryError``. In a process forked after calls ran on
+several threads, a call runs its threads' shares one after another (same
+results: the OpenMP thread pool does not survive fork).
 
 Learning (``learn_<features><labels>_<criterion>``) returns ``(trees,
 importances)``, importances being ``None`` unless requested. The

@@ -1,11 +1,14 @@
 #include "argument_checks.h"
 
+#include <sys/resource.h>
 #include <sys/sysinfo.h>
+#include <unistd.h>
 
-#include <climits>
+#include <cstdio>
 #include <string>
 
 #include "boundary.h"
+#include "velmot/defs/int32_limits.h"
 
 namespace PyVelmot {
 
@@ -52,10 +55,9 @@ void require_thread_count(int num_threads, int max_threads) {
 
 void require_class_count(int num_classes) {
   // Learning refuses the same bound: past it, label + 2 overflows an int.
-  constexpr int max_classes = INT_MAX - 2;
   if (num_classes < 0) throw ModuleError("num_classes must be >= 0, not " + std::to_string(num_classes));
-  if (num_classes > max_classes) {
-    throw ModuleError("num_classes must be at most " + std::to_string(max_classes) + ", not " +
+  if (num_classes > Velmot::max_num_classes) {
+    throw ModuleError("num_classes must be at most " + std::to_string(Velmot::max_num_classes) + ", not " +
                       std::to_string(num_classes));
   }
 }
@@ -63,7 +65,7 @@ void require_class_count(int num_classes) {
 void require_int_strides(const char* name, PyArrayObject* array) {
   for (int d = 0; d < PyArray_NDIM(array); ++d) {
     const npy_intp stride = PyArray_STRIDE(array, d);
-    if (PyArray_DIM(array, d) <= 1 || (stride >= INT_MIN && stride <= INT_MAX)) continue;
+    if (PyArray_DIM(array, d) <= 1 || Velmot::fits_in_int32(stride)) continue;
     throw ModuleError(std::string(name) + " stride " + std::to_string(d) + " is " + std::to_string(stride) +
                       " bytes, beyond the 32-bit strides supported: pass a copy (numpy.ascontiguousarray)");
   }
@@ -75,11 +77,38 @@ void require_affordable_forest(int num_trees) {
   constexpr unsigned long long min_bytes_per_tree = 128;
   struct sysinfo machine;
   if (num_trees <= 0 || sysinfo(&machine) != 0) return;
+  const unsigned long long needed = static_cast<unsigned long long>(num_trees) * min_bytes_per_tree;
   const unsigned long long memory =
       (static_cast<unsigned long long>(machine.totalram) + machine.totalswap) * machine.mem_unit;
-  if (static_cast<unsigned long long>(num_trees) * min_bytes_per_tree <= memory) return;
-  throw ModuleError("num_trees=" + std::to_string(num_trees) + " cannot fit in this machine's " +
-                    std::to_string(memory >> 20) + " MiB of memory, even as single-leaf trees");
+  if (needed > memory) {
+    throw ModuleError("num_trees=" + std::to_string(num_trees) + " cannot fit in this machine's " +
+                      std::to_string(memory >> 20) + " MiB of memory, even as single-leaf trees");
+  }
+  // A limit on the process's address space or data (ulimit -v, -d) bounds
+  // it further, less what the process already uses of it.
+  unsigned long long pages[6] = {};
+  if (FILE* statm = std::fopen("/proc/self/statm", "r")) {
+    if (std::fscanf(statm, "%llu %llu %llu %llu %llu %llu", &pages[0], &pages[1], &pages[2], &pages[3], &pages[4],
+                    &pages[5]) != 6) {
+      pages[0] = pages[5] = 0;
+    }
+    std::fclose(statm);
+  }
+  const unsigned long long page = static_cast<unsigned long long>(sysconf(_SC_PAGESIZE));
+  const struct {
+    int resource;
+    unsigned long long used;
+    const char* name;
+  } limits[] = {{RLIMIT_AS, pages[0] * page, "address space (ulimit -v)"},
+                {RLIMIT_DATA, pages[5] * page, "data (ulimit -d)"}};
+  for (const auto& limit : limits) {
+    struct rlimit value;
+    if (getrlimit(limit.resource, &value) != 0 || value.rlim_cur == RLIM_INFINITY) continue;
+    const unsigned long long left = value.rlim_cur > limit.used ? value.rlim_cur - limit.used : 0;
+    if (needed <= left) continue;
+    throw ModuleError("num_trees=" + std::to_string(num_trees) + " cannot fit in the " + std::to_string(left >> 20) +
+                      " MiB left of this process's " + limit.name + ", even as single-leaf trees");
+  }
 }
 
 }  // namespace PyVelmot

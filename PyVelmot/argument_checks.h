@@ -48,9 +48,10 @@ void require_class_count(int num_classes);
 // or 1 are never stepped through, so theirs may be anything).
 void require_int_strides(const char* name, PyArrayObject* array);
 
-// Refuses a forest that could not fit in the machine's memory even if every
-// tree were a single leaf, before anything is sized by it: such a request
-// would otherwise exhaust memory part-way through learning.
+// Refuses a forest that could not fit in the machine's memory, or within the
+// process's limits on memory, even if every tree were a single leaf, before
+// anything is sized by it: such a request would otherwise exhaust memory
+// part-way through learning.
 void require_affordable_forest(int num_trees);
 
 }  // namespace PyVelmot

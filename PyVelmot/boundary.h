@@ -7,7 +7,8 @@
 //   DataIOException  -> "error (line N): msg\n"
 //   other Exception  -> "error: msg\n"
 //   thrown string    -> the string itself
-//   std::exception   -> its own description
+//   std::exception   -> its own description (for std::bad_alloc, raised
+//                       as a RuntimeError that is also a MemoryError)
 // The order matters: DataIOException derives from Exception.
 //
 // Module code reports its own failures by throwing a bare string
@@ -23,6 +24,10 @@
 namespace PyVelmot {
 
 typedef std::string ModuleError;
+
+// Makes the error types at import: an allocation failure is a poor time
+// to make one.
+void prepare_errors();
 
 // Composes the RuntimeError text for the exception being handled and sets
 // it; must be called from inside a catch block.

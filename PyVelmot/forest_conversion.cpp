@@ -11,6 +11,8 @@
 #include "boundary.h"
 #include "py_ref.h"
 #include "text_argument.h"
+#include "velmot/defs/int32_limits.h"
+#include "velmot/defs/parallel.h"
 #include "velmot/io/tree_io.h"
 
 namespace PyVelmot {
@@ -69,7 +71,7 @@ bool view_tree_array(PyObject* item, TreeArray& tree) {
   if (n == 0) return false;
   // Narrowed to the views' 32-bit sizes, a column count or stride past them
   // would index memory the array does not have.
-  if (n < 0) throw ModuleError("decision tree array has more than 2147483647 columns");
+  if (n < 0) throw ModuleError("decision tree array has more than " + std::to_string(Velmot::int32_max) + " columns");
   require_int_strides("forest[i]", reinterpret_cast<PyArrayObject*>(item));
   tree.single_precision = sizeof(E) == sizeof(float);
   tree.data = static_cast<const unsigned char*>(PyArray_DATA(reinterpret_cast<PyArrayObject*>(item)));
@@ -135,19 +137,17 @@ void convert_array_forest(PyObject* forest, Velmot::FlatForest& out) {
   const int64_t count = static_cast<int64_t>(arrays.size());
   std::vector<Velmot::FlatTree> trees(arrays.size());
   std::vector<std::exception_ptr> errors(arrays.size());
-#pragma omp parallel
-  {
-    Velmot::EncodedTreeScratch scratch;
-#pragma omp for schedule(dynamic, 1)
-    for (int64_t k = 0; k < count; ++k) {
-      try {
-        trees[k] = arrays[k].single_precision ? flatten_tree_array<float>(arrays[k], scratch)
-                                              : flatten_tree_array<double>(arrays[k], scratch);
-      } catch (...) {
-        errors[k] = std::current_exception();
-      }
+  const int team = Velmot::default_team_size();
+  std::vector<Velmot::EncodedTreeScratch> scratches(static_cast<size_t>(team));
+  Velmot::for_each_index(count, team, [&](int64_t k, const Velmot::Worker& w) {
+    Velmot::EncodedTreeScratch& scratch = scratches[static_cast<size_t>(w.number)];
+    try {
+      trees[k] = arrays[k].single_precision ? flatten_tree_array<float>(arrays[k], scratch)
+                                            : flatten_tree_array<double>(arrays[k], scratch);
+    } catch (...) {
+      errors[k] = std::current_exception();
     }
-  }
+  });
   for (const std::exception_ptr& error : errors) {
     if (error) std::rethrow_exception(error);
   }

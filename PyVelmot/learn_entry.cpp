@@ -20,6 +20,7 @@
 #include "py_ref.h"
 #include "velmot/dataset/dataset.h"
 #include "velmot/dataset/native_array_dataset.h"
+#include "velmot/defs/int32_limits.h"
 #include "velmot/defs/random.h"
 #include "velmot/learn/learn_forest.h"
 
@@ -42,7 +43,7 @@ void check_labels(const std::vector<L>& labels, int num_classes) {
   for (const L label : labels) {
     if constexpr (std::is_floating_point<L>::value) {
       // No int holds these; say which value it was instead of converting.
-      if (!(label > static_cast<L>(-2147483649.0) && label < static_cast<L>(2147483648.0))) {
+      if (!Velmot::fits_in_int32(label)) {
         std::ostringstream text;
         text << label;
         throw ModuleError(invalid_label_message(text.str(), num_classes));

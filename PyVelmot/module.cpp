@@ -3,6 +3,7 @@
 #define PYVELMOT_DEFINES_NUMPY_API
 #include "numpy_api.h"
 
+#include "boundary.h"
 #include "entry_points.h"
 #include "method_list.h"
 
@@ -90,5 +91,6 @@ PyMODINIT_FUNC PyInit_PyVelmot_wrap() {
     Py_DECREF(module);
     return nullptr;
   }
+  PyVelmot::prepare_errors();
   return module;
 }

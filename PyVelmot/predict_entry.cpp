@@ -4,7 +4,6 @@
 
 #include <omp.h>
 
-#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -17,6 +16,8 @@
 #include "entry_points.h"
 #include "forest_conversion.h"
 #include "method_list.h"
+#include "velmot/dataset/native_array_dataset.h"
+#include "velmot/dataset/upper_median.h"
 #include "velmot/defs/contiguous_array_2d.h"
 #include "velmot/defs/labeling.h"
 #include "velmot/defs/random.h"
@@ -28,32 +29,30 @@ namespace PyVelmot {
 namespace {
 
 // The instance matrix read in place through its strides (dimension 0
-// features, dimension 1 instances), as the forest predictor's data set.
-// A missing value of a floating-point feature reads as that feature's
-// fill: the value MemoryDataSet::impute would put there, the upper median
-// of the feature's present values in this matrix, found by the same
-// selection over the same values in the same order. So prediction sees
-// what learning sees, without copying the matrix.
+// features, dimension 1 instances), as the forest predictor's data set: the
+// library's view of a native matrix, which keeps numpy's 64-bit strides
+// and reads unaligned elements. A missing value of a floating-point feature
+// reads as that feature's fill, the value MemoryDataSet::impute would put
+// there (upper_median.h, over the same values in the same order), so
+// prediction sees what learning sees without copying the matrix.
 template <class F>
 class InstanceMatrix {
 public:
   InstanceMatrix(PyArrayObject* x, int num_classes)
-      : data(static_cast<const unsigned char*>(PyArray_DATA(x))),
-        num_features(static_cast<size_t>(PyArray_DIM(x, 0))),
-        num_instances(static_cast<size_t>(PyArray_DIM(x, 1))),
-        num_classes(static_cast<size_t>(num_classes)),
-        feature_stride(PyArray_STRIDE(x, 0)),
-        instance_stride(PyArray_STRIDE(x, 1)) {
+      : matrix(static_cast<const unsigned char*>(PyArray_DATA(x)), &placeholder_label,
+               static_cast<size_t>(PyArray_DIM(x, 1)), static_cast<size_t>(PyArray_DIM(x, 0)),
+               static_cast<size_t>(num_classes), static_cast<size_t>(PyArray_STRIDE(x, 1)),
+               static_cast<size_t>(PyArray_STRIDE(x, 0)), 0) {
     if constexpr (std::is_floating_point<F>::value) find_fills();
   }
 
-  size_t get_num_instances() const { return num_instances; }
-  size_t get_num_features() const { return num_features; }
-  size_t get_num_classes() const { return num_classes; }
-  Velmot::LabelingType get_labeling() const { return Velmot::DiscreteZeroOnward; }
+  size_t get_num_instances() const { return matrix.get_num_instances(); }
+  size_t get_num_features() const { return matrix.get_num_features(); }
+  size_t get_num_classes() const { return matrix.get_num_classes(); }
+  Velmot::LabelingType get_labeling() const { return matrix.get_labeling(); }
 
   F operator()(size_t i, size_t j) const {
-    const F value = stored(i, j);
+    const F value = matrix(i, j);
     if constexpr (std::is_floating_point<F>::value) {
       if (value != value) return fills[j];
     }
@@ -61,54 +60,40 @@ public:
   }
 
 private:
-  F stored(size_t i, size_t j) const {
-    F value;
-    std::memcpy(&value, data + static_cast<npy_intp>(i) * instance_stride + static_cast<npy_intp>(j) * feature_stride,
-                sizeof(F));
-    return value;
-  }
+  // Prediction needs no labels: every instance gets this one (stride 0).
+  static constexpr int placeholder_label = 0;
 
   void find_fills() {
+    const size_t num_features = matrix.get_num_features();
+    const size_t num_instances = matrix.get_num_instances();
     std::vector<char> missing(num_features, 0);
     bool any_missing = false;
     // Scanned along the smaller stride, which is the matrix's memory order.
+    const int64_t feature_stride = static_cast<int64_t>(matrix.stride_j);
+    const int64_t instance_stride = static_cast<int64_t>(matrix.stride_i);
     if (std::abs(feature_stride) <= std::abs(instance_stride)) {
       for (size_t i = 0; i < num_instances; ++i) {
         for (size_t j = 0; j < num_features; ++j) {
-          if (stored(i, j) != stored(i, j)) missing[j] = any_missing = true;
+          if (matrix(i, j) != matrix(i, j)) missing[j] = any_missing = true;
         }
       }
     } else {
       for (size_t j = 0; j < num_features; ++j) {
         for (size_t i = 0; i < num_instances && !missing[j]; ++i) {
-          if (stored(i, j) != stored(i, j)) missing[j] = any_missing = true;
+          if (matrix(i, j) != matrix(i, j)) missing[j] = any_missing = true;
         }
       }
     }
     if (!any_missing) return;
     fills.assign(num_features, F(0));
-    std::vector<F> present(num_instances);
+    std::vector<F> present;
     for (size_t j = 0; j < num_features; ++j) {
       if (!missing[j]) continue;
-      size_t k = 0;
-      for (size_t i = 0; i < num_instances; ++i) {
-        const F value = stored(i, j);
-        if (value == value) present[k++] = value;
-      }
-      if (k > 0) {
-        std::nth_element(present.begin(), present.begin() + static_cast<std::ptrdiff_t>(k / 2),
-                         present.begin() + static_cast<std::ptrdiff_t>(k));
-        fills[j] = present[k / 2];
-      }
+      fills[j] = Velmot::upper_median_fill(num_instances, [this, j](size_t i) { return matrix(i, j); }, present);
     }
   }
 
-  const unsigned char* data;
-  size_t num_features;
-  size_t num_instances;
-  size_t num_classes;
-  npy_intp feature_stride;
-  npy_intp instance_stride;
+  const Velmot::DisNativeArrayDataSet<F, int> matrix;
   std::vector<F> fills;  // per feature; empty when nothing is missing
 };
 

@@ -51,7 +51,7 @@ void store_preparation(PyObject* matrix, std::unique_ptr<Preparation> preparatio
     return;
   }
   // The capsule owns it now.
-  preparation.release();
+  static_cast<void>(preparation.release());
   if (PyObject_SetAttrString(matrix, attribute_name, capsule.get()) != 0) PyErr_Clear();
 }
 

@@ -36,9 +36,9 @@ def compare(title, X, y, n_trees, features_per_split, n_jobs, feature_names=None
             n_estimators=n_trees, max_features=features_per_split, n_jobs=n_jobs, random_state=7),
     }
     for name, model in models.items():
-        _, fit_seconds = timed(lambda: model.fit(X_train, y_train))
-        predicted, predict_seconds = timed(lambda: model.predict(X_test))
-        probabilities, proba_seconds = timed(lambda: model.predict_proba(X_test))
+        _, fit_seconds = timed(lambda model=model: model.fit(X_train, y_train))
+        predicted, predict_seconds = timed(lambda model=model: model.predict(X_test))
+        probabilities, proba_seconds = timed(lambda model=model: model.predict_proba(X_test))
         assert np.allclose(probabilities.sum(axis=1), 1.0)
         accuracy = float(np.mean(predicted == y_test))
         rows.append((name, accuracy, fit_seconds, predict_seconds, proba_seconds, model.feature_importances_))

@@ -2,6 +2,7 @@
 # Idempotent set-up: installs only what is missing, so a second run is quick.
 #   - Debian packages that pip cannot give (GoogleTest headers and library)
 #   - .venv at the repository root with the build and test requirements
+#   - the lint tools (clang-format, clang-tidy, ruff) into .venv
 #   - the project itself, rebuilt only when its sources changed
 set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
@@ -43,6 +44,17 @@ PY
   "$py" -m pip install -q --disable-pip-version-check "${requirements[@]}"
   echo "$deps_hash" > "$deps_stamp"
   rm -f .venv/.velmot-build
+fi
+
+# Lint tools, from PyPI wheels, each held to one release series so that
+# formatting and findings do not shift under the code between runs.
+lint_tools=("clang-format>=23.1,<24" "clang-tidy>=23.1,<24" "ruff>=0.17,<0.18")
+lint_stamp=.venv/.velmot-lint-tools
+lint_hash=$(printf '%s\n' "${lint_tools[@]}" | sha1sum | cut -d' ' -f1)
+if [ "$(cat "$lint_stamp" 2>/dev/null)" != "$lint_hash" ]; then
+  echo "setup: installing lint tools"
+  "$py" -m pip install -q --disable-pip-version-check "${lint_tools[@]}"
+  echo "$lint_hash" > "$lint_stamp"
 fi
 
 # The project: rebuilt (incrementally, in build/python) only when a source

@@ -2,10 +2,10 @@
 
 #include <cstdint>
 #include <fstream>
-#include <limits>
 #include <sstream>
 
 #include "velmot/defs/exception.h"
+#include "velmot/defs/int32_limits.h"
 
 namespace Velmot {
 
@@ -20,7 +20,7 @@ DataSetDescription VelmotDescriptionReader::read(std::istream& in) const {
   while (in.good()) {
     // Line numbers are ints; a file of more than 2^31 - 1 lines would
     // overflow the count instead of naming the line at fault.
-    if (line_no == std::numeric_limits<int>::max()) throw DataIOException(line_no, "too many lines");
+    if (line_no == int32_max) throw DataIOException(line_no, "too many lines");
     ++line_no;
     std::getline(in, line);
     if (line.find('#') != std::string::npos) continue;

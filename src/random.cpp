@@ -1,12 +1,12 @@
 #include "velmot/defs/random.h"
 
 #include <fcntl.h>
-#include <omp.h>
 #include <unistd.h>
 
 #include <cstdlib>
 
 #include "velmot/defs/exception.h"
+#include "velmot/defs/parallel.h"
 
 namespace Velmot {
 
@@ -77,8 +77,17 @@ XorShiftRNGPool* get_pool(const std::string& fn, int max_threads, int seed, bool
 }
 
 XorShiftRNG* get_rng() {
-  const int n = omp_get_thread_num();
+  const int n = worker_number();
   return get_pool("", 1, 0, false)->get_generator(static_cast<size_t>(n));
+}
+
+XorShiftRNG& thread_generator() {
+  const size_t thread = static_cast<size_t>(worker_number());
+  XorShiftRNGPool* pool = get_pool("", 1, 0, false);
+  if (thread >= pool->size() || pool->get_generator(thread) == nullptr) {
+    throw Exception("no random generator for this thread: seed the pool for the thread count first");
+  }
+  return *pool->get_generator(thread);
 }
 
 void init_pool(const std::string& fn, int seed) { get_pool(fn, pool_size, seed, true); }

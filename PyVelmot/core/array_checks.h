@@ -18,15 +18,25 @@ namespace py = pybind11;
 template <class T>
 const char* type_name();
 template <>
-inline const char* type_name<int32_t>() { return "int32"; }
+inline const char* type_name<int32_t>() {
+  return "int32";
+}
 template <>
-inline const char* type_name<int64_t>() { return "int64"; }
+inline const char* type_name<int64_t>() {
+  return "int64";
+}
 template <>
-inline const char* type_name<double>() { return "float64"; }
+inline const char* type_name<double>() {
+  return "float64";
+}
 template <>
-inline const char* type_name<float>() { return "float32"; }
+inline const char* type_name<float>() {
+  return "float32";
+}
 template <>
-inline const char* type_name<unsigned char>() { return "uint8"; }
+inline const char* type_name<unsigned char>() {
+  return "uint8";
+}
 
 inline void require_ndim(const py::array& array, const char* name, py::ssize_t ndim) {
   if (array.ndim() != ndim) {

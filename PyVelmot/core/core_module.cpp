@@ -24,8 +24,8 @@
 #include "array_checks.h"
 #include "released_run.h"
 #include "training_data.h"
-#include "velmot/defs/exception.h"
 #include "velmot/dataset/native_array_dataset.h"
+#include "velmot/defs/exception.h"
 #include "velmot/learn/forest_arrays_layout.h"
 #include "velmot/learn/forest_classifier.h"
 #include "velmot/learn/seeded_forest.h"
@@ -72,8 +72,8 @@ py::dict learn(const TrainingData& data, const std::string& criterion, uint64_t 
   const double draws =
       sample_prop * static_cast<double>(data.num_samples()) * static_cast<double>(last_tree - first_tree);
   settings.num_threads = draws < one_thread_draws ? 1 : num_threads;
-  Velmot::SeededForest (*learner)(const TrainingData&, const Velmot::SeededForestSettings&,
-                                  Velmot::LearningProgress&) = nullptr;
+  Velmot::SeededForest (*learner)(const TrainingData&, const Velmot::SeededForestSettings&, Velmot::LearningProgress&) =
+      nullptr;
   if (criterion == "gini") learner = learn_with<Velmot::TwoSplitGiniImpurity>;
   if (criterion == "infogain") learner = learn_with<Velmot::TwoSplitInfoGain>;
   if (criterion == "gainratio") learner = learn_with<Velmot::TwoSplitGainRatio>;
@@ -101,8 +101,7 @@ py::dict learn(const TrainingData& data, const std::string& criterion, uint64_t 
 // Labels (proba false: int32 codes, ties to the smallest) or vote
 // fractions (proba true: float64, n_samples x n_classes) of a forest of
 // node arrays for X (n_samples, n_features), through the forest predictor.
-py::array predict(const py::dict& forest, const py::array& samples, int64_t num_classes, int num_threads,
-                  bool proba) {
+py::array predict(const py::dict& forest, const py::array& samples, int64_t num_classes, int num_threads, bool proba) {
   using PyVelmot::core::vector_of;
   auto entry = [&](const char* name) -> py::array {
     if (!forest.contains(name)) throw py::value_error(std::string("the forest has no '") + name + "' array");
@@ -110,8 +109,8 @@ py::array predict(const py::dict& forest, const py::array& samples, int64_t num_
     if (!array) throw py::type_error(std::string("the forest's '") + name + "' entry must be a numpy array");
     return array;
   };
-  const py::array offsets = entry("offsets"), left = entry("left"), right = entry("right"),
-                  feature = entry("feature"), threshold = entry("threshold"), value = entry("value");
+  const py::array offsets = entry("offsets"), left = entry("left"), right = entry("right"), feature = entry("feature"),
+                  threshold = entry("threshold"), value = entry("value");
   Velmot::ForestArraysView view;
   view.offsets = vector_of<int64_t>(offsets, "offsets");
   view.left = vector_of<int32_t>(left, "left");
@@ -166,6 +165,8 @@ py::array predict(const py::dict& forest, const py::array& samples, int64_t num_
 PYBIND11_MODULE(_core, m) {
   m.doc() = "The velmot package's learning and prediction core (package-private).";
   // The one boundary of this binding: library failures keep their message.
+  // pybind11 hands its translators the exception by value.
+  // NOLINTNEXTLINE(performance-unnecessary-value-param)
   py::register_exception_translator([](std::exception_ptr failure) {
     try {
       if (failure) std::rethrow_exception(failure);
@@ -179,9 +180,9 @@ PYBIND11_MODULE(_core, m) {
       .def_property_readonly("n_features", &TrainingData::num_features)
       .def_property_readonly("n_samples", &TrainingData::num_samples)
       .def_property_readonly("n_classes", &TrainingData::num_classes);
-  m.def("learn", &learn, py::arg("data"), py::kw_only(), py::arg("criterion"), py::arg("seed"),
-        py::arg("first_tree"), py::arg("last_tree"), py::arg("sample_prop"), py::arg("features_per_split"),
-        py::arg("max_depth"), py::arg("n_threads"), py::arg("on_progress") = py::none(),
+  m.def("learn", &learn, py::arg("data"), py::kw_only(), py::arg("criterion"), py::arg("seed"), py::arg("first_tree"),
+        py::arg("last_tree"), py::arg("sample_prop"), py::arg("features_per_split"), py::arg("max_depth"),
+        py::arg("n_threads"), py::arg("on_progress") = py::none(),
         "Trees [first_tree, last_tree) of the forest of `seed`: a dict of node arrays and per-tree importances.");
   m.def("predict", &predict, py::arg("forest"), py::arg("X"), py::arg("n_classes"), py::arg("n_threads"),
         py::arg("proba"),

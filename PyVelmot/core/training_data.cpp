@@ -8,8 +8,7 @@
 
 namespace PyVelmot::core {
 
-TrainingData::TrainingData(const py::array& features, const py::array& labels, int64_t num_classes,
-                           int num_threads) {
+TrainingData::TrainingData(const py::array& features, const py::array& labels, int64_t num_classes, int num_threads) {
   require_ndim(features, "X", 2);
   const int32_t* codes = vector_of<int32_t>(labels, "y");
   if (labels.shape(0) != features.shape(1)) {

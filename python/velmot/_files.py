@@ -23,18 +23,25 @@ def atomic_write(path, write):
     ------
     FileNotFoundError
         If the target's folder does not exist.
+    FileExistsError
+        If the target exists and is not a regular file (a folder, a device).
     """
-    path = os.fspath(path)
-    folder = os.path.dirname(os.path.abspath(path))
+    # A symbolic link is written through: its target is what gets replaced.
+    target = os.path.realpath(os.fspath(path))
+    folder = os.path.dirname(target)
     if not os.path.isdir(folder):
-        raise FileNotFoundError(f"cannot write {path}: the folder {folder} does not exist")
-    mode = _mode_for(path)
-    fd, temp = tempfile.mkstemp(dir=folder, prefix=".velmot-", suffix=os.path.splitext(path)[1])
+        raise FileNotFoundError(f"cannot write {os.fspath(path)}: the folder {folder} does not exist")
+    # Renaming over a device, a folder or a pipe would replace it with a
+    # plain file (as root, /dev/null included).
+    if os.path.lexists(target) and not os.path.isfile(target):
+        raise FileExistsError(f"cannot write {os.fspath(path)}: it exists and is not a regular file")
+    mode = _mode_for(target)
+    fd, temp = tempfile.mkstemp(dir=folder, prefix=".velmot-", suffix=os.path.splitext(target)[1])
     try:
         os.close(fd)
         write(temp)
         os.chmod(temp, mode)
-        os.replace(temp, path)
+        os.replace(temp, target)
     except BaseException:
         if os.path.lexists(temp):
             os.unlink(temp)

@@ -17,6 +17,7 @@ from ._features import (
     fill_missing,
     upper_medians,
 )
+from ._fork import threads_for_call
 from ._learning import CRITERION_NAMES, learn_forest
 from ._model_file import check, float_vector, split_trees, write_model_file
 from ._nodes import ForestNodes
@@ -287,7 +288,8 @@ class RandomForestClassifier(ClassifierMixin, BaseEstimator):
         check_is_fitted(self)
         X = validate_data(self, X, reset=False, dtype="numeric", ensure_all_finite="allow-nan")
         samples = fill_missing(as_module_dtype(X), self._missing_value_fill_)
-        return _core.predict(self.nodes_.as_dict(), samples, self.n_classes_, thread_count(self.n_jobs), proba)
+        n_threads = threads_for_call(thread_count(self.n_jobs))
+        return _core.predict(self.nodes_.as_dict(), samples, self.n_classes_, n_threads, proba)
 
     # -- model files -----------------------------------------------------
 

@@ -16,6 +16,7 @@ from sklearn.utils import check_random_state
 from tqdm import tqdm
 
 from . import _core
+from ._fork import threads_for_call
 from ._nodes import ForestNodes
 
 CRITERION_NAMES = {
@@ -41,7 +42,7 @@ def prepare(features, labels, *, n_classes, settings):
 
     ``features`` is feature-major in one of the four element types,
     ``labels`` int32 codes below n_classes."""
-    return _core.TrainingData(features, labels, n_classes, settings.n_threads)
+    return _core.TrainingData(features, labels, n_classes, threads_for_call(settings.n_threads))
 
 
 def learn_trees(data, *, first_tree, last_tree, seed, settings, on_progress=None):
@@ -57,7 +58,7 @@ def learn_trees(data, *, first_tree, last_tree, seed, settings, on_progress=None
         sample_prop=settings.sampling_prop,
         features_per_split=settings.features_per_split,
         max_depth=settings.max_depth,
-        n_threads=settings.n_threads,
+        n_threads=threads_for_call(settings.n_threads),
         on_progress=on_progress,
     )
     importances = result.pop("importances")

@@ -8,193 +8,80 @@ A description file (read by the library's own reader) says which CSV column
 holds the class (``class-column``), which columns to drop (``ignore``), the
 names of features (``feature-name``, by CSV column number) and of classes
 (``label CODE NAME``). Without one, the last column is the class and every
-other column a feature. A header line is optional: a first line whose
-feature fields are not all numbers is taken as one.
+other column a feature. A header line is optional: a first line with a
+feature field that is neither a number nor a missing value is taken as one.
 
-Every failure ends with exit status 2 and one line on standard error;
-nothing is written then (outputs go to a temporary file that is renamed
-into place only at the end).
+Prediction finds the model's features by name when the model knows their
+names and the file has a header, whatever the order of its columns;
+otherwise by position, and the count must fit.
+
+Every failure ends with exit status 2 and one line on standard error, and
+writes nothing: outputs go to a temporary file that is renamed into place
+only at the end, and removed on any failure or signal.
 """
 
 import argparse
 import csv
-import math
 import os
+import signal
 import sys
-import tempfile
-from dataclasses import dataclass, field
+import threading
 
 import numpy as np
 
+from ._csv import CsvRows
+from ._description import read_layout
+
 EXIT_FAILURE = 2
 PREDICT_CHUNK_ROWS = 10_000
+# Signals that stop the command like Ctrl-C does, cleaning up first.
+_STOP_SIGNALS = ("SIGTERM", "SIGHUP")
 
 
 class CommandError(Exception):
     """A failure the user can fix; printed as one line, exit status 2."""
 
 
-# ---------------------------------------------------------------------------
-# Descriptions
+class Stopped(BaseException):
+    """A stop signal, raised where the program is so that cleanup runs."""
+
+    def __init__(self, signum):
+        super().__init__(signum)
+        self.signum = signum
 
 
-@dataclass
-class Layout:
-    """Where the class and the features stand in a CSV file's columns."""
+def _output_file(output, *inputs):
+    """The file to write for an output path, refusing before any work an
+    output that would replace an input, that has no folder to go in, or
+    that is not a file: the output is renamed into place, which would put a
+    regular file where a device such as /dev/null or a folder stands. An
+    output that is a symbolic link is written through it, as a plain write
+    would."""
+    if not output:
+        raise CommandError("the output path is empty")
+    target = os.path.realpath(output)
+    folder = os.path.dirname(target)
+    if not os.path.isdir(folder):
+        raise CommandError(f"the output folder {folder} does not exist")
+    if os.path.exists(target) and not os.path.isfile(target):
+        raise CommandError(f"the output {output} is not a regular file: name a file")
+    for path in inputs:
+        if path is not None and _same_file(output, path):
+            raise CommandError(f"the output {output} is also an input: write it elsewhere")
+    return target
 
-    class_column: int | None
-    ignored: set = field(default_factory=set)
-    feature_names: dict = field(default_factory=dict)  # CSV column -> name
-    class_names: dict = field(default_factory=dict)  # code -> name
 
-    def feature_columns(self, n_columns):
-        return [c for c in range(n_columns) if c != self.class_column and c not in self.ignored]
-
-
-def read_layout(description_path):
-    """The layout a description file gives, or the default layout."""
-    if description_path is None:
-        return Layout(class_column=None)
-    if not os.path.isfile(description_path):
-        raise CommandError(f"description file not found: {description_path}")
-    import PyVelmot_description
-
+def _same_file(a, b):
     try:
-        description = PyVelmot_description.read_description(description_path)
-    except RuntimeError as error:
-        # The reader's own text, with its line number.
-        raise CommandError(f"{description_path}: {str(error).strip()}") from None
-    class_column = description["class_column"]
-    return Layout(
-        class_column=None if class_column < 0 else class_column,
-        ignored=set(description["ignored_columns"]),
-        feature_names=dict(description["feature_names"]),
-        class_names=dict(description["labels"]),
-    )
+        return os.path.samefile(a, b)
+    except OSError:
+        return os.path.realpath(a) == os.path.realpath(b)
 
 
-# ---------------------------------------------------------------------------
-# CSV
-
-
-def _is_number(text):
-    try:
-        float(text)
-    except ValueError:
-        return False
-    return True
-
-
-class CsvRows:
-    """Rows of a CSV file with the header (if any) taken off, and the
-    position of each row for messages."""
-
-    def __init__(self, path, layout, n_features=None):
-        """n_features, when given, is the model's feature count: a file
-        without a description whose rows hold exactly that many fields then
-        has no class column (rows to predict need none)."""
-        if not os.path.isfile(path):
-            raise CommandError(f"data file not found: {path}")
-        self.path = path
-        self._file = open(path, newline="")
-        try:
-            self._start(layout, n_features)
-        except BaseException:
-            self._file.close()
-            raise
-
-    def _start(self, layout, n_features):
-        path = self.path
-        self._reader = csv.reader(self._file)
-        self.header = None
-        first = self._next_row()
-        if first is None:
-            raise CommandError(f"{path}: the file holds no rows")
-        self.n_columns = len(first)
-        if layout.class_column is not None:
-            self.class_column = layout.class_column
-        elif n_features is not None and self.n_columns == n_features:
-            self.class_column = None
-        else:
-            self.class_column = self.n_columns - 1
-        if self.class_column is not None and not 0 <= self.class_column < self.n_columns:
-            raise CommandError(
-                f"class column {self.class_column} is out of range: {path} has {self.n_columns} columns")
-        self.feature_columns = [
-            c for c in layout.feature_columns(self.n_columns) if c != self.class_column]
-        if not self.feature_columns:
-            raise CommandError(f"{path}: no feature columns are left")
-        if all(_is_number(first[c]) for c in self.feature_columns):
-            self._pending = first
-        else:
-            self.header = first
-            self._pending = None
-
-    def _next_row(self):
-        for row in self._reader:
-            if row:  # blank lines carry nothing
-                return row
-        return None
-
-    def chunks(self, rows_per_chunk):
-        """Yields (features float64 array, class fields list) per chunk."""
-        while True:
-            rows = []
-            if self._pending is not None:
-                rows.append((self._reader.line_num, self._pending))
-                self._pending = None
-            while len(rows) < rows_per_chunk:
-                row = self._next_row()
-                if row is None:
-                    break
-                rows.append((self._reader.line_num, row))
-            if not rows:
-                return
-            yield self._convert(rows)
-
-    def _convert(self, rows):
-        features = np.empty((len(rows), len(self.feature_columns)), dtype=np.float64)
-        classes = []
-        for r, (line, row) in enumerate(rows):
-            if len(row) != self.n_columns:
-                raise CommandError(
-                    f"{self.path} line {line}: expected {self.n_columns} fields, found {len(row)}")
-            for k, c in enumerate(self.feature_columns):
-                text = row[c].strip()
-                if text in ("", "NA", "nan", "NaN"):
-                    features[r, k] = math.nan  # missing: the library imputes the median
-                    continue
-                try:
-                    features[r, k] = float(text)
-                except ValueError:
-                    raise CommandError(
-                        f"{self.path} line {line}, column {c}: {row[c]!r} is not a number") from None
-                if math.isinf(features[r, k]):
-                    raise CommandError(f"{self.path} line {line}, column {c}: infinite values are not allowed")
-            if self.class_column is not None:
-                classes.append(row[self.class_column].strip())
-        return features, classes
-
-    def close(self):
-        self._file.close()
-
-    def __enter__(self):
-        return self
-
-    def __exit__(self, *exc):
-        self.close()
-
-
-def _feature_names(rows, layout):
-    names = []
-    for c in rows.feature_columns:
-        if c in layout.feature_names:
-            names.append(layout.feature_names[c])
-        elif rows.header is not None and rows.header[c].strip():
-            names.append(rows.header[c].strip())
-        else:
-            names.append(f"column{c}")
-    return names
+def _open_csv(path):
+    if not os.path.isfile(path):
+        raise CommandError(f"data file not found: {path}")
+    return CsvRows(path)
 
 
 def _encode_classes(fields, layout, path):
@@ -205,7 +92,7 @@ def _encode_classes(fields, layout, path):
         for i, text in enumerate(fields):
             if text in code_of:
                 codes[i] = code_of[text]
-            elif text.isdigit() and int(text) in layout.class_names:
+            elif text.isascii() and text.isdigit() and int(text) in layout.class_names:
                 codes[i] = int(text)
             else:
                 known = ", ".join(sorted(code_of))
@@ -219,63 +106,49 @@ def _encode_classes(fields, layout, path):
 # ---------------------------------------------------------------------------
 # Model files
 
-
-def _atomic_output(path, write):
-    """Runs write(temp_path), then renames the result onto path."""
-    directory = os.path.dirname(os.path.abspath(path))
-    fd, temp = tempfile.mkstemp(dir=directory, prefix=".velmot-", suffix=os.path.splitext(path)[1])
-    os.close(fd)
-    try:
-        write(temp)
-        os.replace(temp, path)
-    except BaseException:
-        if os.path.exists(temp):
-            os.unlink(temp)
-        raise
-
-
 # A model file is the package's own forest file (velmot.load reads it) with
-# two more arrays: the feature names, and the class name of each class code.
+# three more entries: the name of each feature ("" where the training file
+# gave none), the class name of each class code, and the header name of the
+# class column ("" without a header).
 _FEATURE_NAMES_KEY = "command_line_feature_names"
 _CLASS_NAMES_KEY = "command_line_class_names"
+_CLASS_COLUMN_KEY = "command_line_class_column"
+_ZIP_SIGNATURE = b"PK"
 
 
-def _save_model(model, path, feature_names, class_names):
-    import io
+def _save_model(model, path, feature_names, class_names, class_column_name):
+    from ._persistence import save_forest
 
-    buffer = io.BytesIO()
-    model.save(buffer)
-    buffer.seek(0)
-    with np.load(buffer, allow_pickle=False) as archive:
-        arrays = {key: archive[key] for key in archive.files}
-    arrays[_FEATURE_NAMES_KEY] = np.array(feature_names, dtype=str)
-    arrays[_CLASS_NAMES_KEY] = np.array([class_names[int(code)] for code in model.classes_], dtype=str)
-
-    def write(temp):
-        with open(temp, "wb") as file:
-            np.savez_compressed(file, **arrays)
-
-    _atomic_output(path, write)
+    save_forest(model, path, extra={
+        _FEATURE_NAMES_KEY: np.array(feature_names, dtype=str),
+        _CLASS_NAMES_KEY: np.array([class_names[int(code)] for code in model.classes_], dtype=str),
+        _CLASS_COLUMN_KEY: np.array(class_column_name, dtype=str),
+    })
 
 
 def _load_model(path):
-    """(model, feature names, {class code: name}) from a model file."""
-    import velmot
+    """(model, feature names, {class code: name}, class column name)."""
+    from ._persistence import load_forest
 
     if not os.path.isfile(path):
         raise CommandError(f"model file not found: {path}")
+    with open(path, "rb") as file:
+        if file.read(len(_ZIP_SIGNATURE)) != _ZIP_SIGNATURE:
+            raise CommandError(f"{path} is not a model file (velmot train writes them)")
     try:
-        model = velmot.load(path)
-        with np.load(path, allow_pickle=False) as archive:
-            if _FEATURE_NAMES_KEY not in archive.files or _CLASS_NAMES_KEY not in archive.files:
-                raise ValueError("not written by velmot train (no feature or class names)")
-            feature_names = [str(name) for name in archive[_FEATURE_NAMES_KEY]]
-            class_names = [str(name) for name in archive[_CLASS_NAMES_KEY]]
-    except ValueError as error:
-        raise CommandError(f"{path}: {error}") from None
-    if len(feature_names) != model.n_features_in_ or len(class_names) != len(model.classes_):
-        raise CommandError(f"{path}: damaged model file (names do not match the forest)")
-    return model, feature_names, dict(zip((int(code) for code in model.classes_), class_names))
+        model, extra = load_forest(path, extra=(_FEATURE_NAMES_KEY, _CLASS_NAMES_KEY, _CLASS_COLUMN_KEY))
+    except (ValueError, RecursionError) as error:
+        raise CommandError(str(error) if path in str(error) else f"{path}: {error}") from None
+    shapes = {
+        _FEATURE_NAMES_KEY: (model.n_features_in_,),
+        _CLASS_NAMES_KEY: model.classes_.shape,
+        _CLASS_COLUMN_KEY: (),
+    }
+    for key, shape in shapes.items():
+        if extra[key].dtype.kind != "U" or extra[key].shape != shape:
+            raise CommandError(f"{path}: damaged model file ({key} has the wrong shape or type)")
+    class_names = dict(zip((int(code) for code in model.classes_), extra[_CLASS_NAMES_KEY].tolist()))
+    return model, extra[_FEATURE_NAMES_KEY].tolist(), class_names, str(extra[_CLASS_COLUMN_KEY])
 
 
 # ---------------------------------------------------------------------------
@@ -285,10 +158,19 @@ def _load_model(path):
 def train(args):
     from velmot import RandomForestClassifier
 
+    output = _output_file(args.output, args.data, args.description)
     layout = read_layout(args.description)
-    with CsvRows(args.data, layout) as rows:
-        chunks = list(rows.chunks(PREDICT_CHUNK_ROWS))
-        feature_names = _feature_names(rows, layout)
+    with _open_csv(args.data) as rows:
+        layout.check_columns(rows.n_columns, args.data)
+        class_column = rows.n_columns - 1 if layout.class_column is None else layout.class_column
+        columns = _feature_columns(layout, rows, class_column)
+        header = rows.take_header(columns)
+        chunks = list(rows.chunks(PREDICT_CHUNK_ROWS, columns, class_column))
+    if not chunks:
+        raise CommandError(f"{args.data}: the file holds a header but no rows")
+    feature_names = [layout.feature_names.get(c, header[c].strip() if header else "") for c in columns]
+    class_column_name = header[class_column].strip() if header else ""
+    _refuse_repeated_names([*feature_names, class_column_name], [*columns, class_column], args.data)
     X = np.concatenate([features for features, _ in chunks])
     fields = [text for _, classes in chunks for text in classes]
     y, class_names = _encode_classes(fields, layout, args.data)
@@ -303,11 +185,27 @@ def train(args):
     )
     try:
         model.fit(X, y)
-    except (ValueError, TypeError) as error:
-        raise CommandError(str(error)) from None
-    _save_model(model, args.output, feature_names, class_names)
+    except (RuntimeError, MemoryError) as error:
+        raise CommandError(f"cannot learn {args.trees} trees: {error}") from None
+    _save_model(model, output, feature_names, class_names, class_column_name)
     print(f"learnt {args.trees} trees on {X.shape[0]} rows and {X.shape[1]} features; saved {args.output}",
           file=sys.stderr)
+
+
+def _feature_columns(layout, rows, class_column):
+    columns = layout.feature_columns(rows.n_columns, class_column)
+    if not columns:
+        raise CommandError(f"{rows.path}: no feature columns are left")
+    return columns
+
+
+def _refuse_repeated_names(names, columns, path):
+    """Prediction finds features and the class by name, so a name may stand
+    for one column only."""
+    first = {}
+    for name, column in zip(names, columns):
+        if name and first.setdefault(name, column) != column:
+            raise CommandError(f"{path}: columns {first[name]} and {column} are both named {name!r}")
 
 
 def _max_features(text):
@@ -326,30 +224,61 @@ def _max_features(text):
 
 
 def predict(args):
-    model, _, class_names = _load_model(args.model)
+    from ._files import atomic_write
+
+    output = _output_file(args.output, args.model, args.data, args.description)
+    model, feature_names, class_names, class_column_name = _load_model(args.model)
     layout = read_layout(args.description)
     classes = [class_names[int(code)] for code in model.classes_]
 
     def write(temp):
-        with CsvRows(args.data, layout, model.n_features_in_) as rows, open(temp, "w", newline="") as out:
+        with _open_csv(args.data) as rows, open(temp, "w", newline="", encoding="utf-8") as out:
+            columns = _columns_to_predict(rows, layout, feature_names, class_column_name)
             writer = csv.writer(out)
-            if len(rows.feature_columns) != model.n_features_in_:
-                raise CommandError(f"{args.data}: {len(rows.feature_columns)} feature columns, "
-                                   f"but the model was learnt on {model.n_features_in_}")
             if args.proba:
                 writer.writerow(classes)
-            for features, _ in rows.chunks(PREDICT_CHUNK_ROWS):
+            for features, _ in rows.chunks(PREDICT_CHUNK_ROWS, columns, None):
                 if args.proba:
                     writer.writerows(model.predict_proba(features).tolist())
                 else:
-                    codes = model.predict(features)
-                    writer.writerows([[class_names[int(code)]] for code in codes])
+                    writer.writerows([[class_names[int(code)]] for code in model.predict(features)])
 
-    _atomic_output(args.output, write)
+    atomic_write(output, write)
+
+
+def _columns_to_predict(rows, layout, feature_names, class_column_name):
+    """The CSV column of each of the model's features: by name when the
+    model knows every name and the file has a header, else by position."""
+    layout.check_columns(rows.n_columns, rows.path)
+    n_features = len(feature_names)
+    class_column = layout.class_column
+    if class_column is None and rows.n_columns != n_features:
+        class_column = rows.n_columns - 1  # rows to predict may come without their class
+    header = rows.take_header(layout.feature_columns(rows.n_columns, class_column))
+    if header is None or not all(feature_names):
+        columns = _feature_columns(layout, rows, class_column)
+        if len(columns) != n_features:
+            raise CommandError(f"{rows.path}: {len(columns)} feature columns, "
+                               f"but the model was learnt on {n_features}")
+        return columns
+    names = [layout.feature_names.get(c, field.strip()) for c, field in enumerate(header)]
+    if layout.class_column is None:
+        class_column = names.index(class_column_name) if class_column_name in names else None
+    candidates = layout.feature_columns(rows.n_columns, class_column)
+    _refuse_repeated_names([names[c] for c in candidates], candidates, rows.path)
+    column_of = {names[c]: c for c in candidates}
+    missing = [name for name in feature_names if name not in column_of]
+    unknown = sorted(set(column_of) - set(feature_names))
+    if missing or unknown:
+        problems = [f"{what} {', '.join(map(repr, found))}"
+                    for what, found in (("lacks", missing), ("has unknown columns", unknown)) if found]
+        hint = "" if layout.path else " (pass the description the model was trained with, if it had one)"
+        raise CommandError(f"{rows.path} does not match the model's features: it {' and '.join(problems)}{hint}")
+    return [column_of[name] for name in feature_names]
 
 
 def inspect(args):
-    model, feature_names, class_names = _load_model(args.model)
+    model, feature_names, class_names, _ = _load_model(args.model)
     trees = model.trees_
     nodes = [tree.shape[1] for tree in trees]
     depths = [_depth(tree) for tree in trees]
@@ -361,7 +290,7 @@ def inspect(args):
     print("\nimportance  feature")
     importances = model.feature_importances_
     for j in sorted(range(len(importances)), key=lambda j: (-importances[j], j)):
-        print(f"{importances[j]:10.4f}  {feature_names[j]}")
+        print(f"{importances[j]:10.4f}  {feature_names[j] or f'feature {j} (unnamed)'}")
 
 
 def _depth(tree):
@@ -376,8 +305,15 @@ def _depth(tree):
         level = children
 
 
+class _Parser(argparse.ArgumentParser):
+    """Usage mistakes keep the one-line error promise too."""
+
+    def error(self, message):
+        self.exit(EXIT_FAILURE, f"velmot: error: {message} (see {self.prog} --help)\n")
+
+
 def build_parser():
-    parser = argparse.ArgumentParser(prog="velmot", description="Random forests from CSV files.")
+    parser = _Parser(prog="velmot", description="Random forests from CSV files.")
     commands = parser.add_subparsers(dest="command", required=True)
 
     p = commands.add_parser("train", help="learn a forest from a CSV file and save it")
@@ -407,16 +343,38 @@ def build_parser():
     return parser
 
 
+def _stop(signum, frame):
+    raise Stopped(signum)
+
+
 def main(argv=None):
     args = build_parser().parse_args(argv)
+    handlers = {}
+    # Only the main thread may set handlers; elsewhere signals keep theirs.
+    if threading.current_thread() is threading.main_thread():
+        for name in _STOP_SIGNALS:
+            if hasattr(signal, name):
+                handlers[name] = signal.signal(getattr(signal, name), _stop)
     try:
         args.run(args)
-    except CommandError as error:
+    except BrokenPipeError:
+        # The reader of standard output has gone (velmot inspect | head).
+        os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
+        return EXIT_FAILURE
+    except (CommandError, ValueError, TypeError, OSError) as error:
+        # ValueError and TypeError are the package's and the readers' own
+        # account of bad input; OSError a file that cannot be read or written.
         print(f"velmot: error: {error}", file=sys.stderr)
         return EXIT_FAILURE
-    except OSError as error:
-        print(f"velmot: error: {error}", file=sys.stderr)
-        return EXIT_FAILURE
+    except KeyboardInterrupt:
+        print("velmot: interrupted; nothing written", file=sys.stderr)
+        return 128 + signal.SIGINT
+    except Stopped as stop:
+        print(f"velmot: stopped by {signal.Signals(stop.signum).name}; nothing written", file=sys.stderr)
+        return 128 + stop.signum
+    finally:
+        for name, handler in handlers.items():
+            signal.signal(getattr(signal, name), handler)
     return 0
 
 

@@ -10,10 +10,9 @@
 #include <vector>
 
 #include "velmot/dataset/dataset.h"
-#include "velmot/dataset/index_dataset.h"
+#include "velmot/dataset/node_sample.h"
 #include "velmot/defs/exception.h"
 #include "velmot/learn/tree.h"
-#include "velmot/stats/label_accumulator.h"
 
 namespace VelmotTest {
 
@@ -26,17 +25,6 @@ std::string message_of(Call call) {
     return e.get_message();
   }
   return "";
-}
-
-// A histogram of labels 0, 1, ... holding class_counts[c] of label c.
-inline Velmot::NominalLabelPriorAccumulator<int> histogram(const std::vector<int>& class_counts) {
-  Velmot::NominalLabelPriorAccumulator<int> acc;
-  acc.set_labeling(Velmot::DiscreteZeroOnward);
-  acc.set_num_classes(static_cast<int>(class_counts.size()));
-  for (size_t c = 0; c < class_counts.size(); ++c) {
-    for (int k = 0; k < class_counts[c]; ++k) acc.increment_count(static_cast<int>(c));
-  }
-  return acc;
 }
 
 template <class F, class L>
@@ -64,18 +52,11 @@ bool same_tree(const Velmot::VectorizedTree<L>& a, const Velmot::VectorizedTree<
     return false;
   }
   for (size_t i = 0; i < a.threshold.size(); ++i) {
-    const double x = a.threshold[i], y = b.threshold[i];
-    if (!(x == y || (std::isnan(x) && std::isnan(y)))) return false;
+    if (!(a.threshold[i] == b.threshold[i] || (std::isnan(a.threshold[i]) && std::isnan(b.threshold[i])))) {
+      return false;
+    }
   }
   return true;
-}
-
-template <class L>
-bool same_tree(Velmot::Node<L>* a, Velmot::Node<L>* b) {
-  Velmot::VectorizedTree<L> va, vb;
-  va.root_to_vector(a);
-  vb.root_to_vector(b);
-  return same_tree(va, vb);
 }
 
 // Sets the OpenMP thread count for one scope and restores it afterwards.

@@ -1,6 +1,8 @@
 """The velmot command: train, inspect and predict from CSV files."""
 
 import csv
+import os
+import signal
 import subprocess
 import sys
 from pathlib import Path
@@ -15,11 +17,15 @@ IRIS = [EXAMPLES / "iris.csv", "--description", EXAMPLES / "iris.desc"]
 
 
 def run(*argv):
-    return cli.main([str(a) for a in argv])
+    try:
+        return cli.main([str(a) for a in argv])
+    except SystemExit as exit:  # usage mistakes, from argparse
+        return exit.code
 
 
 def fails(capsys, *argv):
     """Runs a command that must fail: exit status 2 and a single line of error, returned."""
+    capsys.readouterr()
     assert run(*argv) == 2
     err = capsys.readouterr().err.strip()
     assert err.startswith("velmot: error: ") and "\n" not in err
@@ -37,6 +43,10 @@ def write_csv(path, rows):
     return path
 
 
+def leftovers(folder):
+    return [p.name for p in folder.iterdir() if p.name.startswith(".velmot-")]
+
+
 @pytest.fixture
 def iris_model(tmp_path):
     model = tmp_path / "iris.npz"
@@ -48,23 +58,12 @@ def test_train_inspect_predict_on_the_shipped_example(iris_model, tmp_path, caps
     assert run("inspect", iris_model) == 0
     summary = capsys.readouterr().out
     assert "classes:  setosa, versicolor, virginica" in summary
-    assert "features: 4" in summary and "trees:    30" in summary
-    # The ignored id column is not a feature; names come from the description.
-    table = summary.split("importance  feature\n")[1].splitlines()
-    assert sorted(line.split()[1] for line in table) == ["petal_length", "petal_width", "sepal_length", "sepal_width"]
-
-    out = tmp_path / "out.csv"
-    assert run("predict", iris_model, *IRIS, "-o", out) == 0
-    truth = [row[5] for row in read_rows(EXAMPLES / "iris.csv")[1:]]
-    predicted = [row[0] for row in read_rows(out)]
-    assert len(predicted) == 150
-    assert np.mean(np.array(predicted) == np.array(truth)) > 0.95
 
     proba, chunked = tmp_path / "proba.csv", tmp_path / "chunked.csv"
     assert run("predict", iris_model, *IRIS, "--proba", "-o", proba) == 0
-    rows = read_rows(proba)
-    assert rows[0] == ["setosa", "versicolor", "virginica"]
-    assert np.allclose(np.array(rows[1:], dtype=float).sum(axis=1), 1.0)
+    classes, *rows = read_rows(proba)
+    truth = [row[5] for row in read_rows(EXAMPLES / "iris.csv")[1:]]
+    assert np.mean(np.array(classes)[np.argmax(np.array(rows, dtype=float), axis=1)] == truth) > 0.95
     # Prediction in chunks writes what prediction whole does.
     monkeypatch.setattr(cli, "PREDICT_CHUNK_ROWS", 7)
     assert run("predict", iris_model, *IRIS, "--proba", "-o", chunked) == 0
@@ -72,70 +71,132 @@ def test_train_inspect_predict_on_the_shipped_example(iris_model, tmp_path, caps
 
     result = subprocess.run([sys.executable, "-m", "velmot", "inspect", str(iris_model)],
                             capture_output=True, text=True)
-    assert result.returncode == 0, result.stderr
-    assert result.stdout == summary
+    assert result.stdout == summary, result.stderr
 
 
 def test_class_column_ignore_and_label_codes_are_honoured(tmp_path, capsys):
     rng = np.random.default_rng(0)
-    y = rng.integers(0, 2, 200)
     # Column 0 leaks the class but is ignored; column 2 holds the class.
     # Codes put "zebra" (0) before "apple" (1), unlike alphabetical order.
-    rows = [[c, f"{c + rng.normal(0, 0.3):.4f}", ["zebra", "apple"][c], f"{rng.normal():.4f}"] for c in y]
+    rows = [[c, f"{c + rng.normal(0, 0.3):.4f}", ["zebra", "apple"][c], f"{rng.normal():.4f}"]
+            for c in rng.integers(0, 2, 200)]
     data, description, model = write_csv(tmp_path / "data.csv", rows), tmp_path / "data.desc", tmp_path / "m.npz"
-    description.write_text("class-column 2\nignore 0\nlabel 0 zebra\nlabel 1 apple\nfeature-name 3 noise\n")
+    # A byte-order mark is not part of the first command.
+    description.write_text("\ufeffclass-column 2\nignore 0\nlabel 0 zebra\nlabel 1 apple\nfeature-name 3 noise\n")
     assert run("train", data, "--description", description, "--trees", 20, "--seed", 1, "--quiet", "-o", model) == 0
     assert run("inspect", model) == 0
     summary = capsys.readouterr().out
     assert "features: 2" in summary and "classes:  zebra, apple" in summary
-    assert "column1" in summary and "noise" in summary
-    proba = tmp_path / "p.csv"
-    assert run("predict", model, data, "--description", description, "--proba", "-o", proba) == 0
-    assert read_rows(proba)[0] == ["zebra", "apple"]
+    assert "feature 0 (unnamed)" in summary and "noise" in summary
 
 
-def test_without_description_the_last_column_is_the_class(tmp_path):
-    rows = [[i % 5, (i * 7) % 3, "odd" if i % 2 else "even"] for i in range(60)]
-    data = write_csv(tmp_path / "d.csv", [["a", "b", "parity"]] + rows)
-    model = tmp_path / "m.npz"
-    assert run("train", data, "--trees", 10, "--seed", 2, "--quiet", "-o", model) == 0
-    # Rows to predict may come without the class column.
-    features_only = write_csv(tmp_path / "f.csv", [row[:2] for row in rows])
-    out = tmp_path / "o.csv"
-    assert run("predict", model, features_only, "-o", out) == 0
-    assert {row[0] for row in read_rows(out)} <= {"odd", "even"}
-    assert len(read_rows(out)) == 60
+@pytest.mark.parametrize("header", [[], [["a", "b", "parity"]]])
+def test_every_row_counts_and_a_byte_order_mark_is_not_data(tmp_path, capsys, header):
+    # The first row's missing value does not make it a header either.
+    rows = [["NA", 1, "even"]] + [[i % 5, (i * 7) % 3, "odd" if i % 2 else "even"] for i in range(1, 60)]
+    data = tmp_path / "d.csv"
+    data.write_bytes(b"\xef\xbb\xbf" + write_csv(tmp_path / "plain.csv", header + rows).read_bytes())
+    model, out = tmp_path / "m.npz", tmp_path / "o.csv"
+    assert run("train", data, "--trees", 5, "--seed", 2, "-o", model) == 0
+    assert "on 60 rows and 2 features" in capsys.readouterr().err
+    assert run("predict", model, data, "-o", out) == 0 and len(read_rows(out)) == 60
+    assert run("inspect", model) == 0
+    assert (" a\n" in capsys.readouterr().out) == bool(header)
 
 
 @pytest.mark.parametrize(
-    "rows, description, message",
+    "order, header, message",
     [
-        ([["1", "2", "a"], ["3", "a"]], None, "line 2: expected 3 fields, found 2"),
-        ([["1", "2", "a"], ["3", "x", "b"]], None, "line 2, column 1: 'x' is not a number"),
-        ([["1", "2", "a"]], "class-column 7\n", "class column 7 is out of range"),
-        ([["1", "2", "a"]], "num-features 2\n# fine\n\nclass-columns 2\n", "error (line 4): invalid command: class-columns"),
-        ([["1", "2", "c"]], "label 0 a\nlabel 1 b\n", "class 'c' is not named in the description"),
+        ([2, 0, 1, 3], True, None),  # by name, whatever the order
+        ([1, 0, 2], True, None),  # without the class column
+        ([0, 1, 3], True, "lacks 'c'"),
+        ([0, 1, 2, 4, 3], True, "has unknown columns 'z'"),
+        ([0, 1, 2, 3, 1], True, "are both named 'b'"),
+        ([0, 1, 2], False, None),  # by position: features only
+        ([0, 1, 2, 4, 3], False, "4 feature columns, but the model was learnt on 3"),
     ],
 )
-def test_bad_input_exits_2_with_one_line_and_writes_nothing(tmp_path, capsys, rows, description, message):
-    data = write_csv(tmp_path / "d.csv", rows)
-    argv = ["train", data, "--quiet", "-o", tmp_path / "m.npz"]
-    if description is not None:
-        (tmp_path / "d.desc").write_text(description)
-        argv[2:2] = ["--description", tmp_path / "d.desc"]
-    assert message in fails(capsys, *argv)
-    assert not (tmp_path / "m.npz").exists()
-    assert [p.name for p in tmp_path.iterdir() if p.name.startswith(".velmot-")] == []
+def test_predict_finds_features_by_name_or_by_fitting_position(tmp_path, capsys, order, header, message):
+    rng = np.random.default_rng(1)
+    rows = [["a", "b", "c", "y", "z"]] + [[*map(str, v), "up" if v[0] > v[2] else "down", "0"]
+                                          for v in rng.normal(size=(80, 3)).round(3)]
+    model, expected, out = tmp_path / "m.npz", tmp_path / "e.csv", tmp_path / "o.csv"
+    train = write_csv(tmp_path / "t.csv", [row[:4] for row in rows])
+    assert run("train", train, "--trees", 10, "--seed", 0, "--quiet", "-o", model) == 0
+    assert run("predict", model, train, "-o", expected) == 0
+    data = write_csv(tmp_path / "d.csv", [[row[c] for c in order] for row in rows[1 - header:]])
+    if message is None:
+        assert run("predict", model, data, "-o", out) == 0
+        assert out.read_text() == expected.read_text()
+    else:
+        assert message in fails(capsys, "predict", model, data, "-o", out)
 
 
-def test_missing_files_and_damaged_models_exit_2(iris_model, tmp_path, capsys):
-    assert "data file not found" in fails(capsys, "train", tmp_path / "none.csv", "-o", tmp_path / "m.npz")
-    assert "description file not found" in fails(
-        capsys, "train", EXAMPLES / "iris.csv", "--description", tmp_path / "none.desc", "-o", tmp_path / "m.npz")
-    assert "model file not found" in fails(capsys, "inspect", tmp_path / "none.npz")
+@pytest.mark.parametrize(
+    "data, description, message",
+    [
+        (b"1,2,a\n3,a\n", None, "line 2: expected 3 fields, found 2"),
+        (b"1,2,a\n1_5,2,b\n", None, "line 2, column 0: '1_5' is not a number"),
+        (b"1,2,a\n1,2,\n", None, "line 2: the class (column 2) is empty"),
+        (b"a,b,c\n", None, "holds a header but no rows"),
+        (b"x,x,c\n1,2,a\n", None, "columns 0 and 1 are both named 'x'"),
+        (b"1,2,a\n1," + b"2" * 140_000 + b",b\n", None, "line 2: field larger than field limit"),
+        (b"1,2,a\n1,2,caf\xe9\n", None, "line 2: not UTF-8 text (byte 0xe9)"),
+        (b"1,2,a\n", b"class-column 7\n", "line 1: class-column 7 is beyond the last column"),
+        (b"1,2,a\n", b"\nignore 4294967296\n", "line 2: 4294967296 is larger than 2147483647"),
+        (b"1,2,a\n", b"num-features 2\n", "line 1: num-features 2, but"),
+        (b"1,2,a\n", b"# fine\n\nclass-columns 2\n", "error (line 3): invalid command: class-columns"),
+        (b"1,2,a\n", b"label-type regression\n", "regression is not supported yet"),
+        (b"1,2,a\n", b"label 0 a\nlabel 0 b\n", "line 2: class code 0 is already named 'a'"),
+        (b"1,2,a\n", b"feature-name 0 caf\xe9\n", "line 1: not UTF-8 text"),
+        (b"1,2,a\n", b"class-column 2\x00\n", "line 1: holds a NUL character"),
+    ],
+)
+def test_bad_input_exits_2_with_one_line_and_writes_nothing(tmp_path, capsys, data, description, message):
+    (tmp_path / "d.csv").write_bytes(data)
+    (tmp_path / "d.desc").write_bytes(description or b"")
+    argv = ["train", tmp_path / "d.csv", "--quiet", "-o", tmp_path / "m.npz"]
+    assert message in fails(capsys, *argv, *["--description", tmp_path / "d.desc"] * bool(description))
+    assert not (tmp_path / "m.npz").exists() and leftovers(tmp_path) == []
 
-    damaged = tmp_path / "damaged.npz"
+
+def test_missing_files_damaged_models_and_misuse_exit_2(iris_model, tmp_path, capsys):
+    data, model = EXAMPLES / "iris.csv", tmp_path / "m.npz"
+    for argv, message in [
+        (["train", tmp_path / "none.csv", "-o", model], "data file not found"),
+        (["train", data, "-o", tmp_path / "no" / "m.npz"], f"output folder {tmp_path / 'no'} does not exist"),
+        (["train", data, "--trees", "abc", "-o", model], "invalid int value: 'abc'"),
+        (["train", data, "--trees", 10**10, "--quiet", "-o", model], "Got 10000000000 instead"),
+        (["inspect", tmp_path / "none.npz"], "model file not found"),
+        (["inspect", data], "iris.csv is not a model file"),
+    ]:
+        assert message in fails(capsys, *argv)
+    damaged, out = tmp_path / "damaged.npz", tmp_path / "out.csv"
     damaged.write_bytes(iris_model.read_bytes()[:200])
-    out = tmp_path / "out.csv"
     assert "damaged.npz" in fails(capsys, "predict", damaged, *IRIS, "-o", out)
-    assert not out.exists()
+    assert not out.exists() and not model.exists()
+
+
+def test_outputs_keep_modes_and_never_replace_an_input(iris_model, tmp_path, capsys):
+    copy = tmp_path / "iris.csv"
+    copy.write_bytes((EXAMPLES / "iris.csv").read_bytes())
+    assert "is also an input" in fails(capsys, "train", copy, "-o", copy)
+    assert "is also an input" in fails(capsys, "predict", iris_model, *IRIS, "-o", iris_model)
+    assert copy.read_bytes() == (EXAMPLES / "iris.csv").read_bytes()
+    os.mkfifo(tmp_path / "fifo")  # renamed over, a device such as /dev/null would become a file
+    assert "is not a regular file" in fails(capsys, "predict", iris_model, *IRIS, "-o", tmp_path / "fifo")
+    # An existing file keeps its mode, and a link to it stays a link.
+    real, out = tmp_path / "real.csv", tmp_path / "out.csv"
+    real.write_text("")
+    real.chmod(0o604)
+    out.symlink_to(real)
+    assert run("predict", iris_model, *IRIS, "-o", out) == 0
+    assert out.is_symlink() and real.stat().st_mode & 0o777 == 0o604 and len(read_rows(real)) == 150
+
+
+@pytest.mark.parametrize("signum", [signal.SIGINT, signal.SIGTERM])
+def test_a_signal_removes_the_temporary_file_with_one_line(iris_model, tmp_path, capsys, monkeypatch, signum):
+    monkeypatch.setattr("velmot.RandomForestClassifier.predict", lambda self, X: os.kill(os.getpid(), signum))
+    assert run("predict", iris_model, *IRIS, "-o", tmp_path / "out.csv") == 128 + signum
+    assert len(capsys.readouterr().err.strip().splitlines()) == 1
+    assert leftovers(tmp_path) == [] and not (tmp_path / "out.csv").exists()

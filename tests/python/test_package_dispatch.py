@@ -4,6 +4,7 @@ which records every call and then makes it."""
 
 import numpy as np
 import pytest
+
 from velmot import RandomForestClassifier, _core
 from velmot._learning import mean_importances
 

@@ -13,9 +13,10 @@ import time
 from concurrent.futures import ThreadPoolExecutor
 
 import numpy as np
-import PyVelmot_wrap
 import pytest
 from sklearn.datasets import make_classification
+
+import PyVelmot_wrap
 from velmot import RandomForestClassifier, _core
 
 

@@ -92,6 +92,13 @@ def test_save_replaces_a_file_whole_or_not_at_all_with_the_modes_open_would_give
     monkeypatch.undo()
     forest.save(path)
     assert stat.S_IMODE(path.stat().st_mode) == 0o604
+    # Links are written through; anything but a regular file is refused.
+    (tmp_path / "link.npz").symlink_to(path)
+    forest.save(tmp_path / "link.npz")
+    assert (tmp_path / "link.npz").is_symlink()
+    os.mkfifo(tmp_path / "pipe")
+    with pytest.raises(FileExistsError, match="not a regular file"):
+        forest.save(tmp_path / "pipe")
 
 
 @pytest.fixture

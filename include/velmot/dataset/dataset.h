@@ -15,6 +15,7 @@
 #include <type_traits>
 #include <vector>
 
+#include "velmot/dataset/upper_median.h"
 #include "velmot/defs/labeling.h"
 
 namespace Velmot {
@@ -78,8 +79,8 @@ public:
   }
 
   // Replaces not-a-number entries of floating-point features by the upper
-  // median (position k/2 of the k sorted present values; 0 when none is
-  // present). Present values, and integer features, are never changed.
+  // median of the feature's present values (upper_median.h). Present
+  // values, and integer features, are never changed.
   void impute();
 
   size_t nf = 0;
@@ -100,18 +101,7 @@ void MemoryDataSet<F, L>::impute() {
       bool missing = false;
       for (const F value : column) missing |= !(value == value);
       if (!missing) continue;
-      present.resize(labels.size());
-      size_t k = 0;
-      for (const F value : column) {
-        if (value == value) present[k++] = value;
-      }
-      F replacement = 0;
-      if (k > 0) {
-        // The value at sorted position k/2; selection gives the same value
-        // as a full sort without its cost.
-        std::nth_element(present.begin(), present.begin() + k / 2, present.begin() + k);
-        replacement = present[k / 2];
-      }
+      const F replacement = upper_median_fill(column.size(), [&column](size_t i) { return column[i]; }, present);
       for (F& value : column) {
         if (!(value == value)) value = replacement;
       }

@@ -15,9 +15,10 @@
 // bits (int, float, double, unsigned char); checked in ordered_key.
 //
 // Glossary:
-//   key        an unsigned integer made from a value's bits whose integer
-//              order is the value order; -0.0 and +0.0 share the key of +0.0,
-//              any two other values share a key only if they are equal.
+//   key        ordered_key of a value (defs/ordered_key.h): an unsigned
+//              integer whose order is the value order; -0.0 and +0.0 share
+//              the key of +0.0, any two other values share a key only if
+//              they are equal.
 //   high half  the top 32 bits of a key (all of a key of 32 bits or fewer).
 //   digit      11 bits of the high half: 3 digits for floats, doubles and
 //              ints, 1 for bytes.
@@ -36,69 +37,27 @@
 //      table entry is the column's value at the run's last (highest)
 //      instance, as when the table is filled in instance order.
 //
-// This replaced a comparison sort of (value, instance) pairs: 92 ms instead
-// of 324 ms of CPU for 40 columns of 100,000 doubles on one thread
+// A comparison sort of (value, instance) pairs takes 324 ms of CPU for 40
+// columns of 100,000 doubles on one thread, these steps 92 ms
 // (bench/bench_feature_ranks.cpp).
-
-#include <omp.h>
 
 #include <algorithm>
 #include <cstdint>
-#include <cstring>
 #include <limits>
 #include <new>
 #include <type_traits>
 #include <vector>
 
+#include "velmot/defs/ordered_key.h"
+#include "velmot/defs/parallel.h"
 #include "velmot/defs/random_access_table.h"
 
 namespace Velmot {
 
 namespace feature_ranks_detail {
 
-// The key of a value: an unsigned integer of the value's width whose order
-// is the value order (NaN excluded by the caller).
 template <class F>
-auto ordered_key(F value) {
-  static_assert(std::is_arithmetic<F>::value, "features are numbers");
-  if constexpr (std::is_floating_point<F>::value) {
-    typedef typename std::conditional<sizeof(F) == 8, uint64_t, uint32_t>::type Bits;
-    static_assert(sizeof(F) == sizeof(Bits) && std::numeric_limits<F>::is_iec559, "IEEE float or double");
-    // -0.0 == +0.0: both take the key of +0.0.
-    const F canonical = value == F(0) ? F(0) : value;
-    Bits bits;
-    std::memcpy(&bits, &canonical, sizeof bits);
-    const Bits sign = Bits(1) << (8 * sizeof(Bits) - 1);
-    // Negative values: all bits flipped (larger magnitude, smaller key);
-    // positive values: above every negative one.
-    return (bits & sign) != 0 ? Bits(~bits) : Bits(bits | sign);
-  } else if constexpr (std::is_signed<F>::value) {
-    typedef typename std::make_unsigned<F>::type Bits;
-    return Bits(Bits(value) ^ Bits(Bits(1) << (8 * sizeof(Bits) - 1)));
-  } else {
-    return value;
-  }
-}
-
-template <class F>
-using KeyOf = decltype(ordered_key(F()));
-
-// The value of a key: ordered_key undone (a zero key gives +0.0).
-template <class F>
-F value_of_key(KeyOf<F> key) {
-  typedef KeyOf<F> Key;
-  if constexpr (std::is_floating_point<F>::value) {
-    const Key sign = Key(1) << (8 * sizeof(Key) - 1);
-    const Key bits = (key & sign) != 0 ? Key(key ^ sign) : Key(~key);
-    F value;
-    std::memcpy(&value, &bits, sizeof value);
-    return value;
-  } else if constexpr (std::is_signed<F>::value) {
-    return static_cast<F>(Key(key ^ Key(Key(1) << (8 * sizeof(Key) - 1))));
-  } else {
-    return key;
-  }
-}
+using KeyOf = OrderedKey<F>;
 
 // What the radix passes move: a key and its instance (8 bytes for keys of
 // up to 32 bits, 16 for 64-bit keys). Carrying the whole key saves reading
@@ -216,37 +175,28 @@ public:
     const int64_t nf = static_cast<int64_t>(data.get_num_features());
     const size_t ni = data.get_num_instances();
     if (nf == 0 || ni == 0) return;
-    // Scratch memory and the rank table are made here; the value tables are
-    // allocated in the loop, where a failure is only recorded, and thrown
-    // after the loop. Every rank of a ranked feature is written below: no
-    // zero fill.
+    // Scratch memory and the rank table are made here, the value tables by
+    // the workers (an allocation failure there stops them and is rethrown).
+    // Every rank of a ranked feature is written below: no zero fill.
     num_instances = ni;
     rank_table = RandomAccessTable<uint32_t>(static_cast<size_t>(nf) * ni);
-    const size_t workers = static_cast<size_t>(std::min<int64_t>(std::max(1, omp_get_max_threads()), nf));
+    const size_t workers = static_cast<size_t>(std::min<int64_t>(default_team_size(), nf));
     std::vector<detail::Workspace<F>> workspaces(workers);
     for (auto& work : workspaces) {
       work.entries.resize(ni);
       work.spare.resize(ni);
       work.counts.resize(detail::num_digits<F>() * detail::radix);
     }
-    const auto zero_key = detail::ordered_key(F(0));
-    bool out_of_memory = false;
-#pragma omp parallel for schedule(dynamic, 1) num_threads(static_cast<int>(workers))
-    for (int64_t j = 0; j < nf; ++j) {
+    const auto zero_key = ordered_key(F(0));
+    for_each_index(nf, static_cast<int>(workers), [&](int64_t j, const Worker& w) {
       const size_t feature = static_cast<size_t>(j);
       const F* column = data.column(feature);
-      detail::Workspace<F>& work = workspaces[static_cast<size_t>(omp_get_thread_num()) % workspaces.size()];
-      if (!detail::sort_keys(column, ni, work)) continue;
+      detail::Workspace<F>& work = workspaces[static_cast<size_t>(w.number)];
+      if (!detail::sort_keys(column, ni, work)) return;
       const auto* entries = work.entries.data();
       size_t distinct = 1;
       for (size_t k = 1; k < ni; ++k) distinct += entries[k].key != entries[k - 1].key;
-      try {
-        value_of_rank[feature].resize(distinct);
-      } catch (const std::bad_alloc&) {
-#pragma omp atomic write
-        out_of_memory = true;
-        continue;
-      }
+      value_of_rank[feature].resize(distinct);
       uint32_t* const ranks = rank_table.data() + feature * ni;
       F* const values = value_of_rank[feature].data();
       uint32_t current = 0;
@@ -256,11 +206,10 @@ public:
         ranks[entries[k].instance] = current;
         // The two zeros share a key: the table keeps the zero of the run's
         // last instance, read from the column.
-        values[current] = key == zero_key ? column[entries[k].instance] : detail::value_of_key<F>(key);
+        values[current] = key == zero_key ? column[entries[k].instance] : value_of_key<F>(key);
       }
       ranked[feature] = 1;
-    }
-    if (out_of_memory) throw std::bad_alloc();
+    });
   }
 
   // Adds an instance-major copy of the ranks (row i: instance i's rank of
@@ -279,16 +228,23 @@ public:
     const int64_t ni = static_cast<int64_t>(num_instances);
     // Blocks of instances, each row written whole, columns read forwards.
     const int64_t block = 1024;
-#pragma omp parallel for schedule(static)
-    for (int64_t first = 0; first < ni; first += block) {
-      const size_t last = static_cast<size_t>(std::min(first + block, ni));
+    const int64_t num_blocks = (ni + block - 1) / block;
+    for_each_index(num_blocks, default_team_size(), [&](int64_t b, const Worker&) {
+      const size_t first = static_cast<size_t>(b * block);
+      const size_t last = static_cast<size_t>(std::min((b + 1) * block, ni));
       for (size_t f = 0; f < nf; ++f) {
         const uint32_t* column = columns + f * num_instances;
-        for (size_t i = static_cast<size_t>(first); i < last; ++i) rows[i * nf + f] = ranked[f] ? column[i] : 0;
+        for (size_t i = first; i < last; ++i) rows[i * nf + f] = ranked[f] ? column[i] : 0;
       }
-    }
+    });
   }
   bool has_rows() const { return row_table.size() != 0; }
+  // Whether a node of node_size positions reads the instance-major copy:
+  // where there is one and the node holds under a sixteenth of the
+  // instances (a denser node reads most of a column's cache lines anyway,
+  // in order). 200,000 x 40 doubles, two threads: a sixteenth or a
+  // thirty-second equally fast, a fourth or a sixty-fourth 1-2% slower.
+  bool rows_serve(size_t node_size) const { return has_rows() && node_size * 16 < num_instances; }
   // Feature j's rank of instance i is row_ranks(j)[i * row_stride()].
   const uint32_t* row_ranks(size_t feature) const { return row_table.data() + feature; }
   size_t row_stride() const { return ranked.size(); }

@@ -90,8 +90,14 @@ private:
 // seed of 0 always means seeding from the device file.
 XorShiftRNGPool* get_pool(const std::string& fn, int max_threads, int seed, bool reinit);
 
-// The calling OpenMP thread's generator (lazily a one-generator pool).
+// The calling worker's generator (worker_number(), defs/parallel.h; lazily
+// a one-generator pool).
 XorShiftRNG* get_rng();
+
+// The same, refused with an Exception where get_rng would read past the
+// pool or find an empty slot: what learning uses, so that a pool seeded for
+// fewer threads than run fails clearly.
+XorShiftRNG& thread_generator();
 
 // Re-seeds the process-wide pool with 32 generators.
 void init_pool(const std::string& fn, int seed);

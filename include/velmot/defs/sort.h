@@ -8,19 +8,22 @@
 //   (value, label) grid when that grid and the range are small compared
 //   with n log2 n, the comparison sort otherwise;
 // - for floating-point features, ComparisonFlexiSort: a stable sort by value
-//   (radix sort of the values' bits, or a comparison sort for small ranges).
+//   (radix sort of the values' ordered_bits, or a comparison sort for small
+//   ranges).
 // RankSort and PackedRankSort serve floating-point features whose values were
-// ranked once per forest: they sort the ranks instead and leave them as ranks
-// for the split sweep.
+// ranked once per forest (and, packed, byte features, whose values serve as
+// ranks): they sort the ranks instead and leave them as ranks for the split
+// sweep (dataset/sorted_feature.h).
 //
 // Every sort here leaves the pairs ascending by value and, within equal
 // values, ascending by label: the counting sort's order. The comparison sort
 // may leave equal values in any order; choosing this one everywhere makes a
 // node's sorted pairs independent of the order its instances came in, so the
 // grower is free to keep its index list in whatever order gathers fastest,
-// and a tree does not depend on which of the sorts its nodes used. For real labels the counting sort writes each label back on
-// the grid lmin + b, b = trunc(trunc(l) - lmin): a fractional label comes back
-// moved (0.5 and 2.7 come back as 0.5 and 1.5). That rewriting is kept.
+// and a tree does not depend on which of the sorts its nodes used.
+// For real labels the counting sort writes each label back on the grid
+// lmin + b, b = trunc(trunc(l) - lmin): a fractional label comes back moved
+// (0.5 and 2.7 come back as 0.5 and 1.5). That rewriting is deliberate.
 //
 // Counting sort steps: find fmin, fmax, lmin, lmax; cells = fr * lr; choose
 // it when 2 max(n, cells) <= n log2 n; count each pair in its cell (cells of
@@ -29,12 +32,14 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstring>
 #include <cstdint>
 #include <limits>
 #include <type_traits>
 #include <utility>
 #include <vector>
+
+#include "velmot/defs/int32_limits.h"
+#include "velmot/defs/ordered_key.h"
 
 namespace Velmot {
 
@@ -106,9 +111,9 @@ struct LabelGrid {
   // Whether every label of [lmin, lmax] has a grid offset an int can hold.
   static bool fits(L lmin, L lmax) {
     if constexpr (std::is_integral<L>::value) {
-      return static_cast<int64_t>(lmax) - static_cast<int64_t>(lmin) < std::numeric_limits<int32_t>::max();
+      return static_cast<int64_t>(lmax) - static_cast<int64_t>(lmin) < int32_max;
     } else {
-      return lmin > -2147483648.0 && lmax < 2147483647.0;
+      return lmin > static_cast<double>(int32_min) && lmax < static_cast<double>(int32_max);
     }
   }
   static int64_t range(L lmin, L lmax) {
@@ -166,7 +171,7 @@ public:
     }
     const int64_t lr = Grid::range(lmin, lmax);
     const int64_t cells = fr * lr;
-    if (cells > std::numeric_limits<int32_t>::max()) {
+    if (!fits_in_int32(cells)) {
       sort_detail::comparison_sort(first, last);
       return;
     }
@@ -215,7 +220,7 @@ class ComparisonFlexiSort {
 
 public:
   typedef std::pair<F, L> pair_type;
-  typedef typename std::conditional<sizeof(F) == 8, uint64_t, uint32_t>::type key_type;
+  typedef OrderedKey<F> key_type;
 
   void resize(int, int) {}
 
@@ -237,16 +242,6 @@ public:
     order_equal_values_by_label(&*first, n);
   }
 
-  // Ascending unsigned keys in the order of the values: flip every bit of a
-  // negative value, only the sign bit of a positive one (-0 sorts just
-  // before +0, which compare equal anyway).
-  static key_type key_of(F value) {
-    key_type bits;
-    std::memcpy(&bits, &value, sizeof bits);
-    const key_type sign = key_type(1) << (8 * sizeof(key_type) - 1);
-    return (bits & sign) ? ~bits : (bits | sign);
-  }
-
 private:
   static constexpr size_t insertion_threshold = 32;
   static constexpr size_t radix_threshold = 256;
@@ -259,7 +254,7 @@ private:
     key_type* key_out = keys.data() + n;
     std::fill(&histogram[0][0], &histogram[0][0] + num_digits * 256, 0u);
     for (size_t i = 0; i < n; ++i) {
-      const key_type k = key_of(data[i].first);
+      const key_type k = ordered_bits(data[i].first);
       key[i] = k;
       for (size_t d = 0; d < num_digits; ++d) ++histogram[d][(k >> (8 * d)) & 0xFF];
     }
@@ -500,8 +495,8 @@ public:
     while (bits < 32 && (span >> bits) != 0) ++bits;
     // Few distinct keys for their number (byte values, say): one counting
     // pass over them all beats buckets full of equal keys.
-    const int ordered_bits = std::max(bits - skipped_bits, 1);
-    const bool dense = ordered_bits <= 11 && 8 * n >= (size_t(1) << ordered_bits);
+    const int order_bits = std::max(bits - skipped_bits, 1);
+    const bool dense = order_bits <= 11 && 8 * n >= (size_t(1) << order_bits);
     if (!dense && n <= bucket_sort_max && bucket_sort(n, base, bits)) return;
     radix_sort(n, base, bits, skipped_bits);
   }

@@ -31,6 +31,7 @@
 #include <vector>
 
 #include "velmot/defs/exception.h"
+#include "velmot/defs/int32_limits.h"
 #include "velmot/learn/tree.h"
 
 namespace Velmot {
@@ -49,7 +50,7 @@ namespace tree_text {
 template <class L>
 L label_from_number(double value, const std::string& token) {
   if constexpr (std::is_integral<L>::value) {
-    if (!(value > -2147483649.0 && value < 2147483648.0)) {
+    if (!fits_in_int32(value)) {
       throw Exception("label out of range: " + token);
     }
   }

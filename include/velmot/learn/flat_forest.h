@@ -30,9 +30,9 @@
 // full-depth trees of 12,500 nodes, 50,000 instances: 10 to 15 % less CPU
 // than breadth-first order).
 //
-// From the array encoding, the columns are checked exactly as
-// VectorizedTree::vector_to_root checks them, column by column, with the
-// same messages; columns unreachable from column 0 are checked but not laid
+// From the array encoding, the columns are read and checked by
+// read_tree_columns (tree_encoding.h), the reader every consumer of tree
+// arrays shares; columns unreachable from column 0 are checked but not laid
 // out.
 
 #include <algorithm>
@@ -45,7 +45,9 @@
 
 #include "velmot/defs/contiguous_array_2d.h"
 #include "velmot/defs/exception.h"
+#include "velmot/defs/int32_limits.h"
 #include "velmot/learn/tree.h"
+#include "velmot/learn/tree_encoding.h"
 
 namespace Velmot {
 
@@ -72,7 +74,7 @@ inline FlatNode stand_in_at(size_t position) { return FlatNode{stand_in_mark, -1
 
 // Positions are int32: refuses a tree whose layout would need more.
 inline void require_position(size_t position) {
-  if (position > static_cast<size_t>(std::numeric_limits<int32_t>::max())) {
+  if (!fits_in_int32(position)) {
     throw Exception("tree has too many nodes to predict with");
   }
 }
@@ -130,8 +132,8 @@ struct FlatTree {
   std::vector<FlatNode> nodes;  // empty only for a null root handed to the library
   // Extremes of the split nodes' features (an empty range without splits):
   // the data's features are checked against them before any walk.
-  int32_t lowest_feature = std::numeric_limits<int32_t>::max();
-  int32_t highest_feature = std::numeric_limits<int32_t>::min();
+  int32_t lowest_feature = int32_max;
+  int32_t highest_feature = int32_min;
 
   void note_split_feature(int32_t f) {
     lowest_feature = std::min(lowest_feature, f);
@@ -175,52 +177,26 @@ FlatTree flatten_tree(const Node<L>* root) {
 // many trees: fresh buffers for every tree cost page faults (about a third
 // of the time for 100 trees of 12,500 columns).
 struct EncodedTreeScratch {
-  // One column of the encoding, read once and checked.
-  struct Column {
-    double threshold;
-    int32_t left, right, feature, label;
-  };
-  std::vector<Column> columns;
+  std::vector<EncodedColumn> columns;
   std::vector<char> has_parent;
   std::vector<int32_t> column_at;  // the column at each position, -1 for a stand-in
   std::vector<int32_t> pending;    // positions still to lay out, a stack
 };
 
 // Lays out the tree of n >= 1 columns given as five strided rows of the
-// array encoding (E: float or double), refusing what vector_to_root
-// refuses, with the same messages, in the same column order.
+// array encoding (E: float or double), read by read_tree_columns.
 template <class E>
 FlatTree flatten_encoded_tree(int n, const Array1D<E>& left_row, const Array1D<E>& right_row,
                               const Array1D<E>& feature_row, const Array1D<E>& threshold_row,
                               const Array1D<E>& label_row, EncodedTreeScratch& scratch) {
   using namespace flat_forest;
-  using tree_encoding::child_column;
-  using tree_encoding::truncate_to_int;
-  const size_t count = static_cast<size_t>(n);
   // The columns are read once, in order, into one record each: the layout
   // below visits them depth first, and scattered reads of one record cost
   // less than of five rows (measured for 100 trees of 12,500 columns, CPU
   // on a loaded machine: 36 ms against 42 ms).
-  std::vector<EncodedTreeScratch::Column>& columns = scratch.columns;
-  std::vector<char>& has_parent = scratch.has_parent;
-  columns.resize(count);
-  has_parent.assign(count, 0);
-  size_t with_children = 0;
-  for (size_t i = 0; i < count; ++i) {
-    EncodedTreeScratch::Column& column = columns[i];
-    column.left = static_cast<int32_t>(child_column(static_cast<double>(left_row[i]), n));
-    column.right = static_cast<int32_t>(child_column(static_cast<double>(right_row[i]), n));
-    for (const int32_t child : {column.left, column.right}) {
-      if (child < 0) continue;
-      if (child == 0) throw Exception("tree array: the root (column 0) cannot be a child");
-      if (has_parent[static_cast<size_t>(child)]) throw Exception("tree array: a node is the child of more than one node");
-      has_parent[static_cast<size_t>(child)] = 1;
-    }
-    with_children += (column.left >= 0 || column.right >= 0);
-    column.feature = truncate_to_int(static_cast<double>(feature_row[i]), "feature index");
-    column.label = truncate_to_int(static_cast<double>(label_row[i]), "label");
-    column.threshold = static_cast<double>(threshold_row[i]);
-  }
+  const std::vector<EncodedColumn>& columns = scratch.columns;
+  const size_t with_children = read_tree_columns(n, left_row, right_row, feature_row, threshold_row, label_row,
+                                                 scratch.columns, scratch.has_parent);
 
   // No column has two parents and the root has none, so the walk from
   // column 0 meets every reachable column once, and the layout needs at
@@ -244,7 +220,7 @@ FlatTree flatten_encoded_tree(int n, const Array1D<E>& left_row, const Array1D<E
       tree.nodes[position] = stand_in_at(position);
       continue;
     }
-    const EncodedTreeScratch::Column& column = columns[static_cast<size_t>(column_at[position])];
+    const EncodedColumn& column = columns[static_cast<size_t>(column_at[position])];
     if (column.left < 0 && column.right < 0) {
       tree.nodes[position] = leaf_at(position, column.label);
       continue;

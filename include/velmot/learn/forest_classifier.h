@@ -24,12 +24,10 @@
 // D, the data set, needs get_num_instances(), get_num_features(),
 // get_num_classes(), get_labeling() and operator()(i, j).
 //
-// Nothing is thrown inside a parallel region: the forest is checked against
-// the data's feature count before any region, and a descent that reaches a
-// missing child (possible only in a hand-made tree with one child) is
-// recorded and reported after the region.
-
-#include <omp.h>
+// The forest is checked against the data's feature count before any
+// parallel work; a descent that reaches a missing child (possible only in a
+// hand-made tree with one child) stops the team and is reported after it
+// (run_team, defs/parallel.h).
 
 #include <algorithm>
 #include <cstddef>
@@ -41,6 +39,7 @@
 #include "velmot/defs/contiguous_array_2d.h"
 #include "velmot/defs/exception.h"
 #include "velmot/defs/labeling.h"
+#include "velmot/defs/parallel.h"
 #include "velmot/learn/flat_forest.h"
 #include "velmot/learn/tree.h"
 
@@ -192,8 +191,8 @@ private:
   }
 
   // Runs body(i, tally) for every instance, tally pointing at the instance's
-  // counts.size() vote counts. Each thread works on its own blocks of
-  // instances with its own tallies; body must not throw.
+  // counts.size() vote counts. Each worker takes blocks of instances with
+  // its own tallies; body runs on the workers, for whole blocks only.
   template <class D, class Body>
   void for_each_instance(const D& data, Body&& body);
 
@@ -216,17 +215,14 @@ int BaseForestClassifier<L>::predict(const D& data, size_t instance_index) {
   clear();
   votes_for_each_tree.resize(static_cast<size_t>(forest_size));
   auto value_of = [&](int32_t f) { return static_cast<double>(data(instance_index, static_cast<size_t>(f))); };
-  int missing = 0;
-#pragma omp parallel for schedule(static) reduction(| : missing)
-  for (int k = 0; k < forest_size; ++k) {
-    const FlatNode* leaf = flat_forest::find_leaf(trees.tree(static_cast<size_t>(k)), value_of);
-    if (flat_forest::is_stand_in(*leaf)) {
-      missing = 1;
-    } else {
-      votes_for_each_tree[k] = flat_forest::label_of(*leaf);
+  run_team(std::min(default_team_size(), forest_size), [&](const Worker& w) {
+    const Block block = block_of(forest_size, w);
+    for (int64_t k = block.first; k < block.last && !w.stopped(); ++k) {
+      const FlatNode* leaf = flat_forest::find_leaf(trees.tree(static_cast<size_t>(k)), value_of);
+      if (flat_forest::is_stand_in(*leaf)) throw forest_prediction::missing_child();
+      votes_for_each_tree[static_cast<size_t>(k)] = flat_forest::label_of(*leaf);
     }
-  }
-  if (missing) throw forest_prediction::missing_child();
+  });
   for (int k = 0; k < forest_size; ++k) vote(votes_for_each_tree[k], 1);
   return majority(counts.data(), counts.size());
 }
@@ -251,7 +247,7 @@ void BaseForestClassifier<L>::for_each_instance(const D& data, Body&& body) {
   // leaves several blocks per thread to balance the load.
   const size_t slots = counts.size();
   const size_t stride = data.get_num_features() + 1;
-  const int team = std::max(omp_get_max_threads(), 1);
+  const int team = default_team_size();
   const int64_t batched = num_instances - 1;
   const size_t cap = size_t(1) << 19;
   const int64_t block_size = std::max<int64_t>(
@@ -259,40 +255,34 @@ void BaseForestClassifier<L>::for_each_instance(const D& data, Body&& body) {
                             static_cast<int64_t>(std::min(cap / stride, cap / std::max<size_t>(slots, 1)))));
   const int64_t num_blocks = (batched + block_size - 1) / block_size;
   const size_t num_trees = trees.size();
-  // Every thread's buffers are allocated here, where an allocation failure
-  // can still be reported: nothing may throw inside the region.
+  // Every worker's buffers are allocated before the team, once.
   const size_t tally_cells = static_cast<size_t>(block_size) * slots;
   const size_t value_cells = static_cast<size_t>(block_size) * stride;
   std::vector<int> all_tallies(static_cast<size_t>(team) * tally_cells);
   std::vector<double> all_values(static_cast<size_t>(team) * value_cells);
-  int missing = 0;
-#pragma omp parallel num_threads(team) reduction(| : missing)
-  {
-    int* const tallies = all_tallies.data() + static_cast<size_t>(omp_get_thread_num()) * tally_cells;
-    double* const values = all_values.data() + static_cast<size_t>(omp_get_thread_num()) * value_cells;
-#pragma omp for schedule(dynamic, 1)
-    for (int64_t b = 0; b < num_blocks; ++b) {
-      if (missing) continue;
-      const int64_t begin = b * block_size;
-      const int64_t end = std::min(begin + block_size, batched);
-      forest_prediction::gather_block(data, static_cast<size_t>(begin), static_cast<size_t>(end), stride, values);
-      std::fill(tallies, tallies + tally_cells, 0);
-      for (size_t t = 0; t < num_trees && !missing; t += 2) {
-        if (t + 1 < num_trees) {
-          const FlatNode* roots[2] = {trees.tree(t), trees.tree(t + 1)};
-          missing = !forest_prediction::walk_block<8, 2>(roots, values + 1, stride, end - begin, tallies, slots);
-        } else {
-          const FlatNode* roots[1] = {trees.tree(t)};
-          missing = !forest_prediction::walk_block<8, 1>(roots, values + 1, stride, end - begin, tallies, slots);
-        }
+  for_each_index(num_blocks, team, [&](int64_t b, const Worker& w) {
+    int* const tallies = all_tallies.data() + static_cast<size_t>(w.number) * tally_cells;
+    double* const values = all_values.data() + static_cast<size_t>(w.number) * value_cells;
+    const int64_t begin = b * block_size;
+    const int64_t end = std::min(begin + block_size, batched);
+    forest_prediction::gather_block(data, static_cast<size_t>(begin), static_cast<size_t>(end), stride, values);
+    std::fill(tallies, tallies + tally_cells, 0);
+    for (size_t t = 0; t < num_trees && !w.stopped(); t += 2) {
+      bool reached_leaves;
+      if (t + 1 < num_trees) {
+        const FlatNode* roots[2] = {trees.tree(t), trees.tree(t + 1)};
+        reached_leaves = forest_prediction::walk_block<8, 2>(roots, values + 1, stride, end - begin, tallies, slots);
+      } else {
+        const FlatNode* roots[1] = {trees.tree(t)};
+        reached_leaves = forest_prediction::walk_block<8, 1>(roots, values + 1, stride, end - begin, tallies, slots);
       }
-      if (missing) continue;
-      for (int64_t i = begin; i < end; ++i) {
-        body(static_cast<size_t>(i), tallies + static_cast<size_t>(i - begin) * slots);
-      }
+      if (!reached_leaves) throw forest_prediction::missing_child();
     }
-  }
-  if (missing) throw forest_prediction::missing_child();
+    if (w.stopped()) return;
+    for (int64_t i = begin; i < end; ++i) {
+      body(static_cast<size_t>(i), tallies + static_cast<size_t>(i - begin) * slots);
+    }
+  });
   const size_t last = static_cast<size_t>(num_instances - 1);
   predict(data, last);
   body(last, counts.data());

@@ -3,33 +3,34 @@
 
 // learn_forest: a forest of trees on the default OpenMP team.
 //
-// Steps: check the input (everything that could fail inside the parallel
-// region is refused here, with an Exception, since an exception cannot
-// leave the region); then each thread t of T learns the contiguous block of
-// trees [t c, min((t+1) c, forest_size)), c = ceil(forest_size / T), each
-// from its own bootstrap sample drawn with the thread's generator. The
-// static schedule is deliberate: which generator learns which tree depends
-// only on T and forest_size, so a re-seeded pool reproduces the forest.
-// Importances are summed per thread and merged once per thread in one
-// critical section, then scaled by 1 / forest_size (0 trees: NaN).
+// Steps: check the input (bad input is refused before any tree is grown;
+// what fails later, such as an allocation, frees the trees grown so far and
+// is rethrown); then each worker t of T (run_team, defs/parallel.h) learns
+// the contiguous block of trees [t c, min((t+1) c, forest_size)),
+// c = ceil(forest_size / T), each from its own bootstrap sample drawn with
+// the worker's generator. The static schedule is deliberate: which
+// generator learns which tree depends only on T and forest_size, so a
+// re-seeded pool reproduces the forest. Importances are summed per worker,
+// the sums added in worker order, then scaled by 1 / forest_size (0 trees:
+// NaN).
 //
 // D is a MemoryDataSet; ImportanceVector is a vector of doubles sized by the
 // caller (normally one entry per feature).
 
-#include <omp.h>
-
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
-#include <exception>
 #include <new>
 #include <string>
 #include <type_traits>
 #include <vector>
 
+#include "velmot/dataset/bootstrap.h"
 #include "velmot/dataset/feature_ranks.h"
-#include "velmot/dataset/index_dataset.h"
+#include "velmot/dataset/node_sample.h"
 #include "velmot/defs/exception.h"
+#include "velmot/defs/int32_limits.h"
+#include "velmot/defs/parallel.h"
 #include "velmot/defs/random.h"
 #include "velmot/learn/learn_tree.h"
 #include "velmot/learn/tree.h"
@@ -58,13 +59,15 @@ template <class D>
 void check_forest_input(const D& data, int forest_size, double sample_prop, size_t importance_size,
                         bool compute_feature_importances) {
   const size_t ni = data.get_num_instances();
-  if (ni > 2147483647u) throw IncompatibleDataException("data set has more than 2147483647 instances");
-  const double sample_size = sample_prop * static_cast<double>(ni);
-  if (!(sample_size >= 0.0) || !(sample_size < 2147483648.0)) {
-    throw Exception("sample_prop must make a bootstrap sample of 0 to 2147483647 instances");
+  if (!fits_in_int32(ni)) {
+    throw IncompatibleDataException("data set has more than " + std::to_string(int32_max) + " instances");
   }
-  if (data.get_num_features() > 2147483647u) throw IncompatibleDataException("data set has too many features");
-  if (data.get_num_classes() > 2147483645u) throw IncompatibleDataException("data set has too many classes");
+  const double sample_size = sample_prop * static_cast<double>(ni);
+  if (!fits_in_int32_count(sample_size)) {
+    throw Exception("sample_prop must make a bootstrap sample of 0 to " + std::to_string(int32_max) + " instances");
+  }
+  if (!fits_in_int32(data.get_num_features())) throw IncompatibleDataException("data set has too many features");
+  if (data.get_num_classes() > max_num_classes) throw IncompatibleDataException("data set has too many classes");
   for (size_t i = 0; i < ni; ++i) {
     if (!label_fits_histogram(data.get_label(i), data.get_num_classes())) {
       throw IncompatibleDataException("a label lies outside the range of classes");
@@ -80,7 +83,7 @@ void check_forest_input(const D& data, int forest_size, double sample_prop, size
 
   // Every thread that learns a tree needs its own generator. Making the pool
   // here (if it does not exist yet) also keeps threads from racing to make it.
-  const int needed = threads_with_trees(forest_size, omp_get_max_threads());
+  const int needed = threads_with_trees(forest_size, default_team_size());
   if (needed == 0) return;
   XorShiftRNGPool* pool = get_pool("", 1, 0, false);
   for (int t = 0; t < needed; ++t) {
@@ -151,59 +154,43 @@ std::vector<Node<typename D::label_type>*> learn_forest(const D& data,
     }
   }
 
-  // Failures inside the region (only allocation failures can remain) are
-  // carried out of it instead of ending the process.
-  std::exception_ptr failure;
-#pragma omp parallel
-  {
-    bool failed = false;
-    auto record_failure = [&failed, &failure]() {
-      failed = true;
-#pragma omp critical
-      if (!failure) failure = std::current_exception();
-    };
-    std::vector<double> tree_importances, scratch;
-    try {
-      tree_importances.assign(num_importances, 0.0);
-      scratch.assign(num_importances, 0.0);
-    } catch (...) {
-      record_failure();
-    }
-    const int64_t team = omp_get_num_threads();
-    const int64_t t = omp_get_thread_num();
-    const int64_t chunk = forest_size / team + (forest_size % team != 0 ? 1 : 0);
-    const int64_t first = std::min<int64_t>(t * chunk, forest_size);
-    const int64_t last = std::min<int64_t>((t + 1) * chunk, forest_size);
-    for (int64_t k = first; k < last && !failed; ++k) {
-      try {
+  // Each worker sums its trees' importances in its own row; the rows are
+  // added in worker order after the team, so the result does not depend on
+  // which thread finished first. A failure in any worker frees every tree.
+  const int team = default_team_size();
+  std::vector<std::vector<double>> sums(static_cast<size_t>(team));
+  try {
+    run_team(team, [&](const Worker& w) {
+      std::vector<double> tree_importances(num_importances, 0.0);
+      std::vector<double>& sum = sums[static_cast<size_t>(w.number)];
+      sum.assign(num_importances, 0.0);
+      const Block block = block_of(forest_size, w);
+      for (int64_t k = block.first; k < block.last && !w.stopped(); ++k) {
         XorShiftRNG& rng = thread_generator();
         IndexedDataSet<D> sample = random_subset_iid(&data, sample_prop, rng);
         sample.ranks = &ranks;
         if (compute_feature_importances) std::fill(tree_importances.begin(), tree_importances.end(), 0.0);
-        retval[static_cast<size_t>(k)] = learn_tree(sample, fte_per_split, max_depth, min_leaf_size, criteria,
-                                                    compute_feature_importances, tree_importances);
+        // check_forest_input checked what learn_tree would check per tree.
+        retval[static_cast<size_t>(k)] = grow_tree(sample, fte_per_split, max_depth, min_leaf_size, criteria,
+                                                   compute_feature_importances, tree_importances);
         if (compute_feature_importances) {
-          for (size_t j = 0; j < num_importances; ++j) scratch[j] += tree_importances[j];
+          for (size_t j = 0; j < num_importances; ++j) sum[j] += tree_importances[j];
         }
-      } catch (...) {
-        record_failure();
       }
-    }
-#pragma omp barrier
-#pragma omp critical
-    {
-      if (compute_feature_importances && !failed) {
-        size_t j = 0;
-        for (auto& value : feature_importances) value += scratch[j++];
-      }
-    }
-  }
-  if (failure) {
+    });
+  } catch (...) {
     for (NodeType*& tree : retval) {
       delete tree;
       tree = nullptr;
     }
-    std::rethrow_exception(failure);
+    throw;
+  }
+  if (compute_feature_importances) {
+    for (const std::vector<double>& sum : sums) {
+      if (sum.empty()) continue;
+      size_t j = 0;
+      for (auto& value : feature_importances) value += sum[j++];
+    }
   }
 
   if (compute_feature_importances) {

@@ -9,35 +9,34 @@
 // touches no process-wide state: no pool, no lock.
 //
 // Steps: check the input (before any thread starts); hand trees out to the
-// threads one at a time (dynamic schedule: trees differ in size); for each
+// workers one at a time (for_each_index, defs/parallel.h: a dynamic
+// schedule, since trees differ in size, and a forked child runs the
+// workers' shares on the calling thread); for each
 // tree draw its sample, grow it with learn_tree, flatten it into
 // ForestArrays and add its in-bag counts and impurities; record its
 // normalised importances. Trees are joined in tree order after the region.
 //
 // Progress: trees_done grows by one per finished tree; setting cancel makes
-// the threads skip the trees they have not started (the result is then
-// marked cancelled and holds no trees). A failure inside the region
-// cancels the rest and is rethrown after it.
-
-#include <omp.h>
+// the workers skip the trees they have not started (the result is then
+// marked cancelled and holds no trees). A failure inside the team stops
+// the handing out of trees and is rethrown after it.
 
 #include <algorithm>
-#include <atomic>
-#include <cmath>
 #include <cstdint>
-#include <exception>
-#include <limits>
 #include <memory>
 #include <vector>
 
-#include "velmot/dataset/index_dataset.h"
-#include "velmot/learn/training_set.h"
+#include "velmot/dataset/bootstrap.h"
+#include "velmot/dataset/node_sample.h"
 #include "velmot/defs/exception.h"
+#include "velmot/defs/int32_limits.h"
+#include "velmot/defs/parallel.h"
 #include "velmot/defs/tree_seeds.h"
 #include "velmot/learn/forest_arrays.h"
 #include "velmot/learn/learn_tree.h"
 #include "velmot/learn/learning_progress.h"
 #include "velmot/learn/node_statistics.h"
+#include "velmot/learn/training_set.h"
 #include "velmot/stats/label_accumulator.h"
 
 namespace Velmot {
@@ -66,9 +65,11 @@ void check_seeded_forest_input(const TrainingSet<F>& set, const SeededForestSett
   const MemoryDataSet<F, int>& data = set.data;
   const size_t ni = data.get_num_instances();
   if (ni == 0) throw IncompatibleDataException("data set is empty");
-  if (ni > 2147483647u) throw IncompatibleDataException("data set has more than 2147483647 instances");
-  if (data.get_num_features() > 2147483647u) throw IncompatibleDataException("data set has too many features");
-  if (data.get_num_classes() > 2147483645u) throw IncompatibleDataException("data set has too many classes");
+  if (!fits_in_int32(ni)) throw IncompatibleDataException("data set has more than 2147483647 instances");
+  if (!fits_in_int32(data.get_num_features())) throw IncompatibleDataException("data set has too many features");
+  if (data.get_num_classes() > static_cast<size_t>(max_num_classes)) {
+    throw IncompatibleDataException("data set has too many classes");
+  }
   const double sample_size = settings.sample_prop * static_cast<double>(ni);
   if (!(sample_size >= 0.0) || !(sample_size < 2147483648.0)) {
     throw Exception("sample_prop must make a bootstrap sample of 0 to 2147483647 instances");
@@ -97,30 +98,21 @@ SeededForest learn_seeded_forest(const TrainingSet<F>& set, const SeededForestSe
   SeededForest forest;
   forest.tree_importances.assign(static_cast<size_t>(num_trees) * nf, 0.0);
 
-  std::exception_ptr failure;
-#pragma omp parallel for schedule(dynamic, 1) num_threads(settings.num_threads)
-  for (int64_t j = 0; j < num_trees; ++j) {
-    if (progress.cancel.load(std::memory_order_relaxed)) continue;
-    try {
-      XorShiftRNG rng = tree_generator(settings.seed, static_cast<uint64_t>(settings.first_tree + j));
-      IndexedDataSet<D> sample = random_subset_iid(&data, settings.sample_prop, rng);
-      sample.ranks = &set.ranks;
-      std::vector<double> importances(nf, 0.0);
-      std::unique_ptr<Node<int>> root(learn_tree(sample, settings.fte_per_split, settings.max_depth,
-                                                 settings.min_leaf_size, criteria, true, importances, rng));
-      ForestArrays& tree = trees[static_cast<size_t>(j)];
-      tree = flatten_tree(*root);
-      root.reset();
-      fill_node_statistics(tree, data, sample.indices, impurity_measure_of<Criterion>());
-      std::copy(importances.begin(), importances.end(), forest.tree_importances.begin() + j * nf);
-      progress.trees_done.fetch_add(1, std::memory_order_relaxed);
-    } catch (...) {
-#pragma omp critical(velmot_seeded_forest_failure)
-      if (!failure) failure = std::current_exception();
-      progress.cancel.store(true, std::memory_order_relaxed);
-    }
-  }
-  if (failure) std::rethrow_exception(failure);
+  for_each_index(num_trees, settings.num_threads, [&](int64_t j, const Worker&) {
+    if (progress.cancel.load(std::memory_order_relaxed)) return;
+    XorShiftRNG rng = tree_generator(settings.seed, static_cast<uint64_t>(settings.first_tree + j));
+    IndexedDataSet<D> sample = random_subset_iid(&data, settings.sample_prop, rng);
+    sample.ranks = &set.ranks;
+    std::vector<double> importances(nf, 0.0);
+    std::unique_ptr<Node<int>> root(grow_tree(sample, settings.fte_per_split, settings.max_depth,
+                                              settings.min_leaf_size, criteria, true, importances, rng));
+    ForestArrays& tree = trees[static_cast<size_t>(j)];
+    tree = flatten_tree(*root);
+    root.reset();
+    fill_node_statistics(tree, data, sample.indices, impurity_measure_of<Criterion>());
+    std::copy(importances.begin(), importances.end(), forest.tree_importances.begin() + j * static_cast<int64_t>(nf));
+    progress.trees_done.fetch_add(1, std::memory_order_relaxed);
+  });
   if (progress.cancel.load()) {
     forest.cancelled = true;
     forest.tree_importances.clear();

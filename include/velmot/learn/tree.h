@@ -16,6 +16,7 @@
 
 #include "velmot/defs/contiguous_array_2d.h"
 #include "velmot/defs/exception.h"
+#include "velmot/learn/tree_encoding.h"
 
 namespace Velmot {
 
@@ -127,12 +128,10 @@ public:
   }
 
   // Rebuilds linked nodes from five views of length n >= 1 and returns the
-  // root (column 0), owned by the caller. Any numbering with the root in
-  // column 0 is accepted. An encoding that would make descent or deletion
-  // undefined (a child index past the end, a node with two parents, the
-  // root as somebody's child) is rejected with an Exception before any node
-  // is linked; columns unreachable from the root are freed, not leaked.
-  // With keep set, the sequences are filled too (feature_index only sized).
+  // root (column 0), owned by the caller. The columns are read and checked
+  // by read_tree_columns (tree_encoding.h) before any node is built;
+  // columns unreachable from the root are freed, not leaked. With keep set,
+  // the sequences are filled too (feature_index only sized).
   template <class E>
   Node<L>* vector_to_root(int n, const Array1D<E>& left_view, const Array1D<E>& right_view,
                           const Array1D<E>& feature_view, const Array1D<E>& threshold_view,
@@ -179,53 +178,16 @@ void VectorizedTree<L>::root_to_vector(Node<L>* root_node) {
   }
 }
 
-namespace tree_encoding {
-
-// A child cell: a value of 0 or more is a column, a negative value or NaN
-// means no child (-1). Columns past the end are refused.
-inline int64_t child_column(double value, int n) {
-  if (!(value >= 0.0)) return -1;
-  if (value >= static_cast<double>(n)) throw Exception("tree array: child index out of range");
-  return static_cast<int64_t>(value);
-}
-
-// Truncation toward zero into int; values no int can hold are refused
-// rather than converted with undefined results.
-inline int truncate_to_int(double value, const char* what) {
-  if (!(value > -2147483649.0 && value < 2147483648.0)) {
-    throw Exception(std::string("tree array: ") + what + " out of range");
-  }
-  return static_cast<int>(value);
-}
-
-}  // namespace tree_encoding
-
 template <class L>
 template <class E>
 Node<L>* VectorizedTree<L>::vector_to_root(int n, const Array1D<E>& left_view, const Array1D<E>& right_view,
                                            const Array1D<E>& feature_view, const Array1D<E>& threshold_view,
                                            const Array1D<E>& label_view, bool keep) {
-  using tree_encoding::child_column;
-  using tree_encoding::truncate_to_int;
   const size_t count = static_cast<size_t>(n);
-
-  // Validate first, so nothing is allocated for a bad encoding.
-  std::vector<int64_t> left_of(count), right_of(count);
-  std::vector<char> has_parent(count, 0);
-  std::vector<int> feature_of(count);
-  std::vector<L> label_of(count);
-  for (size_t i = 0; i < count; ++i) {
-    left_of[i] = child_column(static_cast<double>(left_view[i]), n);
-    right_of[i] = child_column(static_cast<double>(right_view[i]), n);
-    for (const int64_t child : {left_of[i], right_of[i]}) {
-      if (child < 0) continue;
-      if (child == 0) throw Exception("tree array: the root (column 0) cannot be a child");
-      if (has_parent[child]) throw Exception("tree array: a node is the child of more than one node");
-      has_parent[child] = 1;
-    }
-    feature_of[i] = truncate_to_int(static_cast<double>(feature_view[i]), "feature index");
-    label_of[i] = static_cast<L>(truncate_to_int(static_cast<double>(label_view[i]), "label"));
-  }
+  // Checked first, so nothing is allocated for a bad encoding.
+  std::vector<EncodedColumn> columns;
+  std::vector<char> has_parent;
+  read_tree_columns(n, left_view, right_view, feature_view, threshold_view, label_view, columns, has_parent);
 
   std::vector<Node<L>*> built(count, nullptr);
   try {
@@ -236,20 +198,25 @@ Node<L>* VectorizedTree<L>::vector_to_root(int n, const Array1D<E>& left_view, c
   }
   if (keep) {
     nodes = built;
-    left.assign(left_of.begin(), left_of.end());
-    right.assign(right_of.begin(), right_of.end());
+    left.resize(count);
+    right.resize(count);
     feature_index.assign(count, 0);
     threshold.resize(count);
-    label = label_of;
-    for (size_t i = 0; i < count; ++i) threshold[i] = static_cast<double>(threshold_view[i]);
+    label.resize(count);
+    for (size_t i = 0; i < count; ++i) {
+      left[i] = columns[i].left;
+      right[i] = columns[i].right;
+      threshold[i] = columns[i].threshold;
+      label[i] = static_cast<L>(columns[i].label);
+    }
   }
   for (size_t i = 0; i < count; ++i) {
     Node<L>* node = built[i];
-    if (left_of[i] >= 0) node->set_left(built[left_of[i]]);
-    if (right_of[i] >= 0) node->set_right(built[right_of[i]]);
-    node->set_threshold(static_cast<double>(threshold_view[i]));
-    node->set_label(label_of[i]);
-    node->set_feature_index(feature_of[i]);
+    if (columns[i].left >= 0) node->set_left(built[static_cast<size_t>(columns[i].left)]);
+    if (columns[i].right >= 0) node->set_right(built[static_cast<size_t>(columns[i].right)]);
+    node->set_threshold(columns[i].threshold);
+    node->set_label(static_cast<L>(columns[i].label));
+    node->set_feature_index(columns[i].feature);
   }
 
   // Every node has at most one parent and the root none, so the columns
@@ -261,9 +228,9 @@ Node<L>* VectorizedTree<L>::vector_to_root(int n, const Array1D<E>& left_view, c
   while (!stack.empty()) {
     const size_t i = stack.back();
     stack.pop_back();
-    for (const int64_t child : {left_of[i], right_of[i]}) {
-      if (child >= 0 && !reachable[child]) {
-        reachable[child] = 1;
+    for (const int32_t child : {columns[i].left, columns[i].right}) {
+      if (child >= 0 && !reachable[static_cast<size_t>(child)]) {
+        reachable[static_cast<size_t>(child)] = 1;
         stack.push_back(static_cast<size_t>(child));
       }
     }

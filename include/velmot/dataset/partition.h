@@ -1,0 +1,99 @@
+#ifndef VELMOT_DATASET_PARTITION_H
+#define VELMOT_DATASET_PARTITION_H
+
+// Partitioning a node's positions of the sample once its split is chosen:
+// the instances going left (value below the threshold, compared in the
+// feature type; equal and not-a-number values go right, as in prediction)
+// move to the front of [begin, end), in place, and their number is
+// returned; the children then take the two sub-ranges.
+//
+// The partition is stable: each part keeps its positions in their order.
+// The grower keeps a node's positions ascending by instance number, so
+// that its gathers read each column forwards, and a stable partition keeps
+// both children ascending. The followed labels and the weights of the
+// positions (dataset/node_sample.h) move with them.
+//
+// S is an IndexedDataSet (dataset/node_sample.h).
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+#include "velmot/dataset/feature_ranks.h"
+
+namespace Velmot {
+
+// The right part of a partition, gathered before it is copied back behind
+// the left one: scratch the sample keeps across its nodes.
+template <class L>
+struct PartitionScratch {
+  std::vector<uint64_t> indices;
+  std::vector<L> labels;
+  std::vector<uint32_t> weights;
+};
+
+// Stable partition of positions [begin, end) by goes_left(instance); returns
+// the left count.
+template <class S, class GoesLeft>
+size_t partition_positions(S& sample, size_t begin, size_t end, GoesLeft goes_left) {
+  typedef typename S::label_type L;
+  PartitionScratch<L>& right_part = sample.partition_scratch;
+  uint64_t* index = sample.indices.data();
+  L* label = sample.labels_follow ? sample.position_labels.data() : nullptr;
+  uint32_t* weight = sample.position_weights.empty() ? nullptr : sample.position_weights.data();
+  right_part.indices.resize(end - begin);
+  if (label != nullptr) right_part.labels.resize(end - begin);
+  if (weight != nullptr) right_part.weights.resize(end - begin);
+  size_t left = begin, right = 0;
+  for (size_t p = begin; p < end; ++p) {
+    const uint64_t i = index[p];
+    if (goes_left(i)) {
+      index[left] = i;
+      if (label != nullptr) label[left] = label[p];
+      if (weight != nullptr) weight[left] = weight[p];
+      ++left;
+    } else {
+      right_part.indices[right] = i;
+      if (label != nullptr) right_part.labels[right] = label[p];
+      if (weight != nullptr) right_part.weights[right] = weight[p];
+      ++right;
+    }
+  }
+  const auto moved = static_cast<std::ptrdiff_t>(right);
+  std::copy(right_part.indices.begin(), right_part.indices.begin() + moved, index + left);
+  if (label != nullptr) std::copy(right_part.labels.begin(), right_part.labels.begin() + moved, label + left);
+  if (weight != nullptr) std::copy(right_part.weights.begin(), right_part.weights.begin() + moved, weight + left);
+  return left - begin;
+}
+
+// Instances whose value of the feature is below the threshold go left.
+template <class S>
+size_t partition_by_value(S& sample, size_t feature_index, size_t begin, size_t end,
+                          typename S::feature_type threshold) {
+  const auto* column = sample.dataset->column(feature_index);
+  return partition_positions(sample, begin, end, [column, threshold](uint64_t i) { return column[i] < threshold; });
+}
+
+// The same for a ranked feature, given the first rank whose value is not
+// below the threshold (among the ranks present in the range): reads 4-byte
+// ranks instead of values, from the instance-major copy where a small node
+// gains by it (FeatureRanks::rows_serve).
+template <class S, class F>
+size_t partition_by_rank(S& sample, const FeatureRanks<F>& ranks, size_t feature_index, size_t begin, size_t end,
+                         uint32_t first_right_rank) {
+  if (ranks.rows_serve(end - begin)) {
+    const uint32_t* rank_of = ranks.row_ranks(feature_index);
+    const size_t stride = ranks.row_stride();
+    return partition_positions(sample, begin, end, [rank_of, stride, first_right_rank](uint64_t i) {
+      return rank_of[i * stride] < first_right_rank;
+    });
+  }
+  const uint32_t* rank_of = ranks.ranks(feature_index);
+  return partition_positions(sample, begin, end,
+                             [rank_of, first_right_rank](uint64_t i) { return rank_of[i] < first_right_rank; });
+}
+
+}  // namespace Velmot
+
+#endif
