@@ -15,6 +15,9 @@ writes results.md, results.json and benchmark.png under bench/results/
 workloads or libraries are chosen).
 
 Workloads (full size; --quick shrinks them):
+  W0  small-data latency: 100 trees on iris and on breast cancer, n_jobs 1
+      and 2, Velmot and scikit-learn alternating, one process per round;
+      --busy-core runs it with another process spinning on one core
   W1  make_classification 100,000 x 40 float64, 20 informative, 3 classes;
       100 trees, 6 features per split; predict 50,000 held-out instances
   W2  W1's data quantised to uint8, 256 levels per feature
@@ -82,7 +85,7 @@ class Sizes:
 FULL = Sizes(100_000, 50_000, 100, 500, (25_000, 50_000, 100_000, 200_000), 600)
 QUICK = Sizes(4_000, 2_000, 10, 50, (2_000, 4_000, 8_000), 60)
 
-WORKLOADS = ("W1", "W2", "W3", "W4")
+WORKLOADS = ("W0", "W1", "W2", "W3", "W4")
 
 
 @dataclasses.dataclass
@@ -100,6 +103,77 @@ class Case:
     def key(self):
         # W4 at W1's size is W1 itself: the same data, so it is run once.
         return (self.X_train.dtype.str, self.X_train.shape, self.n_trees, self.workload == "W3")
+
+
+# ---------------------------------------------------------------- W0
+
+# One process per library, thread count and round: a warm-up fit per data
+# set, then `repeats` timed fits; prints {data set: [seconds, ...]}.
+SMALL_DATA_FITS = r"""
+import json, sys, time
+from sklearn.datasets import load_breast_cancer, load_iris
+library, threads, repeats = sys.argv[1], int(sys.argv[2]), int(sys.argv[3])
+if library == "Velmot":
+    from velmot import RandomForestClassifier
+else:
+    from sklearn.ensemble import RandomForestClassifier
+seconds = {}
+for name, load in (("iris", load_iris), ("breast cancer", load_breast_cancer)):
+    X, y = load(return_X_y=True)
+    RandomForestClassifier(n_estimators=100, n_jobs=threads, random_state=0).fit(X, y)
+    seconds[name] = []
+    for _ in range(repeats):
+        started = time.perf_counter()
+        RandomForestClassifier(n_estimators=100, n_jobs=threads, random_state=0).fit(X, y)
+        seconds[name].append(time.perf_counter() - started)
+print(json.dumps(seconds))
+"""
+
+
+def small_data_latency(rounds, repeats, busy_core, omp_wait):
+    """W0: fit seconds of 100 trees on two small data sets, per library and
+    n_jobs, as (data set, library, n_jobs, median, 10th and 90th percentile)
+    over rounds x repeats fits, the libraries alternating round by round."""
+    spinner = subprocess.Popen([sys.executable, "-c", "while True: pass"]) if busy_core else None
+    env = dict(os.environ, OMP_WAIT_POLICY="PASSIVE") if omp_wait == "passive" else None
+    samples = {}
+    try:
+        for _ in range(rounds):
+            for library in ("Velmot", "scikit-learn"):
+                for threads in (1, 2):
+                    result = subprocess.run(
+                        [sys.executable, "-c", SMALL_DATA_FITS, library, str(threads), str(repeats)],
+                        capture_output=True, text=True, check=True, env=env,
+                    )
+                    for name, seconds in json.loads(result.stdout).items():
+                        samples.setdefault((name, library, threads), []).extend(seconds)
+    finally:
+        if spinner is not None:
+            spinner.kill()
+            spinner.wait()
+    return [
+        (name, library, threads, *np.percentile(seconds, [50, 10, 90]))
+        for (name, library, threads), seconds in sorted(samples.items())
+    ]
+
+
+def small_data_markdown(rows, busy_core):
+    lines = [
+        "## W0: small-data latency (100 trees" + (", another process spinning on one core)" if busy_core else ")"),
+        "",
+        "Fit milliseconds: median (10th-90th percentile) of every timed fit.",
+        "",
+        "| data set | n_jobs | Velmot | scikit-learn | Velmot speed-up |",
+        "|---|---|---|---|---|",
+    ]
+    table = {(name, library, threads): (median, low, high) for name, library, threads, median, low, high in rows}
+    for name, library, threads in sorted(table):
+        if library != "Velmot":
+            continue
+        mine, peer = table[(name, "Velmot", threads)], table[(name, "scikit-learn", threads)]
+        cells = [f"{1000 * m:.1f} ({1000 * lo:.1f}-{1000 * hi:.1f})" for m, lo, hi in (mine, peer)]
+        lines.append(f"| {name} | {threads} | {' | '.join(cells)} | {peer[0] / mine[0]:.1f}x |")
+    return lines + [""]
 
 
 # ---------------------------------------------------------------- data
@@ -465,6 +539,8 @@ def markdown_report(run, libraries, cases):
         ),
         "",
     ]
+    if "small_data_latency" in run:
+        lines += small_data_markdown(run["small_data_latency"], run.get("busy_core", False))
     for workload in ("W1", "W2", "W3"):
         case_rows = [r for r in rows if r["workload"] == workload]
         if not case_rows:
@@ -623,7 +699,10 @@ def draw_chart(run, libraries, path):
 def parse_arguments(argv):
     parser = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
     parser.add_argument("--quick", action="store_true", help="smaller sizes and forests: under 2 minutes")
-    parser.add_argument("--workloads", default=",".join(WORKLOADS), help="comma-separated subset of W1,W2,W3,W4")
+    parser.add_argument("--workloads", default=",".join(WORKLOADS), help="comma-separated subset of W0,W1,W2,W3,W4")
+    parser.add_argument(
+        "--busy-core", action="store_true", help="W0 with another process spinning on one core all along"
+    )
     parser.add_argument(
         "--libraries",
         default=",".join(lib.key.removesuffix("_rf") for lib in LIBRARIES),
@@ -717,6 +796,11 @@ def main(argv):
         except ImportError as error:
             print(f"no chart: {error} (bench/setup.sh installs matplotlib)", flush=True)
 
+    if "W0" in arguments.workloads:
+        rounds, repeats = (2, 5) if arguments.quick else (5, 10)
+        run["busy_core"] = arguments.busy_core
+        run["small_data_latency"] = small_data_latency(rounds, repeats, arguments.busy_core, arguments.omp_wait)
+        print("\n".join(small_data_markdown(run["small_data_latency"], arguments.busy_core)), flush=True)
     rows = run_cases(cases, libraries, arguments.threads, timeout, arguments.omp_wait, write_outputs)
     rounds = arguments.growth_rounds if arguments.growth_rounds is not None else 2 if arguments.quick else 5
     if rounds > 0 and VELMOT in libraries and any(c.workload == "W4" for c in cases):

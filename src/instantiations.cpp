@@ -7,3 +7,10 @@
 #define VELMOT_DEFINE_LEARN_FOREST(F, L, C) \
   template VELMOT_LEARN_FOREST_SIGNATURE(F, L, C) template VELMOT_LEARN_FOREST_REUSING_SIGNATURE(F, L, C)
 VELMOT_FOR_EACH_LEARNER(VELMOT_DEFINE_LEARN_FOREST)
+
+// The seeded learner of the package's core: every feature type and
+// criterion, class labels.
+#include "velmot/learn/seeded_forest.h"
+
+#define VELMOT_DEFINE_SEEDED_FOREST(F, L, C) template VELMOT_SEEDED_FOREST_SIGNATURE(F, L, C)
+VELMOT_FOR_EACH_SEEDED_LEARNER(VELMOT_DEFINE_SEEDED_FOREST)

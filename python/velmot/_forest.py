@@ -3,14 +3,13 @@
 from numbers import Integral, Real
 
 import numpy as np
-import PyVelmot_wrap
 from sklearn.base import BaseEstimator, ClassifierMixin
 from sklearn.utils._param_validation import Interval, RealNotInt, StrOptions
 from sklearn.utils.multiclass import check_classification_targets
 from sklearn.utils.validation import check_is_fitted, validate_data
 
+from . import _core
 from ._features import (
-    MODULE_LETTERS,
     as_module_dtype,
     check_splittable,
     feature_major,
@@ -19,8 +18,9 @@ from ._features import (
     upper_medians,
 )
 from ._fork import threads_for_call
-from ._learning import CRITERION_SUFFIXES, learn_forest
+from ._learning import CRITERION_NAMES, learn_forest
 from ._model_file import check, float_vector, split_trees, write_model_file
+from ._nodes import ForestNodes
 from ._settings import MAX_INT32, POOL_SIZE, resolve_settings, thread_count
 
 
@@ -60,13 +60,13 @@ class RandomForestClassifier(ClassifierMixin, BaseEstimator):
         set, or None for as many draws as there are training samples.
     n_jobs : int or None, default=None
         Number of threads for fit and predict. None means 1, -1 all cores,
-        -2 all but one and so on; at most 32, the size of the library's pool
-        of random generators.
+        -2 all but one and so on; at most 32. It does not change the forest.
     random_state : int, RandomState instance or None, default=None
-        An int (0 included) gives the same forest on every fit with the same
-        ``n_jobs`` and data; a RandomState instance is drawn from, so
-        successive fits differ; None seeds from fresh entropy. The forest
-        depends on the number of threads.
+        The forest depends on the seed and the data only: tree k is grown
+        from a generator made from (seed, k). An int (0 included) is the seed
+        itself, so every fit on the same data gives the same forest, whatever
+        ``n_jobs``; a RandomState instance is drawn from once per fit, so
+        successive fits differ; None seeds from fresh entropy.
     verbose : int, default=0
         Above 0, a progress bar is shown while trees are learnt. It does not
         change the forest.
@@ -82,15 +82,21 @@ class RandomForestClassifier(ClassifierMixin, BaseEstimator):
     feature_names_in_ : ndarray of shape (n_features_in_,)
         Column names, when X was a DataFrame with string column names.
     feature_importances_ : ndarray of shape (n_features_in_,)
-        Mean over the trees of each tree's normalised impurity decreases.
-        Trees without any informative split carry no importances; the
-        library averages trees in batches, and a batch holding such a tree is
-        left out of the mean. All zeros if no tree split at all.
+        Mean over the trees of each tree's normalised impurity decreases,
+        summed in tree order. Trees without any informative split carry no
+        importances and are left out of the mean. All zeros if no tree split
+        at all.
     trees_ : list of ndarray of shape (5, n_nodes)
         The trees as float64 arrays, one column per node in breadth-first
         order; rows: left child, right child (-1 for none), feature index,
         threshold, label (an index into ``classes_``). A sample goes left when
         its feature value is below the threshold.
+    nodes_ : ForestNodes
+        The same trees as one structure of arrays (``offsets``, ``left``,
+        ``right``, ``feature``, ``threshold``, ``value``), with each node's
+        in-bag sample ``count`` (bootstrap copies counted) and its label
+        ``impurity`` under the fit's criterion: Gini impurity for "gini",
+        entropy in bits for the others. Prediction reads these arrays.
 
     Examples
     --------
@@ -106,7 +112,7 @@ class RandomForestClassifier(ClassifierMixin, BaseEstimator):
 
     _parameter_constraints = {
         "n_estimators": [Interval(Integral, 1, MAX_INT32, closed="both")],
-        "criterion": [StrOptions(set(CRITERION_SUFFIXES))],
+        "criterion": [StrOptions(set(CRITERION_NAMES))],
         "max_features": [
             StrOptions({"sqrt", "log2"}),
             Interval(Integral, 1, None, closed="left"),
@@ -178,7 +184,7 @@ class RandomForestClassifier(ClassifierMixin, BaseEstimator):
         X = as_module_dtype(X)
         check_splittable(X)
         features = feature_major_with_constant_row(X) if settings.all_features else feature_major(X)
-        trees, importances = learn_forest(
+        nodes, importances = learn_forest(
             features,
             np.ascontiguousarray(codes, dtype=np.int32),
             n_classes=len(classes),
@@ -187,14 +193,15 @@ class RandomForestClassifier(ClassifierMixin, BaseEstimator):
             random_state=self.random_state,
             verbose=self.verbose,
         )
-        self._set_fitted(classes, trees, importances, upper_medians(X))
+        self._set_fitted(classes, nodes, importances, upper_medians(X))
         return self
 
-    def _set_fitted(self, classes, trees, importances, missing_value_fill):
+    def _set_fitted(self, classes, nodes, importances, missing_value_fill):
         n_features = self.n_features_in_
         self.classes_ = classes
         self.n_classes_ = len(classes)
-        self.trees_ = trees
+        self.nodes_ = nodes
+        self.trees_ = nodes.tree_arrays()
         self.feature_importances_ = np.zeros(n_features) if importances is None else np.array(importances[:n_features])
         self._missing_value_fill_ = missing_value_fill
 
@@ -211,11 +218,8 @@ class RandomForestClassifier(ClassifierMixin, BaseEstimator):
         y : ndarray of shape (n_samples,)
             Predicted labels, taken from ``classes_``.
         """
-        features = self._prediction_features(X)
-        codes = np.empty(features.shape[1], dtype=np.int32)
-        predict = getattr(PyVelmot_wrap, f"test_{MODULE_LETTERS[features.dtype]}i")
-        n_threads = threads_for_call(thread_count(self.n_jobs))
-        predict(features, self._module_forest(), self.n_classes_, codes, n_threads)
+        # Ties between classes go to the first class.
+        codes = self._predict_codes_or_proba(X, proba=False)
         return self.classes_[codes]
 
     def predict_proba(self, X):
@@ -231,12 +235,7 @@ class RandomForestClassifier(ClassifierMixin, BaseEstimator):
         proba : ndarray of shape (n_samples, n_classes)
             Columns in the order of ``classes_``; each row sums to 1.
         """
-        features = self._prediction_features(X)
-        proba = np.empty((features.shape[1], self.n_classes_), dtype=np.float64)
-        vote_fractions = getattr(PyVelmot_wrap, f"prob_{MODULE_LETTERS[features.dtype]}d")
-        n_threads = threads_for_call(thread_count(self.n_jobs))
-        vote_fractions(features, self._module_forest(), self.n_classes_, proba, n_threads)
-        return proba
+        return self._predict_codes_or_proba(X, proba=True)
 
     def predict_log_proba(self, X):
         """Natural logarithm of ``predict_proba``; -inf for classes no tree chose.
@@ -285,15 +284,12 @@ class RandomForestClassifier(ClassifierMixin, BaseEstimator):
         tags.input_tags.allow_nan = True
         return tags
 
-    def _prediction_features(self, X):
+    def _predict_codes_or_proba(self, X, *, proba):
         check_is_fitted(self)
         X = validate_data(self, X, reset=False, dtype="numeric", ensure_all_finite="allow-nan")
-        return feature_major(fill_missing(as_module_dtype(X), self._missing_value_fill_))
-
-    def _module_forest(self):
-        # The module silently skips array subclasses (a memory-mapped forest
-        # after joblib.load, for instance): hand it base-class views.
-        return [np.asarray(tree) for tree in self.trees_]
+        samples = fill_missing(as_module_dtype(X), self._missing_value_fill_)
+        n_threads = threads_for_call(thread_count(self.n_jobs))
+        return _core.predict(self.nodes_.as_dict(), samples, self.n_classes_, n_threads, proba)
 
     # -- model files -----------------------------------------------------
 
@@ -301,7 +297,16 @@ class RandomForestClassifier(ClassifierMixin, BaseEstimator):
 
     @staticmethod
     def _model_entries():
-        return ("classes", "nodes", "tree_sizes", "feature_importances", "feature_names", "missing_value_fill")
+        return (
+            "classes",
+            "nodes",
+            "tree_sizes",
+            "node_counts",
+            "node_impurities",
+            "feature_importances",
+            "feature_names",
+            "missing_value_fill",
+        )
 
     def _to_model(self):
         """(arrays, metadata) of a model file holding this fitted forest."""
@@ -310,6 +315,8 @@ class RandomForestClassifier(ClassifierMixin, BaseEstimator):
             "classes": _without_objects(self.classes_, "class labels"),
             "nodes": np.concatenate(self.trees_, axis=1),
             "tree_sizes": np.array([tree.shape[1] for tree in self.trees_], dtype=np.int64),
+            "node_counts": self.nodes_.count,
+            "node_impurities": self.nodes_.impurity,
             "feature_importances": np.asarray(self.feature_importances_, dtype=np.float64),
             "missing_value_fill": np.asarray(self._missing_value_fill_, dtype=np.float64),
         }
@@ -344,9 +351,18 @@ class RandomForestClassifier(ClassifierMixin, BaseEstimator):
             check(names.ndim == 1 and len(names) == n_features and names.dtype.kind == "U", "bad feature_names")
             forest.feature_names_in_ = names.astype(object)
         importances = float_vector(arrays["feature_importances"], n_features, "feature_importances")
+        nodes = ForestNodes.from_tree_arrays(trees)
+        # Files written without node statistics leave them unknown.
+        if "node_counts" in arrays or "node_impurities" in arrays:
+            total = nodes.offsets[-1]
+            counts = arrays.get("node_counts", np.empty(0))
+            check(counts.dtype == np.int64 and counts.shape == (total,), f"node_counts must be {total} int64 values")
+            check(bool(np.all(counts >= 0)), "a node count is negative")
+            impurities = float_vector(arrays.get("node_impurities", np.empty(0)), total, "node_impurities")
+            nodes = ForestNodes(**{**nodes.as_dict(), "count": counts, "impurity": impurities})
         fill = arrays.get("missing_value_fill")
         forest._set_fitted(
-            classes, trees, None, None if fill is None else float_vector(fill, n_features, "missing_value_fill")
+            classes, nodes, None, None if fill is None else float_vector(fill, n_features, "missing_value_fill")
         )
         forest.feature_importances_ = importances
         return forest

@@ -1,136 +1,95 @@
-"""Learning a forest through the compiled module, reproducibly.
+"""Learning a forest through ``velmot._core``, reproducibly.
 
-The module's generator pool is process-wide: ``set_seed`` rebuilds it and
-every learning call draws from it. A forest is therefore learnt as a fixed
-sequence of calls ("chunks"), each preceded by ``set_seed`` with a seed drawn
-from the estimator's ``random_state``, and each seed-and-learn pair runs under
-one lock so that fits from several Python threads cannot interleave inside it.
-The chunk plan depends only on the number of trees and threads, never on
-whether a progress bar is shown, so the forest is the same either way.
+Tree k of a forest is grown from a generator made from (seed, k) alone, so a
+forest depends on the seed and the data only: not on the number of threads,
+nor on how trees are scheduled over them, nor on how they are split into
+calls (``velmot.dask`` learns blocks of tree indices). The data are
+prepared once (copied, imputed, ranked) and one call learns all of a fit's
+trees with the GIL released; progress and Ctrl-C are handled inside it.
 """
 
-import threading
+import secrets
+from numbers import Integral
 
 import numpy as np
-import PyVelmot_wrap
 from sklearn.utils import check_random_state
 from tqdm import tqdm
 
-from ._features import MODULE_LETTERS
+from . import _core
 from ._fork import threads_for_call
+from ._nodes import ForestNodes
 
-CRITERION_SUFFIXES = {
+CRITERION_NAMES = {
     "gini": "gini",
     "entropy": "infogain",
     "log_loss": "infogain",
     "gain_ratio": "gainratio",
 }
 
-# Seeds are drawn in [1, 2**31 - 1]: the module takes the low 32 bits of the
-# seed and treats 0 as "seed from the system's entropy source".
-_MAX_SEED = 2**31 - 1
 
-# About this many calls per forest: fine enough for a progress bar, coarse
-# enough that each call's fixed costs (the barrier at the end of its parallel
-# region, the trees' conversion) stay small. Copying, imputing and ranking
-# the matrix happen once per fit (see prepared_once).
-_CALLS_PER_FOREST = 10
-
-_POOL_LOCK = threading.Lock()
-
-
-class _PreparedMatrix(np.ndarray):
-    """A read-only view of a fit's feature matrix on which the module keeps
-    its preparation of the features (copy, imputation, ranks) from one
-    learning call to the next, instead of redoing it for every chunk. The
-    module stores it in this attribute; it goes with the view at the end of
-    the fit."""
-
-    _velmot_prepared = None
-
-
-def prepared_once(features):
-    """A view of ``features`` that the module prepares once for all chunks."""
-    view = features.view(_PreparedMatrix)
-    view.flags.writeable = False
-    return view
-
-
-def plan_chunks(n_trees, n_threads):
-    """Sizes of the successive learning calls: each a multiple of n_threads
-    (so that every thread learns as many trees), the last one shorter."""
-    per_thread = -(-n_trees // (n_threads * _CALLS_PER_FOREST))
-    size = n_threads * per_thread
-    return [min(size, n_trees - start) for start in range(0, n_trees, size)]
-
-
-def draw_chunk_seeds(random_state, count):
-    """One non-zero pool seed per chunk; fresh entropy when random_state is None."""
+def forest_seed(random_state):
+    """The core's 64-bit seed: an int is the seed itself, a RandomState
+    instance is drawn from once, None draws fresh entropy."""
     if random_state is None:
-        return np.random.default_rng().integers(1, _MAX_SEED, size=count, endpoint=True)
-    return check_random_state(random_state).randint(1, _MAX_SEED + 1, size=count)
+        return secrets.randbits(64)
+    if isinstance(random_state, Integral):
+        return int(random_state)
+    return int(check_random_state(random_state).randint(0, 2**32, dtype=np.uint64))
 
 
-def learn_chunk(features, labels, *, n_classes, n_trees, seed, settings):
-    """One learning call from a freshly seeded pool: (tree arrays, importances).
+def prepare(features, labels, *, n_classes, settings):
+    """The training set prepared once for any number of learning calls.
 
-    The importances are NaN when a tree of the call found no informative split.
-    """
-    letter = MODULE_LETTERS[features.dtype]
-    learner = getattr(PyVelmot_wrap, f"learn_{letter}i_{CRITERION_SUFFIXES[settings.criterion]}")
-    n_threads = threads_for_call(settings.n_threads)
-    with _POOL_LOCK:
-        PyVelmot_wrap.set_seed(int(seed))
-        return learner(
-            features,
-            labels,
-            n_classes,
-            n_trees,
-            settings.sampling_prop,
-            settings.features_per_split,
-            settings.max_depth,
-            n_threads,
-            1,
-        )
+    ``features`` is feature-major in one of the four element types,
+    ``labels`` int32 codes below n_classes."""
+    return _core.TrainingData(features, labels, n_classes, threads_for_call(settings.n_threads))
+
+
+def learn_trees(data, *, first_tree, last_tree, seed, settings, on_progress=None):
+    """Trees [first_tree, last_tree) of the forest of ``seed``: (ForestNodes,
+    per-tree importance rows, NaN rows for trees without an informative
+    split)."""
+    result = _core.learn(
+        data,
+        criterion=CRITERION_NAMES[settings.criterion],
+        seed=seed,
+        first_tree=first_tree,
+        last_tree=last_tree,
+        sample_prop=settings.sampling_prop,
+        features_per_split=settings.features_per_split,
+        max_depth=settings.max_depth,
+        n_threads=threads_for_call(settings.n_threads),
+        on_progress=on_progress,
+    )
+    importances = result.pop("importances")
+    return ForestNodes(**result), importances
 
 
 def learn_forest(features, labels, *, n_classes, n_trees, settings, random_state, verbose):
-    """Learn n_trees trees; return (list of tree arrays, importances or None).
-
-    ``features`` is feature-major in one of the module's element types and
-    ``labels`` an int32 vector of codes below n_classes.
-    """
-    sizes = plan_chunks(n_trees, settings.n_threads)
-    seeds = draw_chunk_seeds(random_state, len(sizes))
-    features = prepared_once(features)
-    blocks = []
+    """Learn n_trees trees in one call: (ForestNodes, importances or None)."""
+    data = prepare(features, labels, n_classes=n_classes, settings=settings)
     with tqdm(total=n_trees, unit="tree", desc="Learning trees", disable=verbose <= 0) as progress:
-        for size, seed in zip(sizes, seeds):
-            blocks.append(
-                learn_chunk(features, labels, n_classes=n_classes, n_trees=size, seed=seed, settings=settings)
-            )
-            progress.update(size)
-    return merge_blocks(sizes, blocks)
+        nodes, rows = learn_trees(
+            data,
+            first_tree=0,
+            last_tree=n_trees,
+            seed=forest_seed(random_state),
+            settings=settings,
+            on_progress=(lambda done: progress.update(done - progress.n)) if verbose > 0 else None,
+        )
+    return nodes, mean_importances(rows)
 
 
-def merge_blocks(sizes, blocks):
-    """Join blocks of (trees, importances) in block order: (trees, mean
-    importances or None).
+def mean_importances(rows):
+    """The mean of the trees' normalised importances, trees in order, those
+    without an informative split (NaN rows) left out; None if none has one.
 
-    Importances are the mean over trees of each tree's normalised
-    importances. A tree that found no informative split has none (the module
-    reports NaN for the whole call that learnt it); such blocks are left out
-    of the mean, and if every block is, the result is None.
-    """
-    trees = []
-    importance_sum = None
-    trees_with_importances = 0
-    for size, (block_trees, importances) in zip(sizes, blocks):
-        trees.extend(block_trees)
-        if not np.isnan(importances).any():
-            weighted = size * np.asarray(importances, dtype=np.float64)
-            importance_sum = weighted if importance_sum is None else importance_sum + weighted
-            trees_with_importances += size
-    if trees_with_importances == 0:
-        return trees, None
-    return trees, importance_sum / trees_with_importances
+    Rows are added one after another in tree order, so the sum does not
+    depend on how the trees were learnt or joined."""
+    informative = rows[~np.isnan(rows).any(axis=1)]
+    if len(informative) == 0:
+        return None
+    total = np.zeros(rows.shape[1])
+    for row in informative:
+        total += row
+    return total / len(informative)

@@ -9,6 +9,8 @@ Entries (format 1):
 ``classes``           (n_classes,) the sorted class labels.
 ``nodes``             (5, total_nodes) float64, every tree's columns, tree after tree.
 ``tree_sizes``        (n_trees,) int64, the number of columns of each tree.
+``node_counts``       optional (total_nodes,) int64, in-bag samples per node.
+``node_impurities``   optional (total_nodes,) float64, impurity per node.
 ``feature_importances``  (n_features,) float64.
 ``feature_names``     optional (n_features,) str.
 ``missing_value_fill``   optional (n_features,) float64, values fixed at fit

@@ -15,8 +15,8 @@ import numpy as np
 MAX_SAMPLES = (2**31 - 1) // np.dtype(np.int32).itemsize
 MAX_INT32 = 2**31 - 1
 
-# The module's pool holds this many generators and a learning thread uses
-# the one at its thread number, so no call may run on more threads.
+# The most threads a fit or a prediction runs on (the module's generator
+# pool holds this many, and the package keeps the module's limit).
 POOL_SIZE = 32
 
 # Bytes a fitted tree takes at the very least (a one-node array and its

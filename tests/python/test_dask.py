@@ -26,7 +26,8 @@ from sklearn.base import clone  # noqa: E402
 
 import velmot  # noqa: E402
 import velmot.dask  # noqa: E402
-from velmot._learning import learn_chunk  # noqa: E402
+from velmot._learning import learn_trees, prepare  # noqa: E402
+from velmot._nodes import ForestNodes  # noqa: E402
 from velmot._settings import resolve_settings  # noqa: E402
 from velmot.dask import _estimator, _tasks  # noqa: E402
 from velmot.dask._partitions import combined_medians  # noqa: E402
@@ -145,21 +146,24 @@ def wait_until(condition, what):
 
 class TestScatteredFit:
     @pytest.mark.parametrize(
-        "params, dtype",
+        "params, trees_per_block, dtype",
         [
-            ({}, np.float64),
-            ({"n_jobs": 2, "criterion": "entropy", "max_features": None}, np.float32),
-            ({"max_samples": 0.5, "max_depth": 4, "criterion": "gain_ratio"}, np.int64),
+            ({}, None, np.float64),
+            ({"n_jobs": 2, "criterion": "entropy", "max_features": None}, 5, np.float32),
+            ({"max_samples": 0.5, "max_depth": 4, "criterion": "gain_ratio"}, 1, np.int64),
         ],
     )
-    def test_forest_equals_the_local_forest(self, client, params, dtype):
+    def test_forest_equals_the_local_forest(self, client, params, trees_per_block, dtype):
         X, y = noisy_data(600)
         X = (X * 10).astype(dtype)
         if dtype != np.int64:
             X[::7, 1] = np.nan
-        forest = velmot.dask.RandomForestClassifier(n_estimators=23, random_state=5, client=client, **params)
+        forest = velmot.dask.RandomForestClassifier(
+            n_estimators=23, random_state=5, client=client, trees_per_block=trees_per_block, **params
+        )
         forest.fit(X, y)
-        local = velmot.RandomForestClassifier(n_estimators=23, random_state=5, **params).fit(X, y)
+        # Any block split and thread count: the same forest.
+        local = velmot.RandomForestClassifier(n_estimators=23, random_state=5, **{**params, "n_jobs": 3}).fit(X, y)
         assert_same_forest(forest, local)
         assert np.array_equal(forest._missing_value_fill_, local._missing_value_fill_)
         assert np.array_equal(forest.predict_proba(X), local.predict_proba(X))
@@ -183,14 +187,15 @@ class TestScatteredFit:
         X, y = noisy_data(300)
         features, labels = np.ascontiguousarray(X.T), y.astype(np.int32)
         forest = velmot.dask.RandomForestClassifier(n_estimators=2, max_features=3, random_state=3)
-        arguments = dict(n_classes=3, n_trees=2, settings=resolve_settings(forest, *X.shape))
+        settings = resolve_settings(forest, *X.shape)
+        arguments = dict(first_tree=2, last_tree=4, settings=settings)
         key = id(features)
-        _tasks.learn_block(features, labels, seed=4, **arguments)
+        _tasks.learn_block(features, labels, n_classes=3, seed=4, **arguments)
         kept = _tasks._worker_preparations[key]
-        reused = _tasks.learn_block(features, labels, seed=6, **arguments)
+        reused, _ = _tasks.learn_block(features, labels, n_classes=3, seed=6, **arguments)
         assert _tasks._worker_preparations[key] is kept
-        fresh = learn_chunk(features.copy(), labels, seed=6, **arguments)
-        assert all(np.array_equal(a, b, equal_nan=True) for a, b in zip(reused[0], fresh[0]))
+        fresh, _ = learn_trees(prepare(features.copy(), labels, n_classes=3, settings=settings), seed=6, **arguments)
+        assert all(np.array_equal(a, b, equal_nan=True) for a, b in zip(reused.tree_arrays(), fresh.tree_arrays()))
         del features
         gc.collect()
         assert key not in _tasks._worker_preparations
@@ -240,6 +245,7 @@ class TestPartitionWise:
         for index in range(4):
             sub_forest = forest.to_local()
             sub_forest.trees_ = forest.trees_[2 * index : 2 * index + 2]
+            sub_forest.nodes_ = ForestNodes.from_tree_arrays(sub_forest.trees_)
             rows, labels = partition_rows(index), partition_labels(index)
             assert np.mean(sub_forest.predict(rows) == labels) > 0.95
             leaf_codes = {int(code) for tree in sub_forest.trees_ for code in tree[4][tree[2] == -1]}

@@ -1,17 +1,23 @@
-"""Forests learnt through the real module: reproducibility, memory layouts,
-progress display, and data that could trap the module's search. (Labels,
-feature names and probabilities are covered by test_package_dispatch.py
-and scikit-learn's estimator checks.)"""
+"""Forests learnt through the package's core: reproducibility whatever the
+threads, interruption, node statistics, memory layouts, progress display,
+and data that could trap the grower's search. (Labels, feature names and
+probabilities are covered by test_package_dispatch.py and scikit-learn's
+estimator checks.)"""
 
+import hashlib
+import signal
 import subprocess
 import sys
 import threading
+import time
 from concurrent.futures import ThreadPoolExecutor
 
 import numpy as np
 import pytest
 from sklearn.datasets import make_classification
-from velmot import RandomForestClassifier
+
+import PyVelmot_wrap
+from velmot import RandomForestClassifier, _core
 
 
 def same_forest(first, second):
@@ -25,16 +31,100 @@ def data():
     return make_classification(n_samples=200, n_features=8, n_informative=5, n_classes=3, random_state=1)
 
 
-@pytest.mark.parametrize("n_jobs", [1, 2, 3])
-def test_an_int_seed_gives_the_same_forest_on_every_fit_with_or_without_progress_bar(data, n_jobs, capsys):
-    X, y = data
+@pytest.fixture(scope="module")
+def larger_data():
+    # Enough bootstrap draws (23 x 3,000) for the core to use every thread.
+    return make_classification(n_samples=3000, n_features=8, n_informative=5, n_classes=3, random_state=2)
+
+
+@pytest.fixture(scope="module")
+def one_thread_forest(larger_data):
+    return RandomForestClassifier(n_estimators=23, random_state=7, n_jobs=1).fit(*larger_data)
+
+
+@pytest.mark.parametrize("n_jobs", [1, 2, 3, 7])
+def test_an_int_seed_gives_the_same_forest_for_any_n_jobs_with_or_without_progress_bar(
+    larger_data, one_thread_forest, n_jobs, capsys
+):
+    X, y = larger_data
     params = dict(n_estimators=23, random_state=7, n_jobs=n_jobs)
     forest = RandomForestClassifier(**params).fit(X, y)
     assert capsys.readouterr().err == ""
-    first = list(forest.trees_)
-    assert same_forest(forest, RandomForestClassifier(**params, verbose=1).fit(X, y))
+    assert same_forest(forest, one_thread_forest)
+    assert np.array_equal(forest.feature_importances_, one_thread_forest.feature_importances_)
+    assert same_forest(one_thread_forest, RandomForestClassifier(**params, verbose=1).fit(X, y))
     assert "23/23" in capsys.readouterr().err
-    assert all(np.array_equal(a, b, equal_nan=True) for a, b in zip(first, forest.fit(X, y).trees_))
+
+
+# Digests of package forests on distinct-valued data (a changed digest is a
+# changed forest): sha256 of trees_, node counts and impurities.
+PACKAGE_DIGESTS = {
+    "gini": "801b416653d15b4c4920f29283aa72133ff802e830818e2db7235bc0e56d3643",
+    "entropy": "b226e5d750fe683754fcc8b7b54cd577bf28b336ef39c9dd017cba3647455d83",
+    "gain_ratio": "f0b43a0ff29cdd028373d0ecf96f0ca1794b225966637b42498c94a55ec91749",
+}
+
+
+@pytest.mark.parametrize("criterion", list(PACKAGE_DIGESTS))
+def test_package_forests_match_their_recorded_digests(criterion):
+    rng = np.random.default_rng(28)
+    X = rng.permuted(np.tile(np.arange(150.0), (5, 1)), axis=1).T / 7
+    y = (X[:, 0] + X[:, 1] > X[:, 2] + 10).astype(int) + (X[:, 3] > 15)
+    forest = RandomForestClassifier(n_estimators=6, criterion=criterion, random_state=2026).fit(X, y)
+    digest = hashlib.sha256()
+    for array in (*forest.trees_, forest.nodes_.count, forest.nodes_.impurity):
+        digest.update(np.ascontiguousarray(array).tobytes())
+    assert digest.hexdigest() == PACKAGE_DIGESTS[criterion]
+
+
+def test_node_counts_add_up_and_the_core_predicts_as_the_module(data):
+    X, y = data
+    forest = RandomForestClassifier(n_estimators=5, max_samples=150, criterion="entropy", random_state=1).fit(X, y)
+    proba = np.empty((len(X), 3))
+    PyVelmot_wrap.prob_dd(np.ascontiguousarray(X.T), forest.trees_, 3, proba, 2)
+    assert np.array_equal(forest.predict_proba(X), proba)
+    nodes = forest.nodes_
+    for begin, end in zip(nodes.offsets[:-1], nodes.offsets[1:]):
+        left, right, count = (array[begin:end] for array in (nodes.left, nodes.right, nodes.count))
+        split = left >= 0
+        assert count[0] == 150
+        assert np.array_equal(count[split], count[left[split]] + count[right[split]])
+    leaves = nodes.left < 0
+    assert np.all(nodes.impurity >= 0) and np.all(nodes.impurity[leaves & (nodes.count == 1)] == 0)
+
+
+def test_a_damaged_core_call_says_what_is_wrong(data):
+    X, y = data
+    features, labels = np.ascontiguousarray(X.T), y.astype(np.int32)
+    with pytest.raises(TypeError, match="X must hold int32, float64, float32 or uint8"):
+        _core.TrainingData(features.astype(np.int64), labels, 3, 1)
+    with pytest.raises(TypeError, match="y must be a int32 array"):
+        _core.TrainingData(features, y.astype(np.float64), 3, 1)
+    with pytest.raises(ValueError, match="200 labels for 10 samples"):
+        _core.TrainingData(features[:, :10], labels, 3, 1)
+    with pytest.raises(ValueError, match="label lies outside"):
+        learn = dict(seed=0, first_tree=0, last_tree=2, sample_prop=1.0, features_per_split=2, max_depth=0)
+        _core.learn(_core.TrainingData(features, labels, 2, 1), criterion="gini", n_threads=1, **learn)
+    forest = RandomForestClassifier(n_estimators=2, random_state=0).fit(X, y).nodes_.as_dict()
+    with pytest.raises(ValueError, match="feature"):
+        _core.predict(forest, X[:, :2], 3, 1, False)
+    with pytest.raises(TypeError, match="left must be a int32 array"):
+        _core.predict({**forest, "left": forest["left"].astype(np.int64)}, X, 3, 1, True)
+    with pytest.raises(ValueError, match="must have two distinct children after it"):
+        _core.predict({**forest, "left": np.zeros_like(forest["left"])}, X, 3, 1, False)
+
+
+def test_ctrl_c_stops_a_fit_leaving_the_estimator_unfitted():
+    X, y = make_classification(n_samples=20_000, n_features=20, random_state=0)
+    forest = RandomForestClassifier(n_estimators=2_000, n_jobs=2, random_state=0)
+    timer = threading.Timer(0.5, signal.pthread_kill, (threading.main_thread().ident, signal.SIGINT))
+    started = time.monotonic()
+    timer.start()
+    with pytest.raises(KeyboardInterrupt):
+        forest.fit(X, y)
+    assert time.monotonic() - started < 5
+    assert not hasattr(forest, "trees_") and not hasattr(forest, "nodes_")
+    assert forest.set_params(n_estimators=3).fit(X[:500], y[:500]).nodes_.n_trees == 3
 
 
 def test_seeds_entropy_and_random_state_instances(data):

@@ -53,6 +53,14 @@ def test_pickle_and_save_round_trips_are_exact(forest, training, tmp_path):
         np.testing.assert_array_equal(restored.feature_importances_, forest.feature_importances_)
         assert restored.n_features_in_ == 5 and restored.n_classes_ == 3
         assert all(np.array_equal(a, b, equal_nan=True) for a, b in zip(restored.trees_, forest.trees_))
+        for name, array in forest.nodes_.as_dict().items():
+            np.testing.assert_array_equal(getattr(restored.nodes_, name), array)
+    # A file without node statistics (an older writer's) loads with them unknown.
+    arrays, metadata = forest._to_model()
+    del arrays["node_counts"], arrays["node_impurities"]
+    older = RandomForestClassifier._from_model(arrays, metadata)
+    assert_predicts_alike(forest, older, X)
+    assert not older.nodes_.count.any() and np.isnan(older.nodes_.impurity).all()
     # The restored forest is a full estimator: it can be refitted.
     restored.fit(X, forest.predict(X))
 

@@ -208,18 +208,15 @@ size_t partition_by_winner(const RangeDataSet<IndexedDataSet<D>>& range, const S
 
 // learn_tree without its checks of the input, for callers that checked it
 // once per call (learn_forest, whose check covers every tree's sample).
+// Every random choice draws from `random`.
 template <class D, class Criterion>
 Node<typename D::label_type>* grow_tree(const IndexedDataSet<D>& data, int fte_per_split, int max_depth,
-                                        int min_leaf_size, const Criterion& criteria,
-                                        bool compute_feature_importances,
-                                        std::vector<double>& feature_importances) {
+                                        int min_leaf_size, const Criterion& criteria, bool compute_feature_importances,
+                                        std::vector<double>& feature_importances, XorShiftRNG& random) {
   typedef typename D::label_type L;
   typedef typename D::feature_type F;
   typedef IndexedDataSet<D> I;
 
-  // The pool cannot change while a tree grows, so the thread's generator is
-  // fetched once.
-  XorShiftRNG& random = thread_generator();
   // The private copy takes the sample's indices and ranks only: its buffer
   // and sort workspaces are filled per feature before they are read, so
   // copying the sample's (a 16-byte pair per instance) would be wasted.
@@ -307,6 +304,16 @@ Node<typename D::label_type>* grow_tree(const IndexedDataSet<D>& data, int fte_p
     for (double& v : feature_importances) v /= sum;
   }
   return root;
+}
+
+// The same, drawing from the calling worker's pool generator (the pool
+// cannot change while a tree grows, so it is fetched once).
+template <class D, class Criterion>
+Node<typename D::label_type>* grow_tree(const IndexedDataSet<D>& data, int fte_per_split, int max_depth,
+                                        int min_leaf_size, const Criterion& criteria, bool compute_feature_importances,
+                                        std::vector<double>& feature_importances) {
+  return grow_tree(data, fte_per_split, max_depth, min_leaf_size, criteria, compute_feature_importances,
+                   feature_importances, thread_generator());
 }
 
 // Grows a tree on the sample `data` and returns its root, owned by the

@@ -22,7 +22,8 @@ from tqdm import tqdm
 
 from .._features import as_module_dtype, check_splittable, feature_major, feature_major_with_constant_row, upper_medians
 from .._forest import RandomForestClassifier as LocalRandomForestClassifier
-from .._learning import draw_chunk_seeds, merge_blocks, plan_chunks
+from .._learning import forest_seed, mean_importances
+from .._nodes import ForestNodes
 from .._settings import MAX_SAMPLES, resolve_settings
 from ._cluster import cancelled_on_failure, computed, finished, lost
 from ._partitions import aligned_partitions, combined_medians, delayed_partitions, is_dask_dataframe
@@ -41,6 +42,7 @@ _FITTED_ATTRIBUTES = (
     "n_features_in_",
     "feature_names_in_",
     "trees_",
+    "nodes_",
     "feature_importances_",
     "_missing_value_fill_",
 )
@@ -56,10 +58,10 @@ class RandomForestClassifier(LocalRandomForestClassifier):
     By default the training set is gathered on the client, validated and
     encoded there, scattered once to every worker, and each task learns one
     block of trees from all of it; the data must therefore fit in the
-    client's and in each worker's memory. The blocks are the local
-    estimator's chunks of learning calls, so with an int ``random_state`` the
-    forest is identical to ``velmot.RandomForestClassifier`` with the same
-    ``random_state`` and ``n_jobs``, on any number of workers.
+    client's and in each worker's memory. Tree k of the forest is grown from
+    (seed, k) alone, so with an int ``random_state`` the forest is identical
+    to ``velmot.RandomForestClassifier``'s with the same ``random_state``, on
+    any number of workers, for any ``n_jobs`` and ``trees_per_block``.
 
     With ``partition_wise=True`` and a Dask array or DataFrame, each task
     learns its share of the trees from one partition (a block of rows),
@@ -68,7 +70,8 @@ class RandomForestClassifier(LocalRandomForestClassifier):
     are drawn from that partition alone, so partitions should be large and
     their rows shuffled. The trees are divided among the non-empty partitions
     as evenly as possible, the earlier partitions taking one more, and
-    ``trees_`` lists them partition after partition. Labels are still
+    ``trees_`` lists them partition after partition; tree k is still grown
+    from (seed, k). Labels are still
     encoded over the whole data set, so a class absent from a partition is a
     class of the forest. Missing values are imputed by each partition's own
     median while learning; prediction fills them with the median of the
@@ -95,23 +98,21 @@ class RandomForestClassifier(LocalRandomForestClassifier):
     n_jobs : int or None, default=None
         Threads each block of trees is learnt with on its worker, and each
         block of samples predicted with. Resolved on the client (-1 means
-        the client's cores); the forest depends on it, as locally. Give the
+        the client's cores); it does not change the forest. Give the
         workers as many threads per task, or leave it at 1 and run more
         worker threads.
     random_state : int, RandomState instance or None, default=None
-        An int gives the same forest on every fit with the same ``n_jobs``,
-        ``trees_per_block``, data and partitions, on any cluster.
+        An int gives the same forest on every fit with the same data (and,
+        partition-wise, the same partitions), on any cluster.
     verbose : int, default=0
         Above 0, a progress bar counts the trees of finished blocks.
     partition_wise : bool, default=False
         Learn each block from one partition of X where it lies, instead of
         scattering the whole training set.
     trees_per_block : int or None, default=None
-        Trees per task when scattering. None uses the local estimator's
-        chunks (about ten per forest), keeping the forest identical to the
-        local one; an int gives more, smaller tasks for a large cluster (the
-        forest then differs from the local one, but still not with the
-        cluster). Ignored partition-wise, where a partition is a block.
+        Trees per task when scattering; None makes about ten tasks. It does
+        not change the forest. Ignored partition-wise, where a partition is
+        a block.
     client : distributed.Client or None, default=None
         The cluster's client; None uses the current default client.
 
@@ -127,7 +128,7 @@ class RandomForestClassifier(LocalRandomForestClassifier):
         Column names, when X was a (Dask) DataFrame with string column names.
     feature_importances_ : ndarray of shape (n_features_in_,)
         Mean over the trees of each tree's normalised impurity decreases,
-        blocks weighted by their numbers of trees.
+        as in ``velmot.RandomForestClassifier``.
     trees_ : list of ndarray of shape (5, n_nodes)
         The trees, block after block, in ``velmot.RandomForestClassifier``'s
         encoding.
@@ -335,13 +336,10 @@ class RandomForestClassifier(LocalRandomForestClassifier):
             raise ValueError("fit blocks until the forest is learnt; pass a synchronous Client, not an asynchronous one")
         return client
 
-    def _block_sizes(self, n_threads):
-        if self.trees_per_block is None:
-            return plan_chunks(self.n_estimators, n_threads)
-        return [
-            min(self.trees_per_block, self.n_estimators - start)
-            for start in range(0, self.n_estimators, self.trees_per_block)
-        ]
+    def _blocks(self):
+        """[first, last) tree indices of each scattered task."""
+        per_block = self.trees_per_block or -(-self.n_estimators // 10)
+        return [(start, min(start + per_block, self.n_estimators)) for start in range(0, self.n_estimators, per_block)]
 
     def _fit_scattered(self, client, X, y):
         X, y = computed(client, X, y)
@@ -353,11 +351,11 @@ class RandomForestClassifier(LocalRandomForestClassifier):
         check_splittable(X)
         features = feature_major_with_constant_row(X) if settings.all_features else feature_major(X)
 
-        sizes = self._block_sizes(settings.n_threads)
-        seeds = draw_chunk_seeds(self.random_state, len(sizes))
+        ranges = self._blocks()
+        seed = forest_seed(self.random_state)
         labels = np.ascontiguousarray(codes, dtype=np.int32)
         fit_id = uuid.uuid4().hex
-        blocks = [None] * len(sizes)
+        blocks = [None] * len(ranges)
         with self._progress_bar() as progress:
             for attempt in range(1, _SCATTER_ATTEMPTS + 1):
                 pending = [index for index, block in enumerate(blocks) if block is None]
@@ -375,22 +373,24 @@ class RandomForestClassifier(LocalRandomForestClassifier):
                                     learn_block,
                                     *data,
                                     n_classes=len(classes),
-                                    n_trees=sizes[index],
-                                    seed=int(seeds[index]),
+                                    first_tree=ranges[index][0],
+                                    last_tree=ranges[index][1],
+                                    seed=seed,
                                     key=f"velmot-learn-block-{fit_id}-{index}-{attempt}",
                                     settings=settings,
                                 )
                             )
                         for position, block in finished(futures):
                             blocks[pending[position]] = block
-                            progress.update(sizes[pending[position]])
+                            first, last = ranges[pending[position]]
+                            progress.update(last - first)
                     break
                 except CancelledError:
                     if attempt == _SCATTER_ATTEMPTS or not lost(client, data):
                         raise
                 finally:
                     client.cancel(data)
-        self._set_fitted(classes, *merge_blocks(sizes, blocks), upper_medians(X))
+        self._set_fitted(classes, *_joined(blocks), upper_medians(X))
 
     def _fit_partition_wise(self, client, X, y):
         X, y, n_features = aligned_partitions(X, y)
@@ -427,17 +427,19 @@ class RandomForestClassifier(LocalRandomForestClassifier):
                 "larger partitions."
             )
         sizes = [self.n_estimators // len(used) + (rank < self.n_estimators % len(used)) for rank in range(len(used))]
-        seeds = draw_chunk_seeds(self.random_state, len(used))
+        seed = forest_seed(self.random_state)
+        firsts = np.cumsum([0] + sizes[:-1])
         tasks = []
-        for rank, (i, size, seed) in enumerate(zip(used, sizes, seeds)):
+        for rank, (i, size, first) in enumerate(zip(used, sizes, firsts)):
             settings = resolve_settings(self, self._checked_partition_size(summaries[i], i), n_features)
             tasks.append(
                 dask.delayed(learn_partition)(
                     X_parts[i],
                     y_parts[i],
                     classes,
-                    n_trees=size,
-                    seed=int(seed),
+                    first_tree=int(first),
+                    last_tree=int(first + size),
+                    seed=seed,
                     settings=settings,
                     dask_key_name=f"velmot-learn-partition-{fit_id}-{rank}",
                 )
@@ -450,7 +452,7 @@ class RandomForestClassifier(LocalRandomForestClassifier):
                 blocks[position] = block
                 progress.update(sizes[position])
         medians = combined_medians([summaries[i] for i in used], n_features)
-        self._set_fitted(classes, *merge_blocks(sizes, blocks), medians)
+        self._set_fitted(classes, *_joined(blocks), medians)
 
     def _checked_partition_size(self, summary, index):
         n_samples = summary["n_samples"]
@@ -499,3 +501,10 @@ class RandomForestClassifier(LocalRandomForestClassifier):
                 return X.map_blocks(predict_block, forest, method, drop_axis=1, meta=meta)
             return X.map_blocks(predict_block, forest, method, chunks=(X.chunks[0], (self.n_classes_,)), meta=meta)
         return X.map_partitions(predict_block, forest, method, meta=meta)
+
+
+def _joined(blocks):
+    """(ForestNodes, mean importances) of blocks of (nodes, importance rows)
+    in tree order."""
+    importances = mean_importances(np.concatenate([rows for _, rows in blocks]))
+    return ForestNodes.join([nodes for nodes, _ in blocks]), importances

@@ -14,7 +14,7 @@ from .._features import (
     feature_major_with_constant_row,
     upper_medians,
 )
-from .._learning import learn_chunk, prepared_once
+from .._learning import learn_trees, prepare
 
 
 def partition_data(X_part, y_part):
@@ -48,34 +48,36 @@ def summarize_partition(X_part, y_part):
     }
 
 
-# Per worker process: the module's preparation (copy, imputation, ranks) of
-# each scattered feature matrix, by the matrix's id, for as long as the
+# Per worker process: the preparation (copy, imputation, ranks) of each
+# scattered training set, by the feature matrix's id, for as long as the
 # matrix lives, so that the blocks one worker learns from one scatter
-# prepare the features once instead of once per block.
+# prepare the data once instead of once per block.
 _worker_preparations = {}
 
 
-def learn_block(features, labels, **arguments):
-    """learn_chunk on a scattered matrix, reusing the preparation of it that
-    an earlier block on this worker made."""
+def learn_block(features, labels, *, n_classes, first_tree, last_tree, seed, settings):
+    """Trees [first_tree, last_tree) of the forest of ``seed`` from a
+    scattered training set: (ForestNodes, importance rows)."""
     key = id(features)
-    view = prepared_once(features)
-    view._velmot_prepared = _worker_preparations.get(key)
-    result = learn_chunk(view, labels, **arguments)
-    if key not in _worker_preparations and view._velmot_prepared is not None:
+    data = _worker_preparations.get(key)
+    if data is None:
+        data = prepare(features, labels, n_classes=n_classes, settings=settings)
         # Dropped with the matrix, before its id can be reused.
         weakref.finalize(features, _worker_preparations.pop, key, None)
-        _worker_preparations[key] = view._velmot_prepared
-    return result
+        _worker_preparations[key] = data
+    return learn_trees(data, first_tree=first_tree, last_tree=last_tree, seed=seed, settings=settings)
 
 
-def learn_partition(X_part, y_part, classes, *, n_trees, seed, settings):
+def learn_partition(X_part, y_part, classes, *, first_tree, last_tree, seed, settings):
+    """Trees [first_tree, last_tree) of the forest of ``seed``, learnt from
+    one partition."""
     X, y = partition_data(X_part, y_part)
     features = feature_major_with_constant_row(X) if settings.all_features else feature_major(X)
     # Codes over the global classes: a partition lacking a class still
     # learns with the forest's class count.
     labels = np.searchsorted(classes, y).astype(np.int32)
-    return learn_chunk(features, labels, n_classes=len(classes), n_trees=n_trees, seed=seed, settings=settings)
+    data = prepare(features, labels, n_classes=len(classes), settings=settings)
+    return learn_trees(data, first_tree=first_tree, last_tree=last_tree, seed=seed, settings=settings)
 
 
 def predict_block(block, forest, method):

@@ -1,0 +1,45 @@
+#include "training_data.h"
+
+#include <string>
+
+#include "array_checks.h"
+#include "released_run.h"
+#include "velmot/dataset/native_array_dataset.h"
+
+namespace PyVelmot::core {
+
+TrainingData::TrainingData(const py::array& features, const py::array& labels, int64_t num_classes, int num_threads) {
+  require_ndim(features, "X", 2);
+  const int32_t* codes = vector_of<int32_t>(labels, "y");
+  if (labels.shape(0) != features.shape(1)) {
+    throw py::value_error("y has " + std::to_string(labels.shape(0)) + " labels for " +
+                          std::to_string(features.shape(1)) + " samples (X is n_features x n_samples)");
+  }
+  if (num_classes < 1 || num_classes > 2147483645) throw py::value_error("n_classes must be in [1, 2147483645]");
+  if (num_threads < 1) throw py::value_error("n_threads must be at least 1");
+  num_features_ = static_cast<size_t>(features.shape(0));
+  num_samples_ = static_cast<size_t>(features.shape(1));
+  num_classes_ = static_cast<size_t>(num_classes);
+  with_feature_type(features, "X", [&](auto type) {
+    typedef decltype(type) F;
+    auto set = std::make_shared<Velmot::TrainingSet<F>>();
+    const Velmot::DisNativeArrayDataSet<F, int> native(
+        static_cast<const unsigned char*>(features.data()), codes, num_samples_, num_features_, num_classes_,
+        static_cast<size_t>(features.strides(1)), static_cast<size_t>(features.strides(0)), sizeof(int32_t));
+    Velmot::LearningProgress no_progress;
+    // Small sets are prepared on one thread: a team's start and closing
+    // barrier would cost more than the work, and far more where another
+    // process holds a core and a team thread waits for a time slice.
+    constexpr size_t one_thread_cells = size_t(1) << 18;
+    const int threads = num_samples_ * num_features_ < one_thread_cells ? 1 : num_threads;
+    run_released(
+        [&]() {
+          omp_set_num_threads(threads);
+          Velmot::prepare_training_set(*set, native);
+        },
+        no_progress, py::none());
+    set_ = set;
+  });
+}
+
+}  // namespace PyVelmot::core

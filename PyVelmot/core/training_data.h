@@ -1,0 +1,47 @@
+#ifndef PYVELMOT_CORE_TRAINING_DATA_H
+#define PYVELMOT_CORE_TRAINING_DATA_H
+
+// TrainingData: a training set prepared once (copied, imputed, ranked) for
+// any number of learning calls, in whichever of the four feature types its
+// matrix holds. Immutable after construction, so calls from several Python
+// threads may share one.
+
+#include <pybind11/numpy.h>
+#include <pybind11/pybind11.h>
+
+#include <memory>
+#include <variant>
+
+#include "velmot/learn/training_set.h"
+
+namespace PyVelmot::core {
+
+namespace py = pybind11;
+
+class TrainingData {
+public:
+  // features: (n_features, n_samples), any strides; labels: int32 codes in
+  // [0, n_classes). Preparation runs with the GIL released on n_threads.
+  TrainingData(const py::array& features, const py::array& labels, int64_t num_classes, int num_threads);
+
+  size_t num_features() const { return num_features_; }
+  size_t num_samples() const { return num_samples_; }
+  size_t num_classes() const { return num_classes_; }
+
+  template <class Body>
+  decltype(auto) visit(Body&& body) const {
+    return std::visit([&](const auto& set) -> decltype(auto) { return body(*set); }, set_);
+  }
+
+private:
+  std::variant<std::shared_ptr<Velmot::TrainingSet<int>>, std::shared_ptr<Velmot::TrainingSet<double>>,
+               std::shared_ptr<Velmot::TrainingSet<float>>, std::shared_ptr<Velmot::TrainingSet<unsigned char>>>
+      set_;
+  size_t num_features_ = 0;
+  size_t num_samples_ = 0;
+  size_t num_classes_ = 0;
+};
+
+}  // namespace PyVelmot::core
+
+#endif

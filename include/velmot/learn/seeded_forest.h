@@ -1,0 +1,132 @@
+#ifndef VELMOT_LEARN_SEEDED_FOREST_H
+#define VELMOT_LEARN_SEEDED_FOREST_H
+
+// learn_seeded_forest: the trees [first_tree, last_tree) of a forest whose
+// tree k is grown from a generator made from (seed, k) alone
+// (defs/tree_seeds.h): its bootstrap sample and every random choice of its
+// grower draw from it. A forest is therefore the same for any thread
+// count, any schedule and any split into blocks of trees, and the call
+// touches no process-wide state: no pool, no lock.
+//
+// Steps: check the input (before any thread starts); hand trees out to the
+// workers one at a time (for_each_index, defs/parallel.h: a dynamic
+// schedule, since trees differ in size, and a forked child runs the
+// workers' shares on the calling thread); for each
+// tree draw its sample, grow it with learn_tree, flatten it into
+// ForestArrays and add its in-bag counts and impurities; record its
+// normalised importances. Trees are joined in tree order after the region.
+//
+// Progress: trees_done grows by one per finished tree; setting cancel makes
+// the workers skip the trees they have not started (the result is then
+// marked cancelled and holds no trees). A failure inside the team stops
+// the handing out of trees and is rethrown after it.
+
+#include <algorithm>
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "velmot/dataset/bootstrap.h"
+#include "velmot/dataset/node_sample.h"
+#include "velmot/defs/exception.h"
+#include "velmot/defs/int32_limits.h"
+#include "velmot/defs/parallel.h"
+#include "velmot/defs/tree_seeds.h"
+#include "velmot/learn/forest_arrays.h"
+#include "velmot/learn/learn_tree.h"
+#include "velmot/learn/learning_progress.h"
+#include "velmot/learn/node_statistics.h"
+#include "velmot/learn/training_set.h"
+#include "velmot/stats/label_accumulator.h"
+
+namespace Velmot {
+
+struct SeededForestSettings {
+  uint64_t seed = 0;
+  int64_t first_tree = 0;
+  int64_t last_tree = 0;  // one past the last tree learnt
+  double sample_prop = 1.0;
+  int fte_per_split = 0;
+  int max_depth = 0;
+  int min_leaf_size = 1;
+  int num_threads = 1;
+};
+
+struct SeededForest {
+  ForestArrays trees;
+  // Row j (num_features entries) holds the normalised importances of tree
+  // first_tree + j; all NaN for a tree without an informative split.
+  std::vector<double> tree_importances;
+  bool cancelled = false;
+};
+
+template <class F>
+void check_seeded_forest_input(const TrainingSet<F>& set, const SeededForestSettings& settings) {
+  const MemoryDataSet<F, int>& data = set.data;
+  const size_t ni = data.get_num_instances();
+  if (ni == 0) throw IncompatibleDataException("data set is empty");
+  if (!fits_in_int32(ni)) throw IncompatibleDataException("data set has more than 2147483647 instances");
+  if (!fits_in_int32(data.get_num_features())) throw IncompatibleDataException("data set has too many features");
+  if (data.get_num_classes() > static_cast<size_t>(max_num_classes)) {
+    throw IncompatibleDataException("data set has too many classes");
+  }
+  const double sample_size = settings.sample_prop * static_cast<double>(ni);
+  if (!(sample_size >= 0.0) || !(sample_size < 2147483648.0)) {
+    throw Exception("sample_prop must make a bootstrap sample of 0 to 2147483647 instances");
+  }
+  if (settings.first_tree < 0 || settings.last_tree < settings.first_tree) {
+    throw Exception("the trees to learn must be a range [first, last) of non-negative indices");
+  }
+  if (settings.num_threads < 1) throw Exception("the thread count must be at least 1");
+  for (size_t i = 0; i < ni; ++i) {
+    const int label = data.get_label(i);
+    if (label < 0 || static_cast<size_t>(label) >= data.get_num_classes()) {
+      throw IncompatibleDataException("a label lies outside the range of classes");
+    }
+  }
+}
+
+template <class F, class Criterion>
+SeededForest learn_seeded_forest(const TrainingSet<F>& set, const SeededForestSettings& settings,
+                                 const Criterion& criteria, LearningProgress& progress) {
+  check_seeded_forest_input(set, settings);
+  typedef MemoryDataSet<F, int> D;
+  const D& data = set.data;
+  const int64_t num_trees = settings.last_tree - settings.first_tree;
+  const size_t nf = data.get_num_features();
+  std::vector<ForestArrays> trees(static_cast<size_t>(num_trees));
+  SeededForest forest;
+  forest.tree_importances.assign(static_cast<size_t>(num_trees) * nf, 0.0);
+
+  for_each_index(num_trees, settings.num_threads, [&](int64_t j, const Worker&) {
+    if (progress.cancel.load(std::memory_order_relaxed)) return;
+    XorShiftRNG rng = tree_generator(settings.seed, static_cast<uint64_t>(settings.first_tree + j));
+    IndexedDataSet<D> sample = random_subset_iid(&data, settings.sample_prop, rng);
+    sample.ranks = &set.ranks;
+    std::vector<double> importances(nf, 0.0);
+    std::unique_ptr<Node<int>> root(grow_tree(sample, settings.fte_per_split, settings.max_depth,
+                                              settings.min_leaf_size, criteria, true, importances, rng));
+    ForestArrays& tree = trees[static_cast<size_t>(j)];
+    tree = flatten_tree(*root);
+    root.reset();
+    fill_node_statistics(tree, data, sample.indices, impurity_measure_of<Criterion>());
+    std::copy(importances.begin(), importances.end(), forest.tree_importances.begin() + j * static_cast<int64_t>(nf));
+    progress.trees_done.fetch_add(1, std::memory_order_relaxed);
+  });
+  if (progress.cancel.load()) {
+    forest.cancelled = true;
+    forest.tree_importances.clear();
+    return forest;
+  }
+  for (ForestArrays& tree : trees) {
+    forest.trees.append(tree);
+    tree = ForestArrays();
+  }
+  return forest;
+}
+
+}  // namespace Velmot
+
+#include "velmot/learn/seeded_forest_instances.h"
+
+#endif

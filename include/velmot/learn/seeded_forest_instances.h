@@ -1,0 +1,23 @@
+#ifndef VELMOT_LEARN_SEEDED_FOREST_INSTANCES_H
+#define VELMOT_LEARN_SEEDED_FOREST_INSTANCES_H
+
+// The learn_seeded_forest combinations (every feature type, each
+// criterion; class labels), compiled once in src/instantiations.cpp.
+
+#include "velmot/learn/learn_forest_instances.h"
+#include "velmot/stats/criteria.h"
+
+#define VELMOT_FOR_EACH_SEEDED_LEARNER(X)                            \
+  VELMOT_FOR_EACH_FEATURE_TYPE(X, int, Velmot::TwoSplitInfoGain)     \
+  VELMOT_FOR_EACH_FEATURE_TYPE(X, int, Velmot::TwoSplitGiniImpurity) \
+  VELMOT_FOR_EACH_FEATURE_TYPE(X, int, Velmot::TwoSplitGainRatio)
+
+#define VELMOT_SEEDED_FOREST_SIGNATURE(F, L, C)           \
+  Velmot::SeededForest Velmot::learn_seeded_forest<F, C>( \
+      const Velmot::TrainingSet<F>&, const Velmot::SeededForestSettings&, const C&, Velmot::LearningProgress&);
+
+#define VELMOT_DECLARE_SEEDED_FOREST(F, L, C) extern template VELMOT_SEEDED_FOREST_SIGNATURE(F, L, C)
+VELMOT_FOR_EACH_SEEDED_LEARNER(VELMOT_DECLARE_SEEDED_FOREST)
+#undef VELMOT_DECLARE_SEEDED_FOREST
+
+#endif

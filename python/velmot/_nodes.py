@@ -1,0 +1,73 @@
+"""A fitted forest's nodes as one structure of arrays, as the core learns
+and predicts from it."""
+
+from dataclasses import dataclass, fields
+
+import numpy as np
+
+_DTYPES = {
+    "offsets": np.int64,
+    "left": np.int32,
+    "right": np.int32,
+    "feature": np.int32,
+    "threshold": np.float64,
+    "value": np.int32,
+    "count": np.int64,
+    "impurity": np.float64,
+}
+
+
+@dataclass(frozen=True, eq=False)
+class ForestNodes:
+    """Every node of a forest, trees one after another.
+
+    Tree k holds the nodes ``offsets[k]:offsets[k + 1]``, numbered from its
+    root at 0 in the breadth-first order of ``trees_``. Per node: ``left``
+    and ``right``, the children's numbers within the tree (-1 for none; a
+    sample goes left when its ``feature`` value is below ``threshold``);
+    ``value``, a leaf's class index (-2 at a split); ``count``, the in-bag
+    samples reaching the node, bootstrap copies counted (0 where unknown,
+    in forests saved without counts); ``impurity``, their Gini impurity
+    (criterion "gini") or entropy in bits (the others), NaN where unknown.
+    """
+
+    offsets: np.ndarray
+    left: np.ndarray
+    right: np.ndarray
+    feature: np.ndarray
+    threshold: np.ndarray
+    value: np.ndarray
+    count: np.ndarray
+    impurity: np.ndarray
+
+    def __post_init__(self):
+        for name, dtype in _DTYPES.items():
+            object.__setattr__(self, name, np.ascontiguousarray(getattr(self, name), dtype=dtype))
+
+    @property
+    def n_trees(self):
+        return len(self.offsets) - 1
+
+    def as_dict(self):
+        return {field.name: getattr(self, field.name) for field in fields(self)}
+
+    def tree_arrays(self):
+        """The trees in the five-row float64 encoding of ``trees_``."""
+        rows = np.vstack([self.left, self.right, self.feature, self.threshold, self.value]).astype(np.float64)
+        return [np.ascontiguousarray(rows[:, begin:end]) for begin, end in zip(self.offsets[:-1], self.offsets[1:])]
+
+    @classmethod
+    def from_tree_arrays(cls, trees):
+        """Nodes of five-row trees, without counts or impurities."""
+        nodes = np.concatenate(trees, axis=1) if trees else np.empty((5, 0))
+        offsets = np.concatenate([[0], np.cumsum([tree.shape[1] for tree in trees], dtype=np.int64)])
+        unknown = np.full(nodes.shape[1], np.nan)
+        return cls(offsets, *nodes, np.zeros(nodes.shape[1], dtype=np.int64), unknown)
+
+    @classmethod
+    def join(cls, parts):
+        """The trees of ``parts``, one forest after another."""
+        sizes = [part.offsets[-1] for part in parts]
+        starts = np.concatenate([[0], np.cumsum(sizes[:-1], dtype=np.int64)])
+        offsets = np.concatenate([[0]] + [part.offsets[1:] + start for part, start in zip(parts, starts)])
+        return cls(offsets, *(np.concatenate([getattr(part, name) for part in parts]) for name in list(_DTYPES)[1:]))
