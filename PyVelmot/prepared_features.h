@@ -13,7 +13,7 @@
 // shape, strides and element types reuses it instead of preparing again.
 // The holder of such a matrix promises that its values do not change; the
 // preparation is freed with the matrix or when the attribute is replaced.
-// Any other matrix is prepared afresh by every call, as before.
+// Any other matrix is prepared afresh by every call.
 
 #include "numpy_api.h"
 

@@ -27,6 +27,12 @@ ASAN_OPTIONS=detect_leaks=1:abort_on_error=1:allocator_may_return_null=1 UBSAN_O
   ctest --test-dir "$build" --output-on-failure --no-tests=error -j 2
 
 echo "== Python tests under ASan/UBSan"
+# The package's own binding belongs inside the package: a copy of the
+# package with the instrumented velmot._core beside its sources.
+package="$build/package"
+rm -rf "$package" && mkdir -p "$package"
+cp -r python/velmot "$package/"
+cp "$build"/_core*.so "$package/velmot/"
 # The interpreter itself is not instrumented and keeps memory alive at exit
 # on purpose, so leak detection is left to the valgrind run; every other
 # ASan and UBSan report aborts.
@@ -37,6 +43,6 @@ asan_runtime=$(g++ -print-file-name=libasan.so)
 cxx_runtime=$(g++ -print-file-name=libstdc++.so.6)
 PYTHONMALLOC=malloc LD_PRELOAD="$asan_runtime $cxx_runtime" \
   ASAN_OPTIONS=detect_leaks=0:abort_on_error=1:allocator_may_return_null=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
-  PYTHONPATH="$root/$build:$root/python" \
+  PYTHONPATH="$root/$build:$root/$package" \
   .venv/bin/python -m pytest -c "$root/pyproject.toml" --rootdir "$root" -p no:cacheprovider "$root/tests/python" \
   --ignore="$root/tests/python/test_dask.py" -k "not test_out_of_memory" "$@"
