@@ -14,8 +14,8 @@ PyObject* out_of_memory_error() {
   if (type == nullptr) {
     PyObject* bases = PyTuple_Pack(2, PyExc_RuntimeError, PyExc_MemoryError);
     if (bases == nullptr) return PyExc_RuntimeError;
-    type = PyErr_NewExceptionWithDoc("PyVelmot_wrap.OutOfMemoryError",
-                                     "An allocation failed in the library.", bases, nullptr);
+    type = PyErr_NewExceptionWithDoc("PyVelmot_wrap.OutOfMemoryError", "An allocation failed in the library.", bases,
+                                     nullptr);
     Py_DECREF(bases);
     if (type == nullptr) {
       PyErr_Clear();
@@ -33,8 +33,7 @@ void set_error_from_current_exception() {
   try {
     throw;
   } catch (const Velmot::DataIOException& e) {
-    const std::string text =
-        "error (line " + std::to_string(e.get_line_no()) + "): " + e.get_message() + "\n";
+    const std::string text = "error (line " + std::to_string(e.get_line_no()) + "): " + e.get_message() + "\n";
     PyErr_SetString(PyExc_RuntimeError, text.c_str());
   } catch (const Velmot::Exception& e) {
     const std::string text = "error: " + e.get_message() + "\n";

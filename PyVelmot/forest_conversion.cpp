@@ -84,7 +84,9 @@ bool view_tree_array(PyObject* item, TreeArray& tree) {
 template <class E>
 Velmot::FlatTree flatten_tree_array(const TreeArray& tree, Velmot::EncodedTreeScratch& scratch) {
   unsigned char* data = const_cast<unsigned char*>(tree.data);
-  auto row = [&](int64_t r) { return Velmot::Array1D<E>(data + r * tree.row_stride, tree.columns, tree.column_stride); };
+  auto row = [&](int64_t r) {
+    return Velmot::Array1D<E>(data + r * tree.row_stride, tree.columns, tree.column_stride);
+  };
   return Velmot::flatten_encoded_tree<E>(tree.columns, row(0), row(1), row(2), row(3), row(4), scratch);
 }
 

@@ -32,8 +32,8 @@ namespace {
 constexpr int min_leaf_size = 1;
 
 std::string invalid_label_message(const std::string& label, int num_classes) {
-  return "invalid class label " + label + ". Labels must be >= 0 and < num_classes; num_classes=" +
-         std::to_string(num_classes) + ".";
+  return "invalid class label " + label +
+         ". Labels must be >= 0 and < num_classes; num_classes=" + std::to_string(num_classes) + ".";
 }
 
 // Every label, as an int (real labels truncated toward zero), must lie in
@@ -94,9 +94,9 @@ void learn_impl(Prepared& prepared, bool fresh, OwnedForest<L>& forest, int num_
                 ImportanceVector& feature_importances) {
   check_labels(prepared.dataset.labels, static_cast<int>(prepared.dataset.get_num_classes()));
   if (fresh) prepared.dataset.impute();
-  OwnedForest<L> learnt(Velmot::learn_forest(prepared.dataset, prepared.ranks, num_trees, sampling_prop,
-                                             fte_per_split, max_depth, min_leaf_size, criteria,
-                                             compute_feature_importances, feature_importances));
+  OwnedForest<L> learnt(Velmot::learn_forest(prepared.dataset, prepared.ranks, num_trees, sampling_prop, fte_per_split,
+                                             max_depth, min_leaf_size, criteria, compute_feature_importances,
+                                             feature_importances));
   forest.swap(learnt);
 }
 

@@ -14,26 +14,26 @@
 
 #include "velmot/stats/criteria.h"
 
-#define PYVELMOT_LEARNERS(X)                                                                                      \
-  X(ii_infogain, int, int, Velmot::TwoSplitInfoGain)                                                             \
-  X(di_infogain, double, int, Velmot::TwoSplitInfoGain)                                                          \
-  X(si_infogain, float, int, Velmot::TwoSplitInfoGain)                                                           \
-  X(bi_infogain, unsigned char, int, Velmot::TwoSplitInfoGain)                                                   \
-  X(ii_gini, int, int, Velmot::TwoSplitGiniImpurity)                                                             \
-  X(di_gini, double, int, Velmot::TwoSplitGiniImpurity)                                                          \
-  X(si_gini, float, int, Velmot::TwoSplitGiniImpurity)                                                           \
-  X(bi_gini, unsigned char, int, Velmot::TwoSplitGiniImpurity)                                                   \
-  X(ii_gainratio, int, int, Velmot::TwoSplitGainRatio)                                                           \
-  X(di_gainratio, double, int, Velmot::TwoSplitGainRatio)                                                        \
-  X(si_gainratio, float, int, Velmot::TwoSplitGainRatio)                                                         \
-  X(bi_gainratio, unsigned char, int, Velmot::TwoSplitGainRatio)                                                 \
-  X(id_variance, int, double, Velmot::TwoSplitGainRatio)                                                         \
-  X(dd_variance, double, double, Velmot::TwoSplitGainRatio)                                                      \
-  X(sd_variance, float, double, Velmot::TwoSplitGainRatio)                                                       \
-  X(bd_variance, unsigned char, double, Velmot::TwoSplitGainRatio)                                               \
-  X(is_variance, int, float, Velmot::TwoSplitGainRatio)                                                          \
-  X(ds_variance, double, float, Velmot::TwoSplitGainRatio)                                                       \
-  X(ss_variance, float, float, Velmot::TwoSplitGainRatio)                                                        \
+#define PYVELMOT_LEARNERS(X)                                       \
+  X(ii_infogain, int, int, Velmot::TwoSplitInfoGain)               \
+  X(di_infogain, double, int, Velmot::TwoSplitInfoGain)            \
+  X(si_infogain, float, int, Velmot::TwoSplitInfoGain)             \
+  X(bi_infogain, unsigned char, int, Velmot::TwoSplitInfoGain)     \
+  X(ii_gini, int, int, Velmot::TwoSplitGiniImpurity)               \
+  X(di_gini, double, int, Velmot::TwoSplitGiniImpurity)            \
+  X(si_gini, float, int, Velmot::TwoSplitGiniImpurity)             \
+  X(bi_gini, unsigned char, int, Velmot::TwoSplitGiniImpurity)     \
+  X(ii_gainratio, int, int, Velmot::TwoSplitGainRatio)             \
+  X(di_gainratio, double, int, Velmot::TwoSplitGainRatio)          \
+  X(si_gainratio, float, int, Velmot::TwoSplitGainRatio)           \
+  X(bi_gainratio, unsigned char, int, Velmot::TwoSplitGainRatio)   \
+  X(id_variance, int, double, Velmot::TwoSplitGainRatio)           \
+  X(dd_variance, double, double, Velmot::TwoSplitGainRatio)        \
+  X(sd_variance, float, double, Velmot::TwoSplitGainRatio)         \
+  X(bd_variance, unsigned char, double, Velmot::TwoSplitGainRatio) \
+  X(is_variance, int, float, Velmot::TwoSplitGainRatio)            \
+  X(ds_variance, double, float, Velmot::TwoSplitGainRatio)         \
+  X(ss_variance, float, float, Velmot::TwoSplitGainRatio)          \
   X(bs_variance, unsigned char, float, Velmot::TwoSplitGainRatio)
 
 #define PYVELMOT_TESTERS(X) \

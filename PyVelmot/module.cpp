@@ -63,12 +63,9 @@ int import_numpy_c_api() {
 #define PYVELMOT_PROB_METHOD(suffix, F, L, T) PYVELMOT_METHOD("prob_" #suffix, (PyVelmot::prob_wrap<F, L, T>))
 
 PyMethodDef methods[] = {
-    PYVELMOT_LEARNERS(PYVELMOT_LEARNER_METHOD)
-    PYVELMOT_TESTERS(PYVELMOT_TESTER_METHOD)
-    PYVELMOT_PROBABILITY_FUNCTIONS(PYVELMOT_PROB_METHOD)
-    PYVELMOT_METHOD("init_pool", PyVelmot::init_pool_wrap)
-    PYVELMOT_METHOD("set_seed", PyVelmot::set_seed_wrap)
-    {nullptr, nullptr, 0, nullptr},
+    PYVELMOT_LEARNERS(PYVELMOT_LEARNER_METHOD) PYVELMOT_TESTERS(PYVELMOT_TESTER_METHOD)
+        PYVELMOT_PROBABILITY_FUNCTIONS(PYVELMOT_PROB_METHOD) PYVELMOT_METHOD("init_pool", PyVelmot::init_pool_wrap)
+            PYVELMOT_METHOD("set_seed", PyVelmot::set_seed_wrap){nullptr, nullptr, 0, nullptr},
 };
 
 #undef PYVELMOT_PROB_METHOD

@@ -197,11 +197,10 @@ PyObject* prob_wrap(PyObject*, PyObject* args) {
 
     Velmot::BaseForestClassifier<L> predictor(num_classes);
     predictor.use_forest(std::move(input.forest));
-    Velmot::Array2D<T> probabilities(static_cast<T*>(PyArray_DATA(probs_out)),
-                                     static_cast<int>(PyArray_DIM(probs_out, 0)),
-                                     static_cast<int>(PyArray_DIM(probs_out, 1)),
-                                     static_cast<int>(PyArray_STRIDE(probs_out, 0)),
-                                     static_cast<int>(PyArray_STRIDE(probs_out, 1)));
+    Velmot::Array2D<T> probabilities(
+        static_cast<T*>(PyArray_DATA(probs_out)), static_cast<int>(PyArray_DIM(probs_out, 0)),
+        static_cast<int>(PyArray_DIM(probs_out, 1)), static_cast<int>(PyArray_STRIDE(probs_out, 0)),
+        static_cast<int>(PyArray_STRIDE(probs_out, 1)));
     predictor.compute_probabilities(*input.instances, probabilities);
     return meaningless_result();
   });

@@ -23,8 +23,8 @@ MatrixLayout::MatrixLayout(PyArrayObject* x) : data(PyArray_DATA(x)) {
 }
 
 bool MatrixLayout::operator==(const MatrixLayout& other) const {
-  return data == other.data && dims[0] == other.dims[0] && dims[1] == other.dims[1] &&
-         strides[0] == other.strides[0] && strides[1] == other.strides[1];
+  return data == other.data && dims[0] == other.dims[0] && dims[1] == other.dims[1] && strides[0] == other.strides[0] &&
+         strides[1] == other.strides[1];
 }
 
 StoredPreparation find_preparation(PyObject* matrix) {

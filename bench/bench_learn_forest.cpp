@@ -66,9 +66,8 @@ void learn_forest_of_100(benchmark::State& state, bool integer_valued) {
       delete tree;
     }
   }
-  state.counters["s_per_tree"] =
-      benchmark::Counter(static_cast<double>(num_trees), benchmark::Counter::kIsIterationInvariantRate |
-                                                             benchmark::Counter::kInvert);
+  state.counters["s_per_tree"] = benchmark::Counter(
+      static_cast<double>(num_trees), benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
   state.counters["nodes_per_tree"] = static_cast<double>(nodes) / num_trees;
 }
 

@@ -56,13 +56,17 @@ def main():
     cpu_start = time.process_time()
     velmot_s, velmot_nodes = time_velmot(X, y, args.trees, args.threads)
     velmot_cpu = time.process_time() - cpu_start
-    print(f"velmot : {velmot_s:7.2f} s wall, {velmot_cpu:7.2f} s cpu, "
-          f"{velmot_s / args.trees:.3f} s/tree, {velmot_nodes:.0f} nodes/tree")
+    print(
+        f"velmot : {velmot_s:7.2f} s wall, {velmot_cpu:7.2f} s cpu, "
+        f"{velmot_s / args.trees:.3f} s/tree, {velmot_nodes:.0f} nodes/tree"
+    )
     cpu_start = time.process_time()
     sklearn_s, sklearn_nodes = time_sklearn(X, y, args.trees, args.threads)
     sklearn_cpu = time.process_time() - cpu_start
-    print(f"sklearn: {sklearn_s:7.2f} s wall, {sklearn_cpu:7.2f} s cpu, "
-          f"{sklearn_s / args.trees:.3f} s/tree, {sklearn_nodes:.0f} nodes/tree")
+    print(
+        f"sklearn: {sklearn_s:7.2f} s wall, {sklearn_cpu:7.2f} s cpu, "
+        f"{sklearn_s / args.trees:.3f} s/tree, {sklearn_nodes:.0f} nodes/tree"
+    )
     print(f"sklearn / velmot wall-time ratio: {sklearn_s / velmot_s:.2f}")
 
 

@@ -143,7 +143,10 @@ def small_data_latency(rounds, repeats, busy_core, omp_wait):
                 for threads in (1, 2):
                     result = subprocess.run(
                         [sys.executable, "-c", SMALL_DATA_FITS, library, str(threads), str(repeats)],
-                        capture_output=True, text=True, check=True, env=env,
+                        capture_output=True,
+                        text=True,
+                        check=True,
+                        env=env,
                     )
                     for name, seconds in json.loads(result.stdout).items():
                         samples.setdefault((name, library, threads), []).extend(seconds)
@@ -354,7 +357,8 @@ def run_cases(cases, libraries, threads, timeout, omp_wait, on_progress):
                     result, predictions = outcome
                     row.update(result, accuracy=float(np.mean(predictions == case.y_test)))
                     print(
-                        f"  {library.label:<22} fit {row['fit_seconds']:8.2f} s   predict {row['predict_seconds']:7.3f} s"
+                        f"  {library.label:<22} fit {row['fit_seconds']:8.2f} s"
+                        f"   predict {row['predict_seconds']:7.3f} s"
                         f"   fit peak {row['fit_peak_rss_mib']:7.0f} MiB   accuracy {row['accuracy']:.4f}",
                         flush=True,
                     )
@@ -509,7 +513,8 @@ def markdown_report(run, libraries, cases):
     rows = run["rows"]
     machine = run["machine"]
     lines = [
-        f"# Benchmark results ({run['mode']} run{'' if run['complete'] else ', incomplete: still running or interrupted'})",
+        f"# Benchmark results ({run['mode']} run"
+        f"{'' if run['complete'] else ', incomplete: still running or interrupted'})",
         "",
         f"Measured {run['date']} at commit {run['commit']} with `{run['command']}`, "
         f"{run['threads']} threads for every library"
@@ -554,7 +559,8 @@ def markdown_report(run, libraries, cases):
                 f"{len(case.X_test):,} held-out instances predicted."
             ),
             "",
-            "| library | fit (s) | predict (s) | fit peak RSS (MiB) | accuracy | Velmot fit speed-up | Velmot predict speed-up |",
+            "| library | fit (s) | predict (s) | fit peak RSS (MiB) | accuracy "
+            "| Velmot fit speed-up | Velmot predict speed-up |",
             "| --- | ---: | ---: | ---: | ---: | ---: | ---: |",
         ]
         for row in case_rows:

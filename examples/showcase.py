@@ -25,15 +25,19 @@ def timed(call):
 
 def compare(title, X, y, n_trees, features_per_split, n_jobs, feature_names=None):
     X_train, X_test, y_train, y_test = train_test_split(X, y, test_size=0.3, random_state=1, stratify=y)
-    print(f"\n== {title}: {X_train.shape[0]} training and {X_test.shape[0]} held-out instances, "
-          f"{X.shape[1]} features ({X.dtype}), {n_trees} trees, {features_per_split} features per split, "
-          f"{n_jobs} threads")
+    print(
+        f"\n== {title}: {X_train.shape[0]} training and {X_test.shape[0]} held-out instances, "
+        f"{X.shape[1]} features ({X.dtype}), {n_trees} trees, {features_per_split} features per split, "
+        f"{n_jobs} threads"
+    )
     rows = []
     models = {
         "velmot": velmot.RandomForestClassifier(
-            n_estimators=n_trees, max_features=features_per_split, n_jobs=n_jobs, random_state=7),
+            n_estimators=n_trees, max_features=features_per_split, n_jobs=n_jobs, random_state=7
+        ),
         "scikit-learn": SklearnForest(
-            n_estimators=n_trees, max_features=features_per_split, n_jobs=n_jobs, random_state=7),
+            n_estimators=n_trees, max_features=features_per_split, n_jobs=n_jobs, random_state=7
+        ),
     }
     for name, model in models.items():
         _, fit_seconds = timed(lambda model=model: model.fit(X_train, y_train))
@@ -46,8 +50,10 @@ def compare(title, X, y, n_trees, features_per_split, n_jobs, feature_names=None
     for name, accuracy, fit_s, predict_s, proba_s, _ in rows:
         print(f"  {name:<14}{accuracy:>10.4f}{fit_s:>10.2f}{predict_s:>11.3f}{proba_s:>10.3f}")
     velmot_row, sklearn_row = rows
-    print(f"  velmot fit time is {velmot_row[2] / sklearn_row[2]:.2f} x scikit-learn's, "
-          f"predict time {velmot_row[3] / sklearn_row[3]:.2f} x")
+    print(
+        f"  velmot fit time is {velmot_row[2] / sklearn_row[2]:.2f} x scikit-learn's, "
+        f"predict time {velmot_row[3] / sklearn_row[3]:.2f} x"
+    )
     names = feature_names if feature_names is not None else [f"x{j}" for j in range(X.shape[1])]
     for name, *_, importances in rows:
         top = np.argsort(importances)[::-1][:5]
@@ -66,8 +72,9 @@ def main():
     compare("digits as uint8", digits.data.astype(np.uint8), digits.target, 200, 8, args.jobs, pixel_names)
     compare("digits as float64", digits.data.astype(np.float64), digits.target, 200, 8, args.jobs, pixel_names)
 
-    X, y = make_classification(n_samples=args.synthetic_instances, n_features=20, n_informative=10,
-                               n_redundant=4, n_classes=3, random_state=3)
+    X, y = make_classification(
+        n_samples=args.synthetic_instances, n_features=20, n_informative=10, n_redundant=4, n_classes=3, random_state=3
+    )
     compare("synthetic", X, y, 50, 4, args.jobs)
 
 

@@ -48,8 +48,14 @@ def main():
         lambda: wrap.test_di(x, trees + [np.zeros((4, 3))], 3, labels, 1),  # 4-row tree array
         lambda: wrap.test_di(x, "(label 1) (left (label 0) right", 3, labels, 1),  # unbalanced text
         lambda: wrap.test_di(x, "(label 1) (findex 2 threshold", 3, labels, 1),
-        lambda: wrap.test_di(x, [np.array([[1, -1], [-1, -1], [0, 0], [0, 0], [0, 0]], float)] * 2 +
-                             [np.array([[1, 1], [-1, -1], [0, 0], [0, 0], [0, 0]], float)], 3, labels, 1),
+        lambda: wrap.test_di(
+            x,
+            [np.array([[1, -1], [-1, -1], [0, 0], [0, 0], [0, 0]], float)] * 2
+            + [np.array([[1, 1], [-1, -1], [0, 0], [0, 0], [0, 0]], float)],
+            3,
+            labels,
+            1,
+        ),
         lambda: wrap.prob_dd(x, trees, 3, np.zeros((119, 3)), 1),  # output too small
         lambda: wrap.test_di(x, [], 3, labels, 1),  # empty forest
     ]

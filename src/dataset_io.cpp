@@ -10,7 +10,7 @@
 namespace Velmot {
 
 VelmotDescriptionReader::VelmotDescriptionReader()
-    : commands{{"label-type", 1}, {"class-column", 1}, {"num-features", 1}, {"feature-name", 2},
+    : commands{{"label-type", 1}, {"class-column", 1}, {"num-features", 1},  {"feature-name", 2},
                {"feature", 3},    {"ignore", 1},       {"number-labels", 0}, {"label", 2}} {}
 
 DataSetDescription VelmotDescriptionReader::read(std::istream& in) const {
@@ -51,8 +51,8 @@ int VelmotDescriptionReader::parse_int(int line, const std::string& text) const 
   return static_cast<int32_t>(value);
 }
 
-void VelmotDescriptionReader::handle_command(int line, DataSetDescription& description,
-                                             const std::string& keyword, const Arguments& arguments) const {
+void VelmotDescriptionReader::handle_command(int line, DataSetDescription& description, const std::string& keyword,
+                                             const Arguments& arguments) const {
   const auto command = commands.find(keyword);
   if (command == commands.end()) throw DataIOException(line, "invalid command: " + keyword);
   if (arguments.size() != static_cast<size_t>(command->second)) {
@@ -138,8 +138,7 @@ void VelmotDescriptionReader::process_ignore(int line, DataSetDescription& descr
   description.set_ignorable(column);
 }
 
-void VelmotDescriptionReader::process_number_labels(int, DataSetDescription& description,
-                                                    const Arguments&) const {
+void VelmotDescriptionReader::process_number_labels(int, DataSetDescription& description, const Arguments&) const {
   description.set_number_labeling(true);
 }
 

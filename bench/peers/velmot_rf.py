@@ -1,6 +1,7 @@
 """Velmot through its Python package, as a user would call it."""
 
 import numpy as np
+
 import velmot
 
 

@@ -65,8 +65,10 @@ class CsvRows:
         for number, line in enumerate(self._file, 1):
             undecoded = None if line.isascii() else _UNDECODED.search(line)
             if undecoded:
-                raise ValueError(f"{self.path} line {number}: not UTF-8 text "
-                                 f"(byte {ord(undecoded.group()) - 0xDC00:#04x}); save the file as UTF-8")
+                raise ValueError(
+                    f"{self.path} line {number}: not UTF-8 text "
+                    f"(byte {ord(undecoded.group()) - 0xDC00:#04x}); save the file as UTF-8"
+                )
             yield line
 
     def _next_row(self):
@@ -81,8 +83,7 @@ class CsvRows:
     def take_header(self, feature_columns):
         """Takes the first row as the header when one of its feature fields
         is neither a number nor a missing value. Returns the header or None."""
-        if any(self.first[c].strip() not in MISSING and parse_number(self.first[c]) is None
-               for c in feature_columns):
+        if any(self.first[c].strip() not in MISSING and parse_number(self.first[c]) is None for c in feature_columns):
             self.header = self.first
             self._pending = None
         return self.header

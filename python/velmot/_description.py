@@ -19,12 +19,23 @@ from dataclasses import dataclass, field
 INT_MAX = 2**31 - 1
 # Arguments the reader takes, by command.
 _ARGUMENT_COUNTS = {
-    "label-type": 1, "class-column": 1, "num-features": 1, "feature-name": 2,
-    "feature": 3, "ignore": 1, "number-labels": 0, "label": 2,
+    "label-type": 1,
+    "class-column": 1,
+    "num-features": 1,
+    "feature-name": 2,
+    "feature": 3,
+    "ignore": 1,
+    "number-labels": 0,
+    "label": 2,
 }
 # Positions of the integer arguments, by command.
 _INTEGER_ARGUMENTS = {
-    "class-column": (0,), "num-features": (0,), "feature-name": (0,), "feature": (0, 1), "ignore": (0,), "label": (0,),
+    "class-column": (0,),
+    "num-features": (0,),
+    "feature-name": (0,),
+    "feature": (0, 1),
+    "ignore": (0,),
+    "label": (0,),
 }
 # Commands whose first argument is a CSV column number.
 _COLUMN_COMMANDS = ("class-column", "ignore", "feature-name")
@@ -51,11 +62,14 @@ class Layout:
         that differs from its column count."""
         for number, keyword, words in self.commands:
             if keyword in _COLUMN_COMMANDS and int(words[0]) >= n_columns:
-                raise ValueError(f"{self.path} line {number}: {keyword} {words[0]} is beyond the last column "
-                                 f"of {data_path}, which has {n_columns} (numbered from 0)")
+                raise ValueError(
+                    f"{self.path} line {number}: {keyword} {words[0]} is beyond the last column "
+                    f"of {data_path}, which has {n_columns} (numbered from 0)"
+                )
             if keyword == "num-features" and int(words[0]) != n_columns:
-                raise ValueError(f"{self.path} line {number}: num-features {words[0]}, "
-                                 f"but {data_path} has {n_columns} columns")
+                raise ValueError(
+                    f"{self.path} line {number}: num-features {words[0]}, but {data_path} has {n_columns} columns"
+                )
 
 
 def read_layout(path):
@@ -98,8 +112,9 @@ def _read_text(path):
         try:
             line.decode("utf-8")
         except UnicodeDecodeError as error:
-            raise ValueError(f"{path} line {number}: not UTF-8 text (byte {line[error.start]:#04x}); "
-                             "save the file as UTF-8") from None
+            raise ValueError(
+                f"{path} line {number}: not UTF-8 text (byte {line[error.start]:#04x}); save the file as UTF-8"
+            ) from None
     return data.decode("utf-8")
 
 
@@ -114,8 +129,10 @@ def _commands(text, path):
             continue
         for word in (words[1 + k] for k in _INTEGER_ARGUMENTS.get(words[0], ())):
             if word.isascii() and word.isdigit() and int(word) > INT_MAX:
-                raise ValueError(f"{path} line {number}: {word} is larger than {INT_MAX}, the largest number "
-                                 "a description file can hold")
+                raise ValueError(
+                    f"{path} line {number}: {word} is larger than {INT_MAX}, the largest number "
+                    "a description file can hold"
+                )
         commands.append((number, words[0], words[1:]))
     return commands
 
@@ -128,8 +145,9 @@ def _check_meaning(commands, path):
     given = {}
     for number, keyword, words in commands:
         if keyword == "label-type" and words[0] == "regression":
-            raise ValueError(f"{path} line {number}: label-type regression is not supported yet: "
-                             "velmot learns classifiers only")
+            raise ValueError(
+                f"{path} line {number}: label-type regression is not supported yet: velmot learns classifiers only"
+            )
         if keyword in ("label", "feature-name"):
             what = "class code" if keyword == "label" else "column"
             name = given.setdefault((keyword, int(words[0])), words[1])

@@ -106,8 +106,17 @@ def _read_open(file, name, names):
         raise ValueError(f"{name!s} is not a readable velmot forest file: {error}") from error
     # Everything a damaged archive makes zipfile, zlib or numpy raise; the
     # file itself is open by now, so an OSError here is a damaged file too.
-    except (EOFError, KeyError, OSError, RuntimeError, NotImplementedError, zipfile.BadZipFile, zlib.error,
-            struct.error, MemoryError) as error:
+    except (
+        EOFError,
+        KeyError,
+        OSError,
+        RuntimeError,
+        NotImplementedError,
+        zipfile.BadZipFile,
+        zlib.error,
+        struct.error,
+        MemoryError,
+    ) as error:
         raise ValueError(f"{name!s} is not a readable velmot forest file: {error}") from error
 
 

@@ -119,11 +119,15 @@ _ZIP_SIGNATURE = b"PK"
 def _save_model(model, path, feature_names, class_names, class_column_name):
     from ._persistence import save_forest
 
-    save_forest(model, path, extra={
-        _FEATURE_NAMES_KEY: np.array(feature_names, dtype=str),
-        _CLASS_NAMES_KEY: np.array([class_names[int(code)] for code in model.classes_], dtype=str),
-        _CLASS_COLUMN_KEY: np.array(class_column_name, dtype=str),
-    })
+    save_forest(
+        model,
+        path,
+        extra={
+            _FEATURE_NAMES_KEY: np.array(feature_names, dtype=str),
+            _CLASS_NAMES_KEY: np.array([class_names[int(code)] for code in model.classes_], dtype=str),
+            _CLASS_COLUMN_KEY: np.array(class_column_name, dtype=str),
+        },
+    )
 
 
 def _load_model(path):
@@ -188,8 +192,10 @@ def train(args):
     except (RuntimeError, MemoryError) as error:
         raise CommandError(f"cannot learn {args.trees} trees: {error}") from None
     _save_model(model, output, feature_names, class_names, class_column_name)
-    print(f"learnt {args.trees} trees on {X.shape[0]} rows and {X.shape[1]} features; saved {args.output}",
-          file=sys.stderr)
+    print(
+        f"learnt {args.trees} trees on {X.shape[0]} rows and {X.shape[1]} features; saved {args.output}",
+        file=sys.stderr,
+    )
 
 
 def _feature_columns(layout, rows, class_column):
@@ -258,8 +264,7 @@ def _columns_to_predict(rows, layout, feature_names, class_column_name):
     if header is None or not all(feature_names):
         columns = _feature_columns(layout, rows, class_column)
         if len(columns) != n_features:
-            raise CommandError(f"{rows.path}: {len(columns)} feature columns, "
-                               f"but the model was learnt on {n_features}")
+            raise CommandError(f"{rows.path}: {len(columns)} feature columns, but the model was learnt on {n_features}")
         return columns
     names = [layout.feature_names.get(c, field.strip()) for c, field in enumerate(header)]
     if layout.class_column is None:
@@ -270,8 +275,11 @@ def _columns_to_predict(rows, layout, feature_names, class_column_name):
     missing = [name for name in feature_names if name not in column_of]
     unknown = sorted(set(column_of) - set(feature_names))
     if missing or unknown:
-        problems = [f"{what} {', '.join(map(repr, found))}"
-                    for what, found in (("lacks", missing), ("has unknown columns", unknown)) if found]
+        problems = [
+            f"{what} {', '.join(map(repr, found))}"
+            for what, found in (("lacks", missing), ("has unknown columns", unknown))
+            if found
+        ]
         hint = "" if layout.path else " (pass the description the model was trained with, if it had one)"
         raise CommandError(f"{rows.path} does not match the model's features: it {' and '.join(problems)}{hint}")
     return [column_of[name] for name in feature_names]

@@ -32,9 +32,9 @@ TEST(Impute, UpperMedianOfPresentValuesInTheColumnsMissingSome) {
                                       {-0.0, 0.0, inf, -inf, 1e300},
                                       {missing, missing, missing},
                                       {inf, missing, inf, 1, missing}});
-  EXPECT_EQ(after, (std::vector<std::vector<double>>{
-                       {8, 9, 7, 8, 8}, {4, 3, 1, 3, 2}, {-0.0, 0.0, inf, -inf, 1e300}, {0, 0, 0},
-                       {inf, inf, inf, 1, inf}}));
+  EXPECT_EQ(after,
+            (std::vector<std::vector<double>>{
+                {8, 9, 7, 8, 8}, {4, 3, 1, 3, 2}, {-0.0, 0.0, inf, -inf, 1e300}, {0, 0, 0}, {inf, inf, inf, 1, inf}}));
   EXPECT_TRUE(std::signbit(after[2][0]));
   EXPECT_EQ(imputed<float>({{7.5f, std::nanf(""), std::nanf("")}})[0], (std::vector<float>{7.5f, 7.5f, 7.5f}));
 }

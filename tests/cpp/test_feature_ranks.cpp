@@ -56,7 +56,7 @@ std::vector<std::vector<F>> floating_columns(size_t n, uint64_t seed) {
     columns[2][i] = static_cast<F>(gen() % 2 ? 0.0 : -0.0);  // only the two zeros
     // Neighbours that differ in the low bits only: long runs of one high half.
     columns[3][i] = static_cast<F>(1.0 + static_cast<double>(gen() % 5000) * std::numeric_limits<double>::epsilon());
-    columns[4][i] = static_cast<F>(3.5);  // every digit skipped
+    columns[4][i] = static_cast<F>(3.5);                              // every digit skipped
     columns[5][i] = static_cast<F>(x > 0 ? x * 1e300 : -x * 1e-310);  // large, tiny and subnormal
   }
   const F extremes[] = {std::numeric_limits<F>::infinity(), -std::numeric_limits<F>::infinity(),

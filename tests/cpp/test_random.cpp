@@ -1,10 +1,10 @@
 #include <gtest/gtest.h>
 
+#include <unistd.h>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
 #include <type_traits>
-#include <unistd.h>
 #include <vector>
 
 #include "test_support.h"

@@ -27,7 +27,7 @@ namespace {
 // 1; and `draws` ascending instance numbers with repeats.
 template <class F, class L>
 std::pair<Velmot::MemoryDataSet<F, L>, std::vector<uint64_t>> make_case(size_t n, size_t nf, int levels, size_t draws,
-                                                                       unsigned seed, size_t nan_every = 0) {
+                                                                        unsigned seed, size_t nan_every = 0) {
   std::mt19937 gen(seed);
   Velmot::MemoryDataSet<F, L> data(nf);
   data.nc = 3;

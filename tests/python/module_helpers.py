@@ -17,8 +17,16 @@ def leaf(label, dtype=np.float64):
 
 def stump(feature, threshold, left_label=0, right_label=1, children=(1, 2)):
     """A split on `feature` in column 0 over two leaves, normally in columns 1 and 2."""
-    return np.array([[children[0], -1, -1], [children[1], -1, -1], [feature, -1, -1], [threshold, 0, 0],
-                     [-2, left_label, right_label]], dtype=np.float64)
+    return np.array(
+        [
+            [children[0], -1, -1],
+            [children[1], -1, -1],
+            [feature, -1, -1],
+            [threshold, 0, 0],
+            [-2, left_label, right_label],
+        ],
+        dtype=np.float64,
+    )
 
 
 def runtime_error(call, *args):

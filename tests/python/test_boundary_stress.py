@@ -24,21 +24,38 @@ HUGE = [2**31 - 1, -(2**31), 2**31 - 2]
 def call_of(rng, trees):
     """A function and arguments: mostly well formed, sometimes of another
     type, layout, shape or value."""
+
     def pick(good, bad=(), p_bad=0.15):
         options = bad if bad and rng.random() < p_bad else good
         return options[rng.integers(len(options))]
 
     def odd(x, p=0.15):
-        return x if rng.random() > p else pick([
-            x.astype(pick([np.int8, np.int64, np.float16, np.bool_, np.complex128, np.float32])), x[::-1],
-            np.ascontiguousarray(x.T).T, np.repeat(x, 2, axis=-1)[..., ::2], x.reshape(-1), x[np.newaxis],
-            x[..., :-1], np.concatenate([x, x], axis=-1), np.broadcast_to(x.reshape(-1)[:1], x.shape) if x.size else x,
-            np.zeros(()), np.float64(1.5), [[1.0, 2.0]]])
+        return (
+            x
+            if rng.random() > p
+            else pick(
+                [
+                    x.astype(pick([np.int8, np.int64, np.float16, np.bool_, np.complex128, np.float32])),
+                    x[::-1],
+                    np.ascontiguousarray(x.T).T,
+                    np.repeat(x, 2, axis=-1)[..., ::2],
+                    x.reshape(-1),
+                    x[np.newaxis],
+                    x[..., :-1],
+                    np.concatenate([x, x], axis=-1),
+                    np.broadcast_to(x.reshape(-1)[:1], x.shape) if x.size else x,
+                    np.zeros(()),
+                    np.float64(1.5),
+                    [[1.0, 2.0]],
+                ]
+            )
+        )
 
     name = pick(LEARNERS + PREDICTORS, ["set_seed", "init_pool"], 0.03)
     if name in ("set_seed", "init_pool"):
-        return getattr(wrap, name), (pick([1, 5, 2**32 + 5, -3, 2**63 - 1, "", "/dev/urandom", "/nonexistent/random",
-                                           b"/dev/urandom\0x"]),)
+        return getattr(wrap, name), (
+            pick([1, 5, 2**32 + 5, -3, 2**63 - 1, "", "/dev/urandom", "/nonexistent/random", b"/dev/urandom\0x"]),
+        )
     nf, ni, num_classes = int(rng.integers(2, 6)), int(rng.integers(0, 30)), pick([3, 5, 2], [1, 0, -1, 1000, *HUGE])
     values = rng.normal(scale=4, size=(nf, ni))
     values[rng.random(values.shape) < 0.05] = pick([np.nan, np.inf, -np.inf])
@@ -46,15 +63,25 @@ def call_of(rng, trees):
     if name.startswith("learn_"):
         labels = rng.integers(0, min(max(num_classes, 1), 3), size=ni) + pick([0], [-1, 3, 2**40], 0.05)
         y = odd(labels.astype(LABEL_TYPES[name[7]]))
-        return getattr(wrap, name), (x, y, num_classes, pick([1, 2, 3, 5], [0, -1, *HUGE]),
-                                     pick([1.0, 0.5, 2.0], [0.0, -0.5, np.nan, 1e300]), int(rng.integers(1, nf)),
-                                     pick([0, 0, 1, 3, -1, 2**31 - 1]), num_threads, pick([0, 1, 255]))
+        return getattr(wrap, name), (
+            x,
+            y,
+            num_classes,
+            pick([1, 2, 3, 5], [0, -1, *HUGE]),
+            pick([1.0, 0.5, 2.0], [0.0, -0.5, np.nan, 1e300]),
+            int(rng.integers(1, nf)),
+            pick([0, 0, 1, 3, -1, 2**31 - 1]),
+            num_threads,
+            pick([0, 1, 255]),
+        )
     kind = rng.integers(10)
     if kind < 4:  # learnt trees
         forest = [trees[k].astype(pick([np.float32, np.float64])) for k in rng.integers(len(trees), size=3)]
     elif kind < 7:  # random cells: child indices, features and labels in and out of range
-        forest = [rng.integers(-2, n + 2, size=(5, n)) * pick([1.0], [np.nan, 0.5, 2.0**31], 0.3)
-                  for n in rng.integers(0, 7, size=3)]
+        forest = [
+            rng.integers(-2, n + 2, size=(5, n)) * pick([1.0], [np.nan, 0.5, 2.0**31], 0.3)
+            for n in rng.integers(0, 7, size=3)
+        ]
         forest = [odd(cells, 0.1) for cells in forest]
     elif kind < 9:
         forest = "".join(pick(TOKENS) + pick([" ", ""]) for _ in range(rng.integers(0, 25)))

@@ -69,8 +69,9 @@ def test_train_inspect_predict_on_the_shipped_example(iris_model, tmp_path, caps
     assert run("predict", iris_model, *IRIS, "--proba", "-o", chunked) == 0
     assert chunked.read_text() == proba.read_text()
 
-    result = subprocess.run([sys.executable, "-m", "velmot", "inspect", str(iris_model)],
-                            capture_output=True, text=True)
+    result = subprocess.run(
+        [sys.executable, "-m", "velmot", "inspect", str(iris_model)], capture_output=True, text=True
+    )
     assert result.stdout == summary, result.stderr
 
 
@@ -78,8 +79,10 @@ def test_class_column_ignore_and_label_codes_are_honoured(tmp_path, capsys):
     rng = np.random.default_rng(0)
     # Column 0 leaks the class but is ignored; column 2 holds the class.
     # Codes put "zebra" (0) before "apple" (1), unlike alphabetical order.
-    rows = [[c, f"{c + rng.normal(0, 0.3):.4f}", ["zebra", "apple"][c], f"{rng.normal():.4f}"]
-            for c in rng.integers(0, 2, 200)]
+    rows = [
+        [c, f"{c + rng.normal(0, 0.3):.4f}", ["zebra", "apple"][c], f"{rng.normal():.4f}"]
+        for c in rng.integers(0, 2, 200)
+    ]
     data, description, model = write_csv(tmp_path / "data.csv", rows), tmp_path / "data.desc", tmp_path / "m.npz"
     # A byte-order mark is not part of the first command.
     description.write_text("\ufeffclass-column 2\nignore 0\nlabel 0 zebra\nlabel 1 apple\nfeature-name 3 noise\n")
@@ -118,13 +121,14 @@ def test_every_row_counts_and_a_byte_order_mark_is_not_data(tmp_path, capsys, he
 )
 def test_predict_finds_features_by_name_or_by_fitting_position(tmp_path, capsys, order, header, message):
     rng = np.random.default_rng(1)
-    rows = [["a", "b", "c", "y", "z"]] + [[*map(str, v), "up" if v[0] > v[2] else "down", "0"]
-                                          for v in rng.normal(size=(80, 3)).round(3)]
+    rows = [["a", "b", "c", "y", "z"]] + [
+        [*map(str, v), "up" if v[0] > v[2] else "down", "0"] for v in rng.normal(size=(80, 3)).round(3)
+    ]
     model, expected, out = tmp_path / "m.npz", tmp_path / "e.csv", tmp_path / "o.csv"
     train = write_csv(tmp_path / "t.csv", [row[:4] for row in rows])
     assert run("train", train, "--trees", 10, "--seed", 0, "--quiet", "-o", model) == 0
     assert run("predict", model, train, "-o", expected) == 0
-    data = write_csv(tmp_path / "d.csv", [[row[c] for c in order] for row in rows[1 - header:]])
+    data = write_csv(tmp_path / "d.csv", [[row[c] for c in order] for row in rows[1 - header :]])
     if message is None:
         assert run("predict", model, data, "-o", out) == 0
         assert out.read_text() == expected.read_text()

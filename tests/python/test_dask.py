@@ -336,9 +336,9 @@ class TestFailures:
         killer = threading.Thread(target=kill_once_learning)
         killer.start()
         try:
-            forest = velmot.dask.RandomForestClassifier(
-                n_estimators=self.N_TREES, random_state=11, client=client
-            ).fit(X, y)
+            forest = velmot.dask.RandomForestClassifier(n_estimators=self.N_TREES, random_state=11, client=client).fit(
+                X, y
+            )
         finally:
             killer.join()
             client.wait_for_workers(2, timeout=WAIT_SECONDS)

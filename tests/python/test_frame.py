@@ -48,9 +48,13 @@ def test_pool_controls_take_one_positional_argument_of_the_right_type():
     assert wrap.init_pool(b"/dev/urandom") == 0.0
     # Text stops at the first NUL, as a C string would.
     assert wrap.init_pool("/dev/urandom\0ignored") == 0.0
-    for call, error in [(lambda: wrap.set_seed(seed=1), TypeError), (lambda: wrap.set_seed("1"), TypeError),
-                        (lambda: wrap.set_seed(2**70), OverflowError), (lambda: wrap.init_pool(3), TypeError),
-                        (wrap.init_pool, TypeError)]:
+    for call, error in [
+        (lambda: wrap.set_seed(seed=1), TypeError),
+        (lambda: wrap.set_seed("1"), TypeError),
+        (lambda: wrap.set_seed(2**70), OverflowError),
+        (lambda: wrap.init_pool(3), TypeError),
+        (wrap.init_pool, TypeError),
+    ]:
         with pytest.raises(error):
             call()
 

@@ -45,7 +45,7 @@ def seeded_pool(seed):
     """32 generators seeded from libc's rand, zero words skipped."""
     _libc.srand(seed)
     words = list(itertools.islice((abs(word) for word in iter(_libc.rand, None) if word), 4 * 32))
-    return [Generator(words[k:k + 4]) for k in range(0, 4 * 32, 4)]
+    return [Generator(words[k : k + 4]) for k in range(0, 4 * 32, 4)]
 
 
 def tie_break(rng, candidates):
@@ -147,8 +147,9 @@ def reference_forest(X, y, num_classes, num_trees, fte_per_split, max_depth, num
         rng, scratch = generators[t], [0.0] * nf
         for k in range(t * chunk, min((t + 1) * chunk, num_trees)):
             sample = [rng.bounded(ni) for _ in range(ni)]
-            trees[k], tree_importances = learn_tree(X, y, sample, num_classes, fte_per_split, max_depth, rng,
-                                                    integer_features)
+            trees[k], tree_importances = learn_tree(
+                X, y, sample, num_classes, fte_per_split, max_depth, rng, integer_features
+            )
             scratch = [a + b for a, b in zip(scratch, tree_importances)]
         importances = [a + b for a, b in zip(importances, scratch)]
     return trees, np.array([v * (1.0 / num_trees) for v in importances])
@@ -163,26 +164,53 @@ def reference_forest(X, y, num_classes, num_trees, fte_per_split, max_depth, num
 # threshold, a leaf size other than 1, the spare class slot left out of
 # leaf ties, features drawn with replacement, children allowed with a
 # single instance.
-INSTANCES = [[4, 3, 6, 3], [4, 6, 6, 3], [5, 1, 3, 0], [1, 0, 5, 5], [3, 2, 6, 4],
-             [6, 1, 3, 0], [4, 4, 4, 4], [1, 0, 5, 1], [0, 0, 0, 1], [6, 2, 6, 0]]
+INSTANCES = [
+    [4, 3, 6, 3],
+    [4, 6, 6, 3],
+    [5, 1, 3, 0],
+    [1, 0, 5, 5],
+    [3, 2, 6, 4],
+    [6, 1, 3, 0],
+    [4, 4, 4, 4],
+    [1, 0, 5, 1],
+    [0, 0, 0, 1],
+    [6, 2, 6, 0],
+]
 LABELS = [0, 0, 0, 1, 0, 0, 0, 1, 1, 0]
 
 
 @pytest.mark.parametrize("num_threads", [1, 2])
-@pytest.mark.parametrize("dtype, max_depth, seed, num_classes", [
-    (np.int32, 0, 11, 3), (np.float64, 0, 2024, 3), (np.uint8, 1, 7, 3), (np.float64, 2, 99, 3), (np.int32, 0, 31, 2),
-])
+@pytest.mark.parametrize(
+    "dtype, max_depth, seed, num_classes",
+    [
+        (np.int32, 0, 11, 3),
+        (np.float64, 0, 2024, 3),
+        (np.uint8, 1, 7, 3),
+        (np.float64, 2, 99, 3),
+        (np.int32, 0, 31, 2),
+    ],
+)
 def test_forest_matches_independent_recomputation(dtype, max_depth, seed, num_classes, num_threads):
     integer_features = np.issubdtype(dtype, np.integer)
     X = np.array(INSTANCES, dtype=dtype)
     # Half-integer shifts make the float midpoints differ from the values.
     values = X.tolist() if integer_features else (X + 0.5 * (np.arange(len(X))[:, None] % 2)).tolist()
-    expected, expected_importances = reference_forest(values, LABELS, num_classes, 6, 2, max_depth, num_threads, seed,
-                                                      integer_features)
+    expected, expected_importances = reference_forest(
+        values, LABELS, num_classes, 6, 2, max_depth, num_threads, seed, integer_features
+    )
     wrap.set_seed(seed)
     learn = getattr(wrap, f"learn_{np.dtype(dtype).char.lower()}i_gini")
-    trees, importances = learn(np.array(values, dtype=dtype).T, np.array(LABELS, dtype=np.int32), num_classes, 6,
-                               1.0, 2, max_depth, num_threads, 1)
+    trees, importances = learn(
+        np.array(values, dtype=dtype).T,
+        np.array(LABELS, dtype=np.int32),
+        num_classes,
+        6,
+        1.0,
+        2,
+        max_depth,
+        num_threads,
+        1,
+    )
     assert len(trees) == 6
     for k, (tree, reference) in enumerate(zip(trees, expected)):
         np.testing.assert_array_equal(tree, reference, err_msg=f"tree {k}")

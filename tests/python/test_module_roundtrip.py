@@ -50,6 +50,7 @@ def test_the_thread_count_stays_in_force_after_a_call():
 
 class Keeping(np.ndarray):
     """A matrix that asks to keep its preparation between learning calls."""
+
     _velmot_prepared = None
 
 
@@ -67,8 +68,12 @@ def test_a_kept_preparation_never_changes_a_forest():
         return all(np.array_equal(a, b, equal_nan=True) for a, b in zip(*results, strict=True))
 
     # A call without trees prepares; later calls change labels and learners.
-    for learner, labels, n_trees in (("learn_di_gini", Y, 0), ("learn_di_gini", Y, 4),
-                                     ("learn_di_infogain", (Y + 1) % 3, 3), ("learn_dd_variance", Y + 0.5, 3)):
+    for learner, labels, n_trees in (
+        ("learn_di_gini", Y, 0),
+        ("learn_di_gini", Y, 4),
+        ("learn_di_infogain", (Y + 1) % 3, 3),
+        ("learn_dd_variance", Y + 0.5, 3),
+    ):
         assert same(learner, kept, labels.astype(LABEL_TYPES[learner[7]]), n_trees)
     assert kept._velmot_prepared is not None
     # Only on the layout it was made for; a failed call keeps nothing.

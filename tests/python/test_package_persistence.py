@@ -11,8 +11,9 @@ import zipfile
 import numpy as np
 import pandas as pd
 import pytest
-import velmot
 from sklearn.exceptions import NotFittedError
+
+import velmot
 from velmot import RandomForestClassifier
 
 
@@ -189,8 +190,10 @@ def cycle_away_from_the_root(t):
         (lambda t: t.node(3, t.split, np.nan), "NaN threshold"),
         (lambda t: {"tree_sizes": t.contents["tree_sizes"] + 1}, "do not add up"),
         (lambda t: {"nodes": t.contents["nodes"][:4]}, "nodes must be"),
-        (lambda t: {"nodes": t.contents["nodes"][:, t.size :], "tree_sizes": t.contents["tree_sizes"][1:]},
-         "differs from n_estimators"),
+        (
+            lambda t: {"nodes": t.contents["nodes"][:, t.size :], "tree_sizes": t.contents["tree_sizes"][1:]},
+            "differs from n_estimators",
+        ),
         (lambda t: {"classes": t.contents["classes"][::-1]}, "sorted and distinct"),
         (lambda t: {"classes": t.contents["classes"].astype(object)}, "holds Python objects"),
         (lambda t: {"metadata": np.array("[" * 100_000)}, "not JSON of a sane depth"),

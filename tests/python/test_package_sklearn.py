@@ -9,6 +9,7 @@ import os
 os.environ.setdefault("SCIPY_ARRAY_API", "1")
 
 from sklearn.utils.estimator_checks import check_dataframe_column_names_consistency, parametrize_with_checks
+
 from velmot import RandomForestClassifier
 
 # Every check passes; a check that could not would be listed here with its

@@ -3,6 +3,7 @@ into the compiled module (which trusts its caller)."""
 
 import numpy as np
 import pytest
+
 import PyVelmot_wrap
 from velmot import RandomForestClassifier
 
@@ -87,4 +88,3 @@ def test_prediction_refuses_an_empty_matrix():
     for method in (forest.predict, forest.predict_proba, forest.predict_log_proba):
         with pytest.raises(ValueError, match="0 sample"):
             method(X[:0])
-

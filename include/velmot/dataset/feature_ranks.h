@@ -168,9 +168,7 @@ public:
   // D offers get_num_features(), get_num_instances() (fewer than 2^32) and
   // column(j), a contiguous column of F.
   template <class D>
-  explicit FeatureRanks(const D& data)
-      : value_of_rank(data.get_num_features()),
-        ranked(data.get_num_features(), 0) {
+  explicit FeatureRanks(const D& data) : value_of_rank(data.get_num_features()), ranked(data.get_num_features(), 0) {
     namespace detail = feature_ranks_detail;
     const int64_t nf = static_cast<int64_t>(data.get_num_features());
     const size_t ni = data.get_num_instances();

@@ -36,8 +36,7 @@ public:
 
   int64_t next_int() {
     const uint64_t x = static_cast<uint64_t>(state.x);
-    const int64_t t = state.x ^ state.y ^ state.z ^ state.w ^
-                      static_cast<int64_t>(x << 20) ^ (state.y >> 11) ^
+    const int64_t t = state.x ^ state.y ^ state.z ^ state.w ^ static_cast<int64_t>(x << 20) ^ (state.y >> 11) ^
                       static_cast<int64_t>(static_cast<uint64_t>(state.z) << 27) ^ (state.w >> 6);
     state.x = state.y;
     state.y = state.z;
@@ -54,9 +53,7 @@ public:
 
   // |r| in two's complement: the most negative value stays itself (and its
   // remainders stay non-positive, exactly as the signed division gives).
-  static int64_t magnitude(int64_t r) {
-    return r < 0 ? static_cast<int64_t>(0 - static_cast<uint64_t>(r)) : r;
-  }
+  static int64_t magnitude(int64_t r) { return r < 0 ? static_cast<int64_t>(0 - static_cast<uint64_t>(r)) : r; }
 
 private:
   XorShiftState state;

@@ -271,8 +271,8 @@ inline void FlatForest::check_features(size_t num_features) const {
   auto outside = [num_features](int64_t f) { return f < 0 || static_cast<uint64_t>(f) >= num_features; };
   bool all_inside = true;
   for (const FlatTree& t : trees) {
-    if (t.nodes.empty() || (t.lowest_feature <= t.highest_feature &&
-                            (outside(t.lowest_feature) || outside(t.highest_feature)))) {
+    if (t.nodes.empty() ||
+        (t.lowest_feature <= t.highest_feature && (outside(t.lowest_feature) || outside(t.highest_feature)))) {
       all_inside = false;
       break;
     }

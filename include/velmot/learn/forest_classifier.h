@@ -324,7 +324,8 @@ void BaseForestClassifier<L>::compute_probabilities(const D& data, Array2D<T>& p
   }
   for_each_instance(data, [&](size_t i, const int* tally) {
     const int row = static_cast<int>(i);
-    for (size_t m = 0; m < nc; ++m) probabilities(row, static_cast<int>(m)) = static_cast<T>(votes(tally, m + 1) / num_trees);
+    for (size_t m = 0; m < nc; ++m)
+      probabilities(row, static_cast<int>(m)) = static_cast<T>(votes(tally, m + 1) / num_trees);
   });
 }
 

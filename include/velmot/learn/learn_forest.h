@@ -131,8 +131,7 @@ std::vector<Node<typename D::label_type>*> learn_forest(const D& data,
   std::vector<NodeType*> retval(static_cast<size_t>(forest_size), nullptr);
   for (auto& value : feature_importances) value = 0.0;
   const size_t num_importances = feature_importances.size();
-  learn_forest_detail::check_forest_input(data, forest_size, sample_prop, num_importances,
-                                          compute_feature_importances);
+  learn_forest_detail::check_forest_input(data, forest_size, sample_prop, num_importances, compute_feature_importances);
 
   // Ranks of the floating-point features, shared by all trees: nodes then
   // sort small integers instead of values (same order, same trees).

@@ -17,20 +17,20 @@
 
 #define VELMOT_FOR_EACH_FEATURE_TYPE(X, L, C) X(int, L, C) X(double, L, C) X(float, L, C) X(unsigned char, L, C)
 
-#define VELMOT_FOR_EACH_LEARNER(X)                                 \
+#define VELMOT_FOR_EACH_LEARNER(X)                                   \
   VELMOT_FOR_EACH_FEATURE_TYPE(X, int, Velmot::TwoSplitInfoGain)     \
   VELMOT_FOR_EACH_FEATURE_TYPE(X, int, Velmot::TwoSplitGiniImpurity) \
   VELMOT_FOR_EACH_FEATURE_TYPE(X, int, Velmot::TwoSplitGainRatio)    \
   VELMOT_FOR_EACH_FEATURE_TYPE(X, double, Velmot::TwoSplitGainRatio) \
   VELMOT_FOR_EACH_FEATURE_TYPE(X, float, Velmot::TwoSplitGainRatio)
 
-#define VELMOT_LEARN_FOREST_SIGNATURE(F, L, C)                                                                  \
-  std::vector<Velmot::Node<L>*> Velmot::learn_forest<Velmot::MemoryDataSet<F, L>, C, std::vector<double>>(     \
+#define VELMOT_LEARN_FOREST_SIGNATURE(F, L, C)                                                             \
+  std::vector<Velmot::Node<L>*> Velmot::learn_forest<Velmot::MemoryDataSet<F, L>, C, std::vector<double>>( \
       const Velmot::MemoryDataSet<F, L>&, int, double, int, int, int, const C&, bool, std::vector<double>&);
 
 // The form that keeps its ranks between calls.
-#define VELMOT_LEARN_FOREST_REUSING_SIGNATURE(F, L, C)                                                          \
-  std::vector<Velmot::Node<L>*> Velmot::learn_forest<Velmot::MemoryDataSet<F, L>, C, std::vector<double>>(     \
+#define VELMOT_LEARN_FOREST_REUSING_SIGNATURE(F, L, C)                                                           \
+  std::vector<Velmot::Node<L>*> Velmot::learn_forest<Velmot::MemoryDataSet<F, L>, C, std::vector<double>>(       \
       const Velmot::MemoryDataSet<F, L>&, Velmot::ReusableRanks<F>&, int, double, int, int, int, const C&, bool, \
       std::vector<double>&);
 

@@ -152,8 +152,8 @@ Tracker<SplitCandidate<typename D::feature_type>, std::less<double>> search_feat
     }
     drawn.insert(fte);
     // A constant feature is skipped and not counted.
-    if (total < 2 || !sorted.sort_unless_constant(*range.dataset, static_cast<size_t>(fte), range.begin_i,
-                                                  range.end_i)) {
+    if (total < 2 ||
+        !sorted.sort_unless_constant(*range.dataset, static_cast<size_t>(fte), range.begin_i, range.end_i)) {
       continue;
     }
     double score = 0.0;
@@ -274,7 +274,8 @@ Node<typename D::label_type>* grow_tree(const IndexedDataSet<D>& data, int fte_p
       node->set_feature_index(f);
       // Credited before the children check: a node that then becomes a
       // leaf still credits its feature.
-      if (compute_feature_importances && g > 0) feature_importances[static_cast<size_t>(f)] += g * static_cast<double>(n);
+      if (compute_feature_importances && g > 0)
+        feature_importances[static_cast<size_t>(f)] += g * static_cast<double>(n);
 
       const bool depth_allows = !(max_depth > 0 && max_depth < task.depth + 1);
       const size_t left_size =
@@ -322,8 +323,7 @@ Node<typename D::label_type>* grow_tree(const IndexedDataSet<D>& data, int fte_p
 // one entry per feature at least), which is then normalised to sum 1.
 template <class D, class Criterion>
 Node<typename D::label_type>* learn_tree(const IndexedDataSet<D>& data, int fte_per_split, int max_depth,
-                                         int min_leaf_size, const Criterion& criteria,
-                                         bool compute_feature_importances,
+                                         int min_leaf_size, const Criterion& criteria, bool compute_feature_importances,
                                          std::vector<double>& feature_importances) {
   if (!fits_in_int32(data.get_num_instances())) throw Exception("a tree's sample must hold fewer than 2^31 instances");
   if (compute_feature_importances && feature_importances.size() < data.get_num_features()) {

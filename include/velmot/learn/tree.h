@@ -107,15 +107,25 @@ public:
   Node<L>* get_root_node() { return root; }
 
   template <class Out>
-  void copy_left(Out* out) const { copy_sequence(left, out); }
+  void copy_left(Out* out) const {
+    copy_sequence(left, out);
+  }
   template <class Out>
-  void copy_right(Out* out) const { copy_sequence(right, out); }
+  void copy_right(Out* out) const {
+    copy_sequence(right, out);
+  }
   template <class Out>
-  void copy_feature_index(Out* out) const { copy_sequence(feature_index, out); }
+  void copy_feature_index(Out* out) const {
+    copy_sequence(feature_index, out);
+  }
   template <class Out>
-  void copy_threshold(Out* out) const { copy_sequence(threshold, out); }
+  void copy_threshold(Out* out) const {
+    copy_sequence(threshold, out);
+  }
   template <class Out>
-  void copy_label(Out* out) const { copy_sequence(label, out); }
+  void copy_label(Out* out) const {
+    copy_sequence(label, out);
+  }
 
   // Empties the sequences; root stays as it is.
   void clear() {

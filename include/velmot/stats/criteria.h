@@ -59,9 +59,13 @@ double compute_2split_gain_ratio(double initial_entropy, const A& left, const A&
 class TwoSplitGiniImpurity {
 public:
   template <class A>
-  double get_initial(const A& node) const { return node.compute_gini_impurity(); }
+  double get_initial(const A& node) const {
+    return node.compute_gini_impurity();
+  }
   template <class A>
-  double get_impurity(const A& node) const { return node.compute_gini_impurity(); }
+  double get_impurity(const A& node) const {
+    return node.compute_gini_impurity();
+  }
   double get_initial_score(double initial) const { return initial; }
   template <class A>
   double operator()(double, const A& left, const A& right) const {
@@ -79,9 +83,13 @@ public:
 class EntropyCriterion {
 public:
   template <class A>
-  double get_initial(const A& node) const { return compute_entropy(node); }
+  double get_initial(const A& node) const {
+    return compute_entropy(node);
+  }
   template <class A>
-  double get_impurity(const A& node) const { return node.compute_gini_impurity(); }
+  double get_impurity(const A& node) const {
+    return node.compute_gini_impurity();
+  }
   double get_initial_score(double) const { return 0.0; }
   template <class A>
   double get_impurity(double, double, const A& left, const A& right) const {

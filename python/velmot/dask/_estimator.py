@@ -333,7 +333,9 @@ class RandomForestClassifier(LocalRandomForestClassifier):
                     "was found: create one first (distributed.Client(...)) or pass client=..."
                 ) from error
         if client.asynchronous:
-            raise ValueError("fit blocks until the forest is learnt; pass a synchronous Client, not an asynchronous one")
+            raise ValueError(
+                "fit blocks until the forest is learnt; pass a synchronous Client, not an asynchronous one"
+            )
         return client
 
     def _blocks(self):

@@ -60,9 +60,7 @@ def aligned_partitions(X, y):
         raise ValueError(f"y must be a vector of labels, (n_samples,); got {y.ndim} dimensions.")
     y_partitions = y.numblocks[0] if isinstance(y, da.Array) else y.npartitions
     if y_partitions != n_partitions:
-        raise ValueError(
-            f"X has {n_partitions} partitions but y has {y_partitions}; give y the same partitions as X."
-        )
+        raise ValueError(f"X has {n_partitions} partitions but y has {y_partitions}; give y the same partitions as X.")
     return X, y, n_features
 
 
