@@ -4,7 +4,7 @@
 #include <sys/sysinfo.h>
 #include <unistd.h>
 
-#include <cstdio>
+#include <fstream>
 #include <string>
 
 #include "boundary.h"
@@ -87,13 +87,8 @@ void require_affordable_forest(int num_trees) {
   // A limit on the process's address space or data (ulimit -v, -d) bounds
   // it further, less what the process already uses of it.
   unsigned long long pages[6] = {};
-  if (FILE* statm = std::fopen("/proc/self/statm", "r")) {
-    if (std::fscanf(statm, "%llu %llu %llu %llu %llu %llu", &pages[0], &pages[1], &pages[2], &pages[3], &pages[4],
-                    &pages[5]) != 6) {
-      pages[0] = pages[5] = 0;
-    }
-    std::fclose(statm);
-  }
+  std::ifstream statm("/proc/self/statm");
+  if (!(statm >> pages[0] >> pages[1] >> pages[2] >> pages[3] >> pages[4] >> pages[5])) pages[0] = pages[5] = 0;
   const unsigned long long page = static_cast<unsigned long long>(sysconf(_SC_PAGESIZE));
   const struct {
     int resource;
