@@ -206,13 +206,22 @@ size_t partition_by_winner(const RangeDataSet<IndexedDataSet<D>>& range, const S
 
 }  // namespace learn_tree_detail
 
+// A grower's node observer that ignores every node.
+struct IgnoreNodes {
+  template <class A>
+  void operator()(const A&) const {}
+};
+
 // learn_tree without its checks of the input, for callers that checked it
 // once per call (learn_forest, whose check covers every tree's sample).
-// Every random choice draws from `random`.
-template <class D, class Criterion>
+// Every random choice draws from `random`. on_node(histogram) sees each
+// node's label histogram (empty for an empty node) once, in the order
+// nodes are processed: breadth-first, the numbering of the tree arrays.
+template <class D, class Criterion, class OnNode = IgnoreNodes>
 Node<typename D::label_type>* grow_tree(const IndexedDataSet<D>& data, int fte_per_split, int max_depth,
                                         int min_leaf_size, const Criterion& criteria, bool compute_feature_importances,
-                                        std::vector<double>& feature_importances, XorShiftRNG& random) {
+                                        std::vector<double>& feature_importances, XorShiftRNG& random,
+                                        OnNode on_node = OnNode()) {
   typedef typename D::label_type L;
   typedef typename D::feature_type F;
   typedef IndexedDataSet<D> I;
@@ -243,10 +252,12 @@ Node<typename D::label_type>* grow_tree(const IndexedDataSet<D>& data, int fte_p
       counts.set_labeling(indexed_data.get_labeling());
       counts.set_num_classes(static_cast<int>(indexed_data.get_num_classes()));
       if (range.get_num_instances() == 0) {
+        on_node(counts);
         node->set_label(static_cast<L>(-2));
         continue;
       }
       counts.add_weighted_count(range);
+      on_node(counts);
       // The node's instances, repeats included.
       const size_t n = counts.get_total_count();
       const bool pure = static_cast<size_t>(counts.get_mode().second) == counts.get_total_count();

@@ -12,8 +12,8 @@
 // workers one at a time (for_each_index, defs/parallel.h: a dynamic
 // schedule, since trees differ in size, and a forked child runs the
 // workers' shares on the calling thread); for each
-// tree draw its sample, grow it with learn_tree, flatten it into
-// ForestArrays and add its in-bag counts and impurities; record its
+// tree draw its sample, grow it with learn_tree while recording its nodes'
+// in-bag counts and impurities, flatten it into ForestArrays; record its
 // normalised importances. Trees are joined in tree order after the region.
 //
 // Progress: trees_done grows by one per finished tree; setting cancel makes
@@ -104,12 +104,15 @@ SeededForest learn_seeded_forest(const TrainingSet<F>& set, const SeededForestSe
     IndexedDataSet<D> sample = random_subset_iid(&data, settings.sample_prop, rng);
     sample.ranks = &set.ranks;
     std::vector<double> importances(nf, 0.0);
+    NodeStatistics statistics(impurity_measure_of<Criterion>());
     std::unique_ptr<Node<int>> root(grow_tree(sample, settings.fte_per_split, settings.max_depth,
-                                              settings.min_leaf_size, criteria, true, importances, rng));
+                                              settings.min_leaf_size, criteria, true, importances, rng,
+                                              [&statistics](const auto& histogram) { statistics(histogram); }));
     ForestArrays& tree = trees[static_cast<size_t>(j)];
     tree = flatten_tree(*root);
     root.reset();
-    fill_node_statistics(tree, data, sample.indices, impurity_measure_of<Criterion>());
+    tree.count.swap(statistics.count);
+    tree.impurity.swap(statistics.impurity);
     std::copy(importances.begin(), importances.end(), forest.tree_importances.begin() + j * static_cast<int64_t>(nf));
     progress.trees_done.fetch_add(1, std::memory_order_relaxed);
   });
