@@ -160,6 +160,17 @@ bool sort_keys(const F* column, size_t n, Workspace<F>& work) {
 
 }  // namespace feature_ranks_detail
 
+// Whether learning ranks features of type F under labels of type L:
+// floating-point features always; int features under integer labels, so
+// that their nodes sort packed ranks as floating-point ones do (int32
+// data fitted twice as slowly as the same values in float64 with the
+// value sort); not under real labels, whose value sort puts each label on
+// its class's grid. Bytes serve as their own ranks.
+template <class F, class L>
+constexpr bool learns_with_ranks() {
+  return std::is_floating_point<F>::value || (std::is_same<F, int>::value && std::is_integral<L>::value);
+}
+
 template <class F>
 class FeatureRanks {
 public:

@@ -160,7 +160,7 @@ public:
     form = in_buffer;
     ranks = sample.ranks;
     const size_t n = end - begin;
-    if constexpr (std::is_floating_point<F>::value) {
+    if constexpr (learns_with_ranks<F, L>()) {
       if (ranks != nullptr && ranks->has_ranks(feature_index)) {
         if (n <= 1) return false;
         if constexpr (std::is_integral<L>::value) {
