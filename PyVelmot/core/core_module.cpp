@@ -6,7 +6,9 @@
 //   TrainingData(X, y, n_classes, n_threads)      X: (n_features, n_samples)
 //   learn(data, criterion, seed, first_tree, last_tree, sample_prop,
 //         features_per_split, max_depth, n_threads, on_progress) -> dict
-//   predict(forest dict, X, n_classes, n_threads, proba) -> codes or vote fractions
+//   PreparedForest(forest dict, n_classes)        checked and laid out once
+//   predict(forest dict or PreparedForest, X, n_classes, n_threads, proba)
+//       -> codes or vote fractions
 //
 // Library failures arrive as ValueError with the library's own message;
 // element types as TypeError, shapes as ValueError.
@@ -18,6 +20,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -98,10 +101,20 @@ py::dict learn(const TrainingData& data, const std::string& criterion, uint64_t 
   return result;
 }
 
-// Labels (proba false: int32 codes, ties to the smallest) or vote
-// fractions (proba true: float64, n_samples x n_classes) of a forest of
-// node arrays for X (n_samples, n_features), through the forest predictor.
-py::array predict(const py::dict& forest, const py::array& samples, int64_t num_classes, int num_threads, bool proba) {
+void check_num_classes(int64_t num_classes) {
+  if (num_classes < 1 || num_classes > 2147483645) throw py::value_error("n_classes must be in [1, 2147483645]");
+}
+
+// A forest of node arrays, checked against n_classes and laid out as the
+// predictor walks it: made once, it serves any number of predictions
+// (laying out 100 trees of 12,500 nodes takes about 30 ms, as long as
+// predicting 6,000 instances).
+struct PreparedForest {
+  Velmot::FlatForest trees;
+  int64_t num_classes;
+};
+
+PreparedForest prepare_forest(const py::dict& forest, int64_t num_classes) {
   using PyVelmot::core::vector_of;
   auto entry = [&](const char* name) -> py::array {
     if (!forest.contains(name)) throw py::value_error(std::string("the forest has no '") + name + "' array");
@@ -124,14 +137,35 @@ py::array predict(const py::dict& forest, const py::array& samples, int64_t num_
   for (const py::array* row : {&right, &feature, &threshold, &value}) {
     if (row->shape(0) != left.shape(0)) throw py::value_error("the forest's node arrays differ in length");
   }
+  check_num_classes(num_classes);
+  Velmot::check_forest_arrays(view, static_cast<size_t>(num_classes));
+  py::gil_scoped_release released;
+  return PreparedForest{Velmot::flat_forest_of(view), num_classes};
+}
+
+// Labels (proba false: int32 codes, ties to the smallest) or vote
+// fractions (proba true: float64, n_samples x n_classes) for X (n_samples,
+// n_features) of a forest of node arrays or a PreparedForest, through the
+// forest predictor.
+py::array predict(const py::object& forest, const py::array& samples, int64_t num_classes, int num_threads,
+                  bool proba) {
+  std::unique_ptr<PreparedForest> made;
+  const PreparedForest* prepared = nullptr;
+  if (py::isinstance<PreparedForest>(forest)) {
+    prepared = &forest.cast<const PreparedForest&>();
+    if (prepared->num_classes != num_classes) throw py::value_error("n_classes differs from the prepared forest's");
+  } else {
+    if (!py::isinstance<py::dict>(forest))
+      throw py::type_error("forest must be a dict of node arrays or a PreparedForest");
+    made = std::make_unique<PreparedForest>(prepare_forest(forest.cast<py::dict>(), num_classes));
+    prepared = made.get();
+  }
   PyVelmot::core::require_ndim(samples, "X", 2);
-  if (num_classes < 1 || num_classes > 2147483645) throw py::value_error("n_classes must be in [1, 2147483645]");
   if (num_threads < 1) throw py::value_error("n_threads must be at least 1");
   const py::ssize_t num_samples = samples.shape(0);
   if (proba && num_samples * num_classes * py::ssize_t(sizeof(double)) > 2147483647) {
     throw py::value_error("predict_proba takes at most 2^31 bytes of probabilities per call; pass fewer samples");
   }
-  Velmot::check_forest_arrays(view, static_cast<size_t>(num_classes));
   py::array out = proba ? py::array(py::array_t<double>({num_samples, static_cast<py::ssize_t>(num_classes)}))
                         : py::array(py::array_t<int32_t>(num_samples));
   void* out_data = out.mutable_data();
@@ -145,7 +179,7 @@ py::array predict(const py::dict& forest, const py::array& samples, int64_t num_
     py::gil_scoped_release released;
     omp_set_num_threads(num_threads);
     Velmot::ForestPredictor<int> predictor(static_cast<int>(num_classes));
-    predictor.use_forest(Velmot::flat_forest_of(view));
+    predictor.use_forest(prepared->trees);
     if (num_samples == 0) return;
     if (proba) {
       Velmot::Array2D<double> probabilities(static_cast<double*>(out_data), static_cast<int>(num_samples),
@@ -184,6 +218,9 @@ PYBIND11_MODULE(_core, m) {
         py::arg("last_tree"), py::arg("sample_prop"), py::arg("features_per_split"), py::arg("max_depth"),
         py::arg("n_threads"), py::arg("on_progress") = py::none(),
         "Trees [first_tree, last_tree) of the forest of `seed`: a dict of node arrays and per-tree importances.");
+  py::class_<PreparedForest>(m, "PreparedForest")
+      .def(py::init(&prepare_forest), py::arg("forest"), py::arg("n_classes"))
+      .def_property_readonly("n_classes", [](const PreparedForest& forest) { return forest.num_classes; });
   m.def("predict", &predict, py::arg("forest"), py::arg("X"), py::arg("n_classes"), py::arg("n_threads"),
         py::arg("proba"),
         "Class codes (or, with proba, vote fractions) of a forest of node arrays for X (n_samples, n_features).");

@@ -289,7 +289,7 @@ class RandomForestClassifier(ClassifierMixin, BaseEstimator):
         X = validate_data(self, X, reset=False, dtype="numeric", ensure_all_finite="allow-nan")
         samples = fill_missing(as_module_dtype(X), self._missing_value_fill_)
         n_threads = threads_for_call(thread_count(self.n_jobs))
-        return _core.predict(self.nodes_.as_dict(), samples, self.n_classes_, n_threads, proba)
+        return _core.predict(self.nodes_.prepared(self.n_classes_), samples, self.n_classes_, n_threads, proba)
 
     # -- model files -----------------------------------------------------
 

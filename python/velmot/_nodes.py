@@ -1,9 +1,12 @@
 """A fitted forest's nodes as one structure of arrays, as the core learns
 and predicts from it."""
 
+import weakref
 from dataclasses import dataclass, fields
 
 import numpy as np
+
+from . import _core
 
 _DTYPES = {
     "offsets": np.int64,
@@ -15,6 +18,11 @@ _DTYPES = {
     "count": np.int64,
     "impurity": np.float64,
 }
+
+
+# ForestNodes -> its PreparedForest; beside the nodes rather than in them,
+# so that a fitted estimator pickles and copies as plain arrays.
+_PREPARED = weakref.WeakKeyDictionary()
 
 
 @dataclass(frozen=True, eq=False)
@@ -50,6 +58,16 @@ class ForestNodes:
 
     def as_dict(self):
         return {field.name: getattr(self, field.name) for field in fields(self)}
+
+    def prepared(self, n_classes):
+        """The core's checked, laid-out copy of these nodes for prediction,
+        made on first use and kept while the nodes live: laying out a large
+        forest costs as much as predicting thousands of samples."""
+        prepared = _PREPARED.get(self)
+        if prepared is None or prepared.n_classes != n_classes:
+            prepared = _core.PreparedForest(self.as_dict(), n_classes)
+            _PREPARED[self] = prepared
+        return prepared
 
     def tree_arrays(self):
         """The trees in the five-row float64 encoding of ``trees_``."""

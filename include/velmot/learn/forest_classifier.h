@@ -121,6 +121,7 @@ public:
   void use_forest(const std::vector<Node<L>*>& trees) {
     forest = trees;
     flat.clear();
+    shared = nullptr;
     flat_is_current = false;
   }
 
@@ -129,6 +130,17 @@ public:
   void use_forest(FlatForest&& trees) {
     forest.clear();
     flat = std::move(trees);
+    shared = nullptr;
+    flat_is_current = true;
+  }
+
+  // A forest laid out for prediction and kept by the caller across
+  // predictors (laying out a large forest costs as much as predicting tens
+  // of thousands of instances); it must outlive its use here, unchanged.
+  void use_forest(const FlatForest& trees) {
+    forest.clear();
+    flat.clear();
+    shared = &trees;
     flat_is_current = true;
   }
 
@@ -180,14 +192,15 @@ private:
   // The forest, flat and checked against the data's features; throws what
   // an empty forest, a null tree or an unknown feature deserve.
   const FlatForest& ready_forest(size_t num_features) {
-    if (forest.empty() && flat.empty()) throw Exception("forest is empty: cannot predict");
+    const FlatForest& trees = shared != nullptr ? *shared : flat;
+    if (forest.empty() && trees.empty()) throw Exception("forest is empty: cannot predict");
     if (!flat_is_current) {
       flat.clear();
       for (const Node<L>* root : forest) flat.append(flatten_tree(root));
       flat_is_current = true;
     }
-    flat.check_features(num_features);
-    return flat;
+    trees.check_features(num_features);
+    return trees;
   }
 
   // Runs body(i, tally) for every instance, tally pointing at the instance's
@@ -197,6 +210,7 @@ private:
   void for_each_instance(const D& data, Body&& body);
 
   FlatForest flat;
+  const FlatForest* shared = nullptr;  // the caller's, if set: used instead of flat
   bool flat_is_current = false;
 };
 
@@ -309,7 +323,9 @@ void BaseForestClassifier<L>::compute_probabilities(const D& data, Array2D<T>& p
                     std::to_string(probabilities.num_cols()) + ", too small for " + std::to_string(ni) +
                     " instances x " + std::to_string(nc) + " classes");
   }
-  const double num_trees = static_cast<double>(flat_is_current ? flat.size() : forest.size());
+  const double num_trees = static_cast<double>(shared != nullptr ? shared->size()
+                                               : flat_is_current ? flat.size()
+                                                                 : forest.size());
   // Classes past the tally (a class count larger than the one the predictor
   // was built with) received no votes.
   const size_t slots = counts.size();
