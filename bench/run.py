@@ -539,28 +539,29 @@ def label_of(row, libraries):
 def type_parity_lines(rows, cases):
     """W6: Velmot's fit seconds per feature type on the same values, and each
     over the fastest type's at the same levels."""
-    fits = {
-        r["variant"]: r["fit_seconds"]
-        for r in rows
-        if r["workload"] == "W6" and r["library"] == VELMOT.label and r["status"] == "ok"
-    }
-    if not fits:
+    rows = [r for r in rows if r["workload"] == "W6" and r["library"] == VELMOT.label and r["status"] == "ok"]
+    if not rows:
         return []
     case = next(c for c in cases if c.workload == "W6")
     lines = [
         f"## W6: feature-type parity (synthetic {len(case.X_train):,} x {case.X_train.shape[1]}, Velmot)",
         "",
         f"{case.n_trees} trees, {case.features_per_split} features per split; W2's quantised values stored in "
-        "each type. Each cell: fit seconds (over the fastest type's at the same levels).",
+        "each type. Each cell: fit seconds (over the fastest type's at the same levels), wall clock and "
+        "CPU of all threads; on a shared machine the CPU figures are the steadier.",
         "",
-        "| levels | " + " | ".join(W6_TYPES) + " |",
-        "| --- | " + " | ".join("---:" for _ in W6_TYPES) + " |",
+        "| levels | seconds | " + " | ".join(W6_TYPES) + " |",
+        "| --- | --- | " + " | ".join("---:" for _ in W6_TYPES) + " |",
     ]
     for n_levels in W6_LEVELS:
-        seconds = {t: fits.get(f"{n_levels} levels, {t}") for t in W6_TYPES}
-        fastest = min((s for s in seconds.values() if s is not None), default=None)
-        cells = ["" if s is None else f"{fmt_seconds(s)} ({s / fastest:.2f}x)" for s in seconds.values()]
-        lines.append(f"| {n_levels} | " + " | ".join(cells) + " |")
+        for field, name in (("fit_seconds", "wall"), ("fit_cpu_seconds", "CPU")):
+            seconds = {
+                t: next((r.get(field) for r in rows if r["variant"] == f"{n_levels} levels, {t}"), None)
+                for t in W6_TYPES
+            }
+            fastest = min((s for s in seconds.values() if s is not None), default=None)
+            cells = ["" if s is None else f"{fmt_seconds(s)} ({s / fastest:.2f}x)" for s in seconds.values()]
+            lines.append(f"| {n_levels} | {name} | " + " | ".join(cells) + " |")
     return lines + [""]
 
 
