@@ -21,6 +21,7 @@
 
 #include "velmot/defs/exception.h"
 #include "velmot/learn/flat_forest.h"
+#include "velmot/learn/tree_encoding.h"
 
 namespace Velmot {
 
@@ -69,33 +70,43 @@ inline void check_forest_arrays(const ForestArraysView& forest, size_t num_class
 }
 
 // The forest laid out for prediction; it must have passed
-// check_forest_arrays.
+// check_forest_arrays. Each tree's nodes are first read in order into one
+// record each (the layout visits them depth first: scattered reads of one
+// record cost less than of five arrays), into buffers reused across trees.
 inline FlatForest flat_forest_of(const ForestArraysView& forest) {
   using namespace flat_forest;
   FlatForest flat;
+  std::vector<EncodedColumn> records;
   std::vector<std::pair<int32_t, size_t>> pending;  // (node in its tree, position)
   for (size_t k = 0; k < forest.num_trees; ++k) {
     const size_t base = static_cast<size_t>(forest.offsets[k]);
+    const size_t size = static_cast<size_t>(forest.offsets[k + 1]) - base;
+    records.resize(size);
+    for (size_t i = 0; i < size; ++i) {
+      records[i] = EncodedColumn{forest.threshold[base + i], forest.left[base + i], forest.right[base + i],
+                                 forest.feature[base + i], forest.value[base + i]};
+    }
     FlatTree tree;
-    tree.nodes.reserve(static_cast<size_t>(forest.offsets[k + 1] - forest.offsets[k]));
-    tree.nodes.resize(1);
+    tree.nodes.resize(size);
+    size_t laid_out = 1;
     pending.assign(1, {0, 0});
     while (!pending.empty()) {
       const auto [i, position] = pending.back();
       pending.pop_back();
-      const size_t node = base + static_cast<size_t>(i);
-      if (forest.left[node] < 0) {
-        tree.nodes[position] = leaf_at(position, forest.value[node]);
+      const EncodedColumn& node = records[static_cast<size_t>(i)];
+      if (node.left < 0) {
+        tree.nodes[position] = leaf_at(position, node.label);
         continue;
       }
       // Siblings side by side; the left subtree before the right one.
-      const size_t children = tree.nodes.size();
-      tree.nodes[position] = FlatNode{forest.threshold[node], forest.feature[node], static_cast<int32_t>(children)};
-      tree.note_split_feature(forest.feature[node]);
-      tree.nodes.resize(children + 2);
-      pending.emplace_back(forest.right[node], children + 1);
-      pending.emplace_back(forest.left[node], children);
+      const size_t children = laid_out;
+      laid_out += 2;
+      tree.nodes[position] = FlatNode{node.threshold, node.feature, static_cast<int32_t>(children)};
+      tree.note_split_feature(node.feature);
+      pending.emplace_back(node.right, children + 1);
+      pending.emplace_back(node.left, children);
     }
+    tree.nodes.resize(laid_out);  // nodes no walk reaches are left out
     flat.append(std::move(tree));
   }
   return flat;
