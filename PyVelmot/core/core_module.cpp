@@ -7,6 +7,8 @@
 //   learn(data, criterion, seed, first_tree, last_tree, sample_prop,
 //         features_per_split, max_depth, n_threads, on_progress) -> dict
 //   predict(forest dict, X, n_classes, n_threads, proba) -> codes or vote fractions
+//   apply(forest dict, X, n_classes, n_threads) -> leaf per sample and tree
+//   decision_path(forest dict, X, n_classes, n_threads) -> (row starts, nodes)
 //
 // Library failures arrive as ValueError with the library's own message;
 // element types as TypeError, shapes as ValueError.
@@ -28,6 +30,7 @@
 #include "velmot/defs/exception.h"
 #include "velmot/learn/forest_arrays_layout.h"
 #include "velmot/learn/forest_classifier.h"
+#include "velmot/learn/forest_walk.h"
 #include "velmot/learn/seeded_forest.h"
 
 namespace py = pybind11;
@@ -98,10 +101,13 @@ py::dict learn(const TrainingData& data, const std::string& criterion, uint64_t 
   return result;
 }
 
-// Labels (proba false: int32 codes, ties to the smallest) or vote
-// fractions (proba true: float64, n_samples x n_classes) of a forest of
-// node arrays for X (n_samples, n_features), through the forest predictor.
-py::array predict(const py::dict& forest, const py::array& samples, int64_t num_classes, int num_threads, bool proba) {
+// A forest dict's node arrays, read in place and checked for walks.
+struct ForestEntries {
+  py::array offsets, left, right, feature, threshold, value;
+  Velmot::ForestArraysView view;
+};
+
+ForestEntries forest_entries(const py::dict& forest, int64_t num_classes) {
   using PyVelmot::core::vector_of;
   auto entry = [&](const char* name) -> py::array {
     if (!forest.contains(name)) throw py::value_error(std::string("the forest has no '") + name + "' array");
@@ -109,29 +115,84 @@ py::array predict(const py::dict& forest, const py::array& samples, int64_t num_
     if (!array) throw py::type_error(std::string("the forest's '") + name + "' entry must be a numpy array");
     return array;
   };
-  const py::array offsets = entry("offsets"), left = entry("left"), right = entry("right"), feature = entry("feature"),
-                  threshold = entry("threshold"), value = entry("value");
-  Velmot::ForestArraysView view;
-  view.offsets = vector_of<int64_t>(offsets, "offsets");
-  view.left = vector_of<int32_t>(left, "left");
-  view.right = vector_of<int32_t>(right, "right");
-  view.feature = vector_of<int32_t>(feature, "feature");
-  view.threshold = vector_of<double>(threshold, "threshold");
-  view.value = vector_of<int32_t>(value, "value");
-  if (offsets.shape(0) < 1) throw py::value_error("offsets must hold at least one entry");
-  view.num_trees = static_cast<size_t>(offsets.shape(0) - 1);
-  view.num_nodes = static_cast<size_t>(left.shape(0));
-  for (const py::array* row : {&right, &feature, &threshold, &value}) {
-    if (row->shape(0) != left.shape(0)) throw py::value_error("the forest's node arrays differ in length");
+  ForestEntries e{entry("offsets"), entry("left"),      entry("right"),
+                  entry("feature"), entry("threshold"), entry("value"), {}};
+  Velmot::ForestArraysView& view = e.view;
+  view.offsets = vector_of<int64_t>(e.offsets, "offsets");
+  view.left = vector_of<int32_t>(e.left, "left");
+  view.right = vector_of<int32_t>(e.right, "right");
+  view.feature = vector_of<int32_t>(e.feature, "feature");
+  view.threshold = vector_of<double>(e.threshold, "threshold");
+  view.value = vector_of<int32_t>(e.value, "value");
+  if (e.offsets.shape(0) < 1) throw py::value_error("offsets must hold at least one entry");
+  view.num_trees = static_cast<size_t>(e.offsets.shape(0) - 1);
+  view.num_nodes = static_cast<size_t>(e.left.shape(0));
+  for (const py::array* row : {&e.right, &e.feature, &e.threshold, &e.value}) {
+    if (row->shape(0) != e.left.shape(0)) throw py::value_error("the forest's node arrays differ in length");
   }
-  PyVelmot::core::require_ndim(samples, "X", 2);
   if (num_classes < 1 || num_classes > 2147483645) throw py::value_error("n_classes must be in [1, 2147483645]");
+  Velmot::check_forest_arrays(e.view, static_cast<size_t>(num_classes));
+  return e;
+}
+
+// Calls body(value_of) with value_of(i, f) reading sample i's feature f of
+// X (n_samples, n_features, any strides) as a double, after checking that
+// the forest's splits test features X has.
+template <class Body>
+void with_sample_values(const py::array& samples, const Velmot::ForestArraysView& view, Body&& body) {
+  PyVelmot::core::require_ndim(samples, "X", 2);
+  Velmot::check_walk_features(view, static_cast<size_t>(samples.shape(1)));
+  const auto* base = static_cast<const unsigned char*>(samples.data());
+  const size_t sample_stride = static_cast<size_t>(samples.strides(0));
+  const size_t feature_stride = static_cast<size_t>(samples.strides(1));
+  PyVelmot::core::with_feature_type(samples, "X", [&](auto type) {
+    typedef decltype(type) F;
+    body([=](size_t i, int32_t f) {
+      return static_cast<double>(
+          *reinterpret_cast<const F*>(base + i * sample_stride + static_cast<size_t>(f) * feature_stride));
+    });
+  });
+}
+
+// The leaf each sample of X reaches in each tree: int32, (n_samples, n_trees).
+py::array_t<int32_t> apply(const py::dict& forest, const py::array& samples, int64_t num_classes, int num_threads) {
+  const ForestEntries entries = forest_entries(forest, num_classes);
+  if (num_threads < 1) throw py::value_error("n_threads must be at least 1");
+  py::array_t<int32_t> leaves;
+  with_sample_values(samples, entries.view, [&](const auto& value_of) {
+    leaves = py::array_t<int32_t>({samples.shape(0), static_cast<py::ssize_t>(entries.view.num_trees)});
+    int32_t* out = leaves.mutable_data();
+    py::gil_scoped_release released;
+    Velmot::find_leaves(entries.view, static_cast<size_t>(samples.shape(0)), value_of, num_threads, out);
+  });
+  return leaves;
+}
+
+// Every sample's nodes, as (row starts, forest-wide node numbers) of a
+// sparse indicator matrix.
+py::tuple decision_path(const py::dict& forest, const py::array& samples, int64_t num_classes, int num_threads) {
+  const ForestEntries entries = forest_entries(forest, num_classes);
+  if (num_threads < 1) throw py::value_error("n_threads must be at least 1");
+  Velmot::DecisionPaths paths;
+  with_sample_values(samples, entries.view, [&](const auto& value_of) {
+    py::gil_scoped_release released;
+    paths = Velmot::find_decision_paths(entries.view, static_cast<size_t>(samples.shape(0)), value_of, num_threads);
+  });
+  return py::make_tuple(to_numpy(paths.rows), to_numpy(paths.nodes));
+}
+
+// Labels (proba false: int32 codes, ties to the smallest) or vote
+// fractions (proba true: float64, n_samples x n_classes) of a forest of
+// node arrays for X (n_samples, n_features), through the forest predictor.
+py::array predict(const py::dict& forest, const py::array& samples, int64_t num_classes, int num_threads, bool proba) {
+  const ForestEntries entries = forest_entries(forest, num_classes);
+  const Velmot::ForestArraysView& view = entries.view;
+  PyVelmot::core::require_ndim(samples, "X", 2);
   if (num_threads < 1) throw py::value_error("n_threads must be at least 1");
   const py::ssize_t num_samples = samples.shape(0);
   if (proba && num_samples * num_classes * py::ssize_t(sizeof(double)) > 2147483647) {
     throw py::value_error("predict_proba takes at most 2^31 bytes of probabilities per call; pass fewer samples");
   }
-  Velmot::check_forest_arrays(view, static_cast<size_t>(num_classes));
   py::array out = proba ? py::array(py::array_t<double>({num_samples, static_cast<py::ssize_t>(num_classes)}))
                         : py::array(py::array_t<int32_t>(num_samples));
   void* out_data = out.mutable_data();
@@ -187,4 +248,8 @@ PYBIND11_MODULE(_core, m) {
   m.def("predict", &predict, py::arg("forest"), py::arg("X"), py::arg("n_classes"), py::arg("n_threads"),
         py::arg("proba"),
         "Class codes (or, with proba, vote fractions) of a forest of node arrays for X (n_samples, n_features).");
+  m.def("apply", &apply, py::arg("forest"), py::arg("X"), py::arg("n_classes"), py::arg("n_threads"),
+        "The leaf (node number within its tree) each sample of X reaches in each tree: (n_samples, n_trees).");
+  m.def("decision_path", &decision_path, py::arg("forest"), py::arg("X"), py::arg("n_classes"), py::arg("n_threads"),
+        "(row starts, forest-wide node numbers) of the nodes each sample of X passes, tree after tree.");
 }

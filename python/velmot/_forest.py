@@ -3,6 +3,7 @@
 from numbers import Integral, Real
 
 import numpy as np
+from scipy.sparse import csr_matrix
 from sklearn.base import BaseEstimator, ClassifierMixin
 from sklearn.utils._param_validation import Interval, RealNotInt, StrOptions
 from sklearn.utils.multiclass import check_classification_targets
@@ -254,6 +255,43 @@ class RandomForestClassifier(ClassifierMixin, BaseEstimator):
         with np.errstate(divide="ignore"):
             return np.log(proba)
 
+    def apply(self, X):
+        """The leaf each sample reaches in each tree.
+
+        Parameters
+        ----------
+        X : array-like of shape (n_samples, n_features)
+            Samples, converted by the same rule as in ``fit``.
+
+        Returns
+        -------
+        leaves : ndarray of shape (n_samples, n_estimators)
+            Node numbers within each tree, as ``nodes_`` and ``trees_``
+            number them (breadth-first from the root at 0).
+        """
+        return _core.apply(*self._walk_arguments(X))
+
+    def decision_path(self, X):
+        """The nodes each sample passes through, in every tree.
+
+        Parameters
+        ----------
+        X : array-like of shape (n_samples, n_features)
+            Samples, converted by the same rule as in ``fit``.
+
+        Returns
+        -------
+        indicator : scipy.sparse.csr_matrix of shape (n_samples, n_nodes)
+            1 where the sample passes through the node; columns are the
+            forest's nodes, tree after tree.
+        n_nodes_ptr : ndarray of shape (n_estimators + 1,)
+            Tree k's nodes are the columns ``n_nodes_ptr[k]:n_nodes_ptr[k + 1]``.
+        """
+        rows, nodes = _core.decision_path(*self._walk_arguments(X))
+        shape = (len(rows) - 1, int(self.nodes_.offsets[-1]))
+        indicator = csr_matrix((np.ones(len(nodes), dtype=np.int64), nodes, rows), shape=shape)
+        return indicator, self.nodes_.offsets.copy()
+
     def save(self, path):
         """Write the fitted forest to a portable ``.npz`` file, without pickle.
 
@@ -284,12 +322,15 @@ class RandomForestClassifier(ClassifierMixin, BaseEstimator):
         tags.input_tags.allow_nan = True
         return tags
 
-    def _predict_codes_or_proba(self, X, *, proba):
+    def _walk_arguments(self, X):
+        """(forest, samples, n_classes, n_threads) of a core call over X."""
         check_is_fitted(self)
         X = validate_data(self, X, reset=False, dtype="numeric", ensure_all_finite="allow-nan")
         samples = fill_missing(as_module_dtype(X), self._missing_value_fill_)
-        n_threads = threads_for_call(thread_count(self.n_jobs))
-        return _core.predict(self.nodes_.as_dict(), samples, self.n_classes_, n_threads, proba)
+        return self.nodes_.as_dict(), samples, self.n_classes_, threads_for_call(thread_count(self.n_jobs))
+
+    def _predict_codes_or_proba(self, X, *, proba):
+        return _core.predict(*self._walk_arguments(X), proba)
 
     # -- model files -----------------------------------------------------
 
