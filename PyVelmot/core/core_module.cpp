@@ -5,7 +5,9 @@
 //
 //   TrainingData(X, y, n_classes, n_threads)      X: (n_features, n_samples)
 //   learn(data, criterion, seed, first_tree, last_tree, sample_prop,
-//         features_per_split, max_depth, n_threads, on_progress) -> dict
+//         features_per_split, max_depth, n_threads, on_progress,
+//         min_leaf_size, min_samples_leaf, min_impurity_decrease,
+//         out_of_bag) -> dict (with out_of_bag: "oob_votes", n_samples x n_classes)
 //   predict(forest dict, X, n_classes, n_threads, proba) -> codes or vote fractions
 //   apply(forest dict, X, n_classes, n_threads) -> leaf per sample and tree
 //   decision_path(forest dict, X, n_classes, n_threads) -> (row starts, nodes)
@@ -38,9 +40,6 @@ using PyVelmot::core::TrainingData;
 
 namespace {
 
-// Trees end where fewer than two instances remain, as in every learner.
-constexpr int min_leaf_size = 1;
-
 template <class T>
 py::array_t<T> to_numpy(std::vector<T>& values) {
   py::array_t<T> array(static_cast<py::ssize_t>(values.size()));
@@ -55,9 +54,12 @@ Velmot::SeededForest learn_with(const TrainingData& data, const Velmot::SeededFo
   return data.visit([&](const auto& set) { return Velmot::learn_seeded_forest(set, settings, Criterion(), progress); });
 }
 
+// The growth limits count in-bag samples (learn/growth_limits.h); their
+// defaults are the library's growth rule.
 py::dict learn(const TrainingData& data, const std::string& criterion, uint64_t seed, int64_t first_tree,
                int64_t last_tree, double sample_prop, int features_per_split, int max_depth, int num_threads,
-               const py::object& on_progress) {
+               const py::object& on_progress, int min_leaf_size, int64_t min_samples_leaf, double min_impurity_decrease,
+               bool out_of_bag) {
   Velmot::SeededForestSettings settings;
   settings.seed = seed;
   settings.first_tree = first_tree;
@@ -65,7 +67,12 @@ py::dict learn(const TrainingData& data, const std::string& criterion, uint64_t 
   settings.sample_prop = sample_prop;
   settings.fte_per_split = features_per_split;
   settings.max_depth = max_depth;
-  settings.min_leaf_size = min_leaf_size;
+  if (min_samples_leaf < 0) throw py::value_error("min_samples_leaf must be 0 (the library's rule) or more");
+  if (!(min_impurity_decrease >= 0.0)) throw py::value_error("min_impurity_decrease must be 0 or more");
+  settings.limits.min_leaf_size = min_leaf_size;
+  settings.limits.leaf.min_side = min_samples_leaf;
+  settings.limits.min_impurity_decrease = min_impurity_decrease;
+  settings.out_of_bag = out_of_bag;
   // A fit this small runs on one thread: starting a team and waiting at its
   // closing barrier would cost more than the trees, and far more where
   // another process holds a core (100 trees on breast cancer's 569 samples,
@@ -98,6 +105,11 @@ py::dict learn(const TrainingData& data, const std::string& criterion, uint64_t 
   result["impurity"] = to_numpy(trees.impurity);
   py::array_t<double> importances = to_numpy(forest.tree_importances);
   result["importances"] = importances.reshape({last_tree - first_tree, static_cast<int64_t>(data.num_features())});
+  if (out_of_bag) {
+    py::array_t<int32_t> votes = to_numpy(forest.oob_votes);
+    result["oob_votes"] =
+        votes.reshape({static_cast<int64_t>(data.num_samples()), static_cast<int64_t>(data.num_classes())});
+  }
   return result;
 }
 
@@ -115,8 +127,8 @@ ForestEntries forest_entries(const py::dict& forest, int64_t num_classes) {
     if (!array) throw py::type_error(std::string("the forest's '") + name + "' entry must be a numpy array");
     return array;
   };
-  ForestEntries e{entry("offsets"), entry("left"),      entry("right"),
-                  entry("feature"), entry("threshold"), entry("value"), {}};
+  ForestEntries e{
+      entry("offsets"), entry("left"), entry("right"), entry("feature"), entry("threshold"), entry("value"), {}};
   Velmot::ForestArraysView& view = e.view;
   view.offsets = vector_of<int64_t>(e.offsets, "offsets");
   view.left = vector_of<int32_t>(e.left, "left");
@@ -244,6 +256,9 @@ PYBIND11_MODULE(_core, m) {
   m.def("learn", &learn, py::arg("data"), py::kw_only(), py::arg("criterion"), py::arg("seed"), py::arg("first_tree"),
         py::arg("last_tree"), py::arg("sample_prop"), py::arg("features_per_split"), py::arg("max_depth"),
         py::arg("n_threads"), py::arg("on_progress") = py::none(),
+        py::arg("min_leaf_size") = Velmot::GrowthLimits().min_leaf_size,
+        py::arg("min_samples_leaf") = Velmot::GrowthLimits().leaf.min_side,
+        py::arg("min_impurity_decrease") = Velmot::GrowthLimits().min_impurity_decrease, py::arg("out_of_bag") = false,
         "Trees [first_tree, last_tree) of the forest of `seed`: a dict of node arrays and per-tree importances.");
   m.def("predict", &predict, py::arg("forest"), py::arg("X"), py::arg("n_classes"), py::arg("n_threads"),
         py::arg("proba"),

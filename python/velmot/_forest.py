@@ -22,7 +22,8 @@ from ._fork import threads_for_call
 from ._learning import CRITERION_NAMES, learn_forest
 from ._model_file import check, float_vector, split_trees, write_model_file
 from ._nodes import ForestNodes
-from ._settings import MAX_INT32, POOL_SIZE, resolve_settings, thread_count
+from ._out_of_bag import out_of_bag_estimates
+from ._settings import MAX_INT32, PAIRS, POOL_SIZE, resolve_settings, thread_count
 
 
 class RandomForestClassifier(ClassifierMixin, BaseEstimator):
@@ -33,10 +34,10 @@ class RandomForestClassifier(ClassifierMixin, BaseEstimator):
     chosen criterion, and the forest predicts by majority vote (ties go to the
     first class in ``classes_``). Trees are learnt on OpenMP threads in C++.
 
-    Some choices are fixed by the library: bootstrapping is always on; trees
-    grow until a leaf is pure or holds a single instance, except that a split
-    is kept only when each side receives at least two instances; there are no
-    sample or class weights and no out-of-bag estimate. Missing values (NaN) are allowed in X: during ``fit`` the
+    Bootstrapping is always on. Trees grow until a leaf is pure or a limit
+    (``min_samples_split``, ``min_samples_leaf``, ``min_impurity_decrease``,
+    ``max_depth``) stops them; the limits count in-bag samples, bootstrap
+    copies counted. Missing values (NaN) are allowed in X: during ``fit`` the
     library replaces them by each feature's median (the upper of the two
     middle values for an even count), and prediction replaces them by the
     same training medians, so a prediction never depends on the other rows
@@ -71,6 +72,31 @@ class RandomForestClassifier(ClassifierMixin, BaseEstimator):
     verbose : int, default=0
         Above 0, a progress bar is shown while trees are learnt. It does not
         change the forest.
+    min_samples_split : int or float, default=2
+        A node with fewer in-bag samples becomes a leaf; a float is a
+        fraction of the training samples, rounded up.
+    min_samples_leaf : int, float or "pairs", default=1
+        The fewest in-bag samples a leaf may hold (a float: a fraction of the
+        training samples, rounded up): nodes are split only at thresholds
+        that leave at least this many on each side. "pairs" is the library's
+        own rule, as the module grows trees: the best threshold is searched
+        among all, and the node keeps it only if both sides receive two
+        samples or more, else it becomes a leaf. The default is 1, as in
+        scikit-learn, because it was the more accurate on held-out data
+        (bench/leaf_rule.py, 3 seeds each: +0.27 accuracy points on 100,000
+        x 40 synthetic data, +0.30 on the digits) for about 60% more nodes
+        per tree.
+    min_impurity_decrease : float, default=0.0
+        A split is kept only if N_t / N x (impurity - N_t_L / N_t x
+        left_impurity - N_t_R / N_t x right_impurity) reaches this value,
+        with N the tree's in-bag samples, N_t the node's, and impurities
+        measured as Gini impurity whatever the criterion.
+    oob_score : bool or callable, default=False
+        Estimate the generalisation score from the out-of-bag samples: each
+        training sample is predicted by the trees whose bootstrap sample
+        missed it. True scores with accuracy; a callable
+        ``score(y_true, y_pred)`` is called with the labels. The votes are
+        counted inside the learning call, as each tree is grown.
 
     Attributes
     ----------
@@ -92,6 +118,13 @@ class RandomForestClassifier(ClassifierMixin, BaseEstimator):
         order; rows: left child, right child (-1 for none), feature index,
         threshold, label (an index into ``classes_``). A sample goes left when
         its feature value is below the threshold.
+    oob_score_ : float
+        The out-of-bag score (with ``oob_score``), over the samples that
+        were out of bag for at least one tree.
+    oob_decision_function_ : ndarray of shape (n_samples, n_classes)
+        With ``oob_score``: per training sample, the fraction of its
+        out-of-bag trees voting for each class; NaN (with a warning) for a
+        sample in bag for every tree.
     nodes_ : ForestNodes
         The same trees as one structure of arrays (``offsets``, ``left``,
         ``right``, ``feature``, ``threshold``, ``value``), with each node's
@@ -133,6 +166,17 @@ class RandomForestClassifier(ClassifierMixin, BaseEstimator):
         ],
         "random_state": ["random_state"],
         "verbose": ["verbose"],
+        "min_samples_split": [
+            Interval(Integral, 2, None, closed="left"),
+            Interval(RealNotInt, 0.0, 1.0, closed="right"),
+        ],
+        "min_samples_leaf": [
+            Interval(Integral, 1, None, closed="left"),
+            Interval(RealNotInt, 0.0, 1.0, closed="neither"),
+            StrOptions({PAIRS}),
+        ],
+        "min_impurity_decrease": [Interval(Real, 0.0, None, closed="left")],
+        "oob_score": ["boolean", callable],
     }
 
     def __init__(
@@ -146,6 +190,10 @@ class RandomForestClassifier(ClassifierMixin, BaseEstimator):
         n_jobs=None,
         random_state=None,
         verbose=0,
+        min_samples_split=2,
+        min_samples_leaf=1,
+        min_impurity_decrease=0.0,
+        oob_score=False,
     ):
         self.n_estimators = n_estimators
         self.criterion = criterion
@@ -155,6 +203,10 @@ class RandomForestClassifier(ClassifierMixin, BaseEstimator):
         self.n_jobs = n_jobs
         self.random_state = random_state
         self.verbose = verbose
+        self.min_samples_split = min_samples_split
+        self.min_samples_leaf = min_samples_leaf
+        self.min_impurity_decrease = min_impurity_decrease
+        self.oob_score = oob_score
 
     def fit(self, X, y):
         """Learn the forest from the training set (X, y).
@@ -185,7 +237,7 @@ class RandomForestClassifier(ClassifierMixin, BaseEstimator):
         X = as_module_dtype(X)
         check_splittable(X)
         features = feature_major_with_constant_row(X) if settings.all_features else feature_major(X)
-        nodes, importances = learn_forest(
+        nodes, importances, votes = learn_forest(
             features,
             np.ascontiguousarray(codes, dtype=np.int32),
             n_classes=len(classes),
@@ -195,6 +247,7 @@ class RandomForestClassifier(ClassifierMixin, BaseEstimator):
             verbose=self.verbose,
         )
         self._set_fitted(classes, nodes, importances, upper_medians(X))
+        self._set_out_of_bag(votes, codes)
         return self
 
     def _set_fitted(self, classes, nodes, importances, missing_value_fill):
@@ -205,6 +258,14 @@ class RandomForestClassifier(ClassifierMixin, BaseEstimator):
         self.trees_ = nodes.tree_arrays()
         self.feature_importances_ = np.zeros(n_features) if importances is None else np.array(importances[:n_features])
         self._missing_value_fill_ = missing_value_fill
+
+    def _set_out_of_bag(self, votes, codes):
+        for name in ("oob_score_", "oob_decision_function_"):
+            self.__dict__.pop(name, None)
+        if votes is not None:
+            self.oob_decision_function_, self.oob_score_ = out_of_bag_estimates(
+                votes, codes, self.classes_, self.oob_score
+            )
 
     def predict(self, X):
         """Predict the class of each sample by majority vote of the trees.
@@ -307,7 +368,8 @@ class RandomForestClassifier(ClassifierMixin, BaseEstimator):
         Class labels and feature names are stored as plain numpy arrays
         (object arrays of strings come back as numpy string arrays). A
         RandomState instance given as ``random_state`` cannot be stored and is
-        saved as None; the trees themselves are saved exactly.
+        saved as None, and a callable ``oob_score`` as True; the trees
+        themselves are saved exactly. Out-of-bag estimates are not saved.
 
         Examples
         --------
@@ -411,7 +473,7 @@ class RandomForestClassifier(ClassifierMixin, BaseEstimator):
 
 def _json_params(params):
     """Parameters as JSON values; a RandomState instance cannot be stored and
-    is written as None."""
+    is written as None, a callable (an ``oob_score`` scorer) as True."""
     converted = {}
     for key, value in params.items():
         if isinstance(value, (bool, np.bool_)):
@@ -422,6 +484,8 @@ def _json_params(params):
             converted[key] = float(value)
         elif value is None or isinstance(value, str):
             converted[key] = value
+        elif callable(value):
+            converted[key] = True
         else:
             converted[key] = None
     return converted

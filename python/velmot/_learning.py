@@ -48,7 +48,7 @@ def prepare(features, labels, *, n_classes, settings):
 def learn_trees(data, *, first_tree, last_tree, seed, settings, on_progress=None):
     """Trees [first_tree, last_tree) of the forest of ``seed``: (ForestNodes,
     per-tree importance rows, NaN rows for trees without an informative
-    split)."""
+    split, out-of-bag votes per sample and class or None)."""
     result = _core.learn(
         data,
         criterion=CRITERION_NAMES[settings.criterion],
@@ -60,16 +60,19 @@ def learn_trees(data, *, first_tree, last_tree, seed, settings, on_progress=None
         max_depth=settings.max_depth,
         n_threads=threads_for_call(settings.n_threads),
         on_progress=on_progress,
+        **settings.controls(),
     )
     importances = result.pop("importances")
-    return ForestNodes(**result), importances
+    votes = result.pop("oob_votes", None)
+    return ForestNodes(**result), importances, votes
 
 
 def learn_forest(features, labels, *, n_classes, n_trees, settings, random_state, verbose):
-    """Learn n_trees trees in one call: (ForestNodes, importances or None)."""
+    """Learn n_trees trees in one call: (ForestNodes, importances or None,
+    out-of-bag votes or None)."""
     data = prepare(features, labels, n_classes=n_classes, settings=settings)
     with tqdm(total=n_trees, unit="tree", desc="Learning trees", disable=verbose <= 0) as progress:
-        nodes, rows = learn_trees(
+        nodes, rows, votes = learn_trees(
             data,
             first_tree=0,
             last_tree=n_trees,
@@ -77,7 +80,7 @@ def learn_forest(features, labels, *, n_classes, n_trees, settings, random_state
             settings=settings,
             on_progress=(lambda done: progress.update(done - progress.n)) if verbose > 0 else None,
         )
-    return nodes, mean_importances(rows)
+    return nodes, mean_importances(rows), votes
 
 
 def mean_importances(rows):

@@ -192,9 +192,9 @@ class TestScatteredFit:
         key = id(features)
         _tasks.learn_block(features, labels, n_classes=3, seed=4, **arguments)
         kept = _tasks._worker_preparations[key]
-        reused, _ = _tasks.learn_block(features, labels, n_classes=3, seed=6, **arguments)
+        reused, *_ = _tasks.learn_block(features, labels, n_classes=3, seed=6, **arguments)
         assert _tasks._worker_preparations[key] is kept
-        fresh, _ = learn_trees(prepare(features.copy(), labels, n_classes=3, settings=settings), seed=6, **arguments)
+        fresh, *_ = learn_trees(prepare(features.copy(), labels, n_classes=3, settings=settings), seed=6, **arguments)
         assert all(np.array_equal(a, b, equal_nan=True) for a, b in zip(reused.tree_arrays(), fresh.tree_arrays()))
         del features
         gc.collect()

@@ -30,3 +30,60 @@ def test_apply_and_decision_path_follow_the_trees_by_hand(data):
             assert leaves[i, k] == node
             columns = indicator[i].indices
             assert list(columns[(columns >= offsets[k]) & (columns < offsets[k + 1])] - offsets[k]) == path + [node]
+
+
+def split_decreases(forest):
+    """Each split's weighted Gini decrease N_t / N (i - N_l / N_t i_l - N_r / N_t i_r)."""
+    nodes, decreases = forest.nodes_, []
+    for first, last in zip(nodes.offsets[:-1], nodes.offsets[1:]):
+        count, impurity = nodes.count[first:last], nodes.impurity[first:last]
+        for node in np.flatnonzero(nodes.left[first:last] >= 0):
+            left, right = nodes.left[first + node], nodes.right[first + node]
+            children = count[left] * impurity[left] + count[right] * impurity[right]
+            decreases.append((count[node] * impurity[node] - children) / count[0])
+    return np.array(decreases)
+
+
+@pytest.mark.parametrize(
+    "params, holds",
+    [
+        ({"min_samples_leaf": 5}, lambda f, leaf: f.nodes_.count[leaf].min() >= 5),
+        ({"min_samples_leaf": 0.05}, lambda f, leaf: f.nodes_.count[leaf].min() >= 15),
+        ({"min_samples_leaf": 1}, lambda f, leaf: f.nodes_.count[leaf].min() == 1),
+        ({"min_samples_split": 40}, lambda f, leaf: f.nodes_.count[~leaf].min() >= 40),
+        ({"min_impurity_decrease": 0.01}, lambda f, leaf: split_decreases(f).min() >= 0.01 - 1e-12),
+    ],
+)
+def test_growth_limits_hold_for_every_node(data, params, holds):
+    forest = RandomForestClassifier(n_estimators=5, random_state=1, **params).fit(*data)
+    assert holds(forest, forest.nodes_.left < 0)
+    assert forest.nodes_.offsets[-1] > 5 * 3  # the limits left trees to check
+
+
+@pytest.fixture(scope="module")
+def held_out():
+    X, y = make_classification(n_samples=4000, n_features=10, n_informative=6, n_classes=3, random_state=9)
+    return X[:2000], y[:2000], X[2000:], y[2000:]
+
+
+def test_the_oob_score_estimates_the_held_out_score_whatever_n_jobs(held_out):
+    X, y, X_test, y_test = held_out
+    forests = [
+        RandomForestClassifier(n_estimators=60, oob_score=True, random_state=4, n_jobs=n_jobs).fit(X, y)
+        for n_jobs in (1, 2, 3)
+    ]
+    assert abs(forests[0].oob_score_ - forests[0].score(X_test, y_test)) < 0.02
+    for forest in forests[1:]:
+        assert np.array_equal(forest.oob_decision_function_, forests[0].oob_decision_function_)
+        assert forest.oob_score_ == forests[0].oob_score_
+    np.testing.assert_allclose(forests[0].oob_decision_function_.sum(axis=1), 1.0)
+
+
+def test_samples_in_every_bag_have_no_oob_estimate_and_a_scorer_sees_the_labels(data):
+    X, y = data
+    labels = np.array(["a", "b", "c"])[y]
+    with pytest.warns(UserWarning, match="in the bootstrap sample of every tree"):
+        forest = RandomForestClassifier(n_estimators=2, oob_score=lambda t, p: np.mean(t == p) - 1).fit(X, labels)
+    missing = np.isnan(forest.oob_decision_function_).all(axis=1)
+    assert 0 < missing.sum() < len(y)
+    assert -1 < forest.oob_score_ < 0

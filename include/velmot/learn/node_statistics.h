@@ -50,6 +50,50 @@ inline double impurity_of(const int64_t* tally, const std::vector<int>& classes,
   return measure == ImpurityMeasure::gini ? 1.0 - sum : sum;
 }
 
+// Sends the instances position[0 .. n) (ascending, distinct; weight[p] goes
+// with position[p], and weight may be empty) down the one tree in `tree`,
+// node by node in its breadth-first order: visit(node, first, last) sees
+// the node's slice [first, last) of position and weight before the node's
+// split partitions it stably (a value below the threshold goes left), so
+// every slice stays ascending and each column is read forwards.
+template <class D, class Visit>
+void send_down_tree(const ForestArrays& tree, const D& data, std::vector<uint32_t>& position,
+                    std::vector<uint32_t>& weight, Visit&& visit) {
+  const size_t num_nodes = tree.num_nodes();
+  const bool weighted = !weight.empty();
+  std::vector<size_t> begin(num_nodes, 0), end(num_nodes, 0);
+  end[0] = position.size();
+  std::vector<uint32_t> spare_position(position.size()), spare_weight(weighted ? position.size() : 0);
+  for (size_t node = 0; node < num_nodes; ++node) {
+    const size_t first = begin[node], last = end[node];
+    visit(node, first, last);
+    const int32_t left = tree.left[node], right = tree.right[node];
+    if (left < 0 || right < 0) continue;
+    const auto* column = data.column(static_cast<size_t>(tree.feature[node]));
+    const double threshold = tree.threshold[node];
+    size_t kept = first, sent = 0;
+    for (size_t p = first; p < last; ++p) {
+      if (threshold > static_cast<double>(column[position[p]])) {
+        if (weighted) weight[kept] = weight[p];
+        position[kept++] = position[p];
+      } else {
+        if (weighted) spare_weight[sent] = weight[p];
+        spare_position[sent++] = position[p];
+      }
+    }
+    std::copy(spare_position.begin(), spare_position.begin() + static_cast<std::ptrdiff_t>(sent),
+              position.begin() + static_cast<std::ptrdiff_t>(kept));
+    if (weighted) {
+      std::copy(spare_weight.begin(), spare_weight.begin() + static_cast<std::ptrdiff_t>(sent),
+                weight.begin() + static_cast<std::ptrdiff_t>(kept));
+    }
+    begin[static_cast<size_t>(left)] = first;
+    end[static_cast<size_t>(left)] = kept;
+    begin[static_cast<size_t>(right)] = kept;
+    end[static_cast<size_t>(right)] = last;
+  }
+}
+
 // Fills count and impurity of the one tree in `tree` (as learn_tree grew
 // it: breadth-first, every node reachable) from the sample `indices`
 // (instance numbers of D, repeats included). D is a MemoryDataSet with
@@ -80,15 +124,11 @@ void fill_node_statistics(ForestArrays& tree, const D& data, const std::vector<I
       }
     }
   }
-  std::vector<size_t> begin(num_nodes, 0), end(num_nodes, 0);
-  end[0] = position.size();
-  std::vector<uint32_t> spare_position(position.size()), spare_weight(position.size());
   std::vector<int64_t> tally(data.get_num_classes(), 0);
   std::vector<int> classes;
   tree.count.assign(num_nodes, 0);
   tree.impurity.assign(num_nodes, 0.0);
-  for (size_t node = 0; node < num_nodes; ++node) {
-    const size_t first = begin[node], last = end[node];
+  send_down_tree(tree, data, position, weight, [&](size_t node, size_t first, size_t last) {
     int64_t total = 0;
     classes.clear();
     for (size_t p = first; p < last; ++p) {
@@ -101,29 +141,7 @@ void fill_node_statistics(ForestArrays& tree, const D& data, const std::vector<I
     tree.count[node] = total;
     tree.impurity[node] = impurity_of(tally.data(), classes, total, measure);
     for (const int c : classes) tally[static_cast<size_t>(c)] = 0;
-    const int32_t left = tree.left[node], right = tree.right[node];
-    if (left < 0 || right < 0) continue;
-    const auto* column = data.column(static_cast<size_t>(tree.feature[node]));
-    const double threshold = tree.threshold[node];
-    size_t kept = first, sent = 0;
-    for (size_t p = first; p < last; ++p) {
-      if (threshold > static_cast<double>(column[position[p]])) {
-        position[kept] = position[p];
-        weight[kept++] = weight[p];
-      } else {
-        spare_position[sent] = position[p];
-        spare_weight[sent++] = weight[p];
-      }
-    }
-    std::copy(spare_position.begin(), spare_position.begin() + static_cast<std::ptrdiff_t>(sent),
-              position.begin() + static_cast<std::ptrdiff_t>(kept));
-    std::copy(spare_weight.begin(), spare_weight.begin() + static_cast<std::ptrdiff_t>(sent),
-              weight.begin() + static_cast<std::ptrdiff_t>(kept));
-    begin[static_cast<size_t>(left)] = first;
-    end[static_cast<size_t>(left)] = kept;
-    begin[static_cast<size_t>(right)] = kept;
-    end[static_cast<size_t>(right)] = last;
-  }
+  });
 }
 
 }  // namespace Velmot

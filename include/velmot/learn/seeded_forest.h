@@ -13,8 +13,9 @@
 // schedule, since trees differ in size, and a forked child runs the
 // workers' shares on the calling thread); for each
 // tree draw its sample, grow it with learn_tree, flatten it into
-// ForestArrays and add its in-bag counts and impurities; record its
-// normalised importances. Trees are joined in tree order after the region.
+// ForestArrays and add its in-bag counts and impurities (and, if asked, its
+// out-of-bag votes); record its normalised importances. Trees are joined in
+// tree order after the region.
 //
 // Progress: trees_done grows by one per finished tree; setting cancel makes
 // the workers skip the trees they have not started (the result is then
@@ -36,6 +37,7 @@
 #include "velmot/learn/learn_tree.h"
 #include "velmot/learn/learning_progress.h"
 #include "velmot/learn/node_statistics.h"
+#include "velmot/learn/out_of_bag.h"
 #include "velmot/learn/training_set.h"
 #include "velmot/stats/label_accumulator.h"
 
@@ -48,7 +50,8 @@ struct SeededForestSettings {
   double sample_prop = 1.0;
   int fte_per_split = 0;
   int max_depth = 0;
-  int min_leaf_size = 1;
+  GrowthLimits limits;      // the defaults are the library's growth rule
+  bool out_of_bag = false;  // tally out-of-bag votes (learn/out_of_bag.h)
   int num_threads = 1;
 };
 
@@ -57,6 +60,8 @@ struct SeededForest {
   // Row j (num_features entries) holds the normalised importances of tree
   // first_tree + j; all NaN for a tree without an informative split.
   std::vector<double> tree_importances;
+  // With out_of_bag: instance i's votes for class c at i * num_classes + c.
+  std::vector<int32_t> oob_votes;
   bool cancelled = false;
 };
 
@@ -97,6 +102,8 @@ SeededForest learn_seeded_forest(const TrainingSet<F>& set, const SeededForestSe
   std::vector<ForestArrays> trees(static_cast<size_t>(num_trees));
   SeededForest forest;
   forest.tree_importances.assign(static_cast<size_t>(num_trees) * nf, 0.0);
+  OutOfBagVotes oob;
+  if (settings.out_of_bag) oob = OutOfBagVotes(data.get_num_instances(), data.get_num_classes());
 
   for_each_index(num_trees, settings.num_threads, [&](int64_t j, const Worker&) {
     if (progress.cancel.load(std::memory_order_relaxed)) return;
@@ -104,12 +111,13 @@ SeededForest learn_seeded_forest(const TrainingSet<F>& set, const SeededForestSe
     IndexedDataSet<D> sample = random_subset_iid(&data, settings.sample_prop, rng);
     sample.ranks = &set.ranks;
     std::vector<double> importances(nf, 0.0);
-    std::unique_ptr<Node<int>> root(grow_tree(sample, settings.fte_per_split, settings.max_depth,
-                                              settings.min_leaf_size, criteria, true, importances, rng));
+    std::unique_ptr<Node<int>> root(grow_tree(sample, settings.fte_per_split, settings.max_depth, settings.limits,
+                                              criteria, true, importances, rng));
     ForestArrays& tree = trees[static_cast<size_t>(j)];
     tree = flatten_tree(*root);
     root.reset();
     fill_node_statistics(tree, data, sample.indices, impurity_measure_of<Criterion>());
+    if (settings.out_of_bag) oob.add_tree(tree, data, sample.indices);
     std::copy(importances.begin(), importances.end(), forest.tree_importances.begin() + j * static_cast<int64_t>(nf));
     progress.trees_done.fetch_add(1, std::memory_order_relaxed);
   });
@@ -122,6 +130,7 @@ SeededForest learn_seeded_forest(const TrainingSet<F>& set, const SeededForestSe
     forest.trees.append(tree);
     tree = ForestArrays();
   }
+  if (settings.out_of_bag) forest.oob_votes = oob.tally();
   return forest;
 }
 

@@ -167,6 +167,10 @@ class RandomForestClassifier(LocalRandomForestClassifier):
         n_jobs=None,
         random_state=None,
         verbose=0,
+        min_samples_split=2,
+        min_samples_leaf=1,
+        min_impurity_decrease=0.0,
+        oob_score=False,
         partition_wise=False,
         trees_per_block=None,
         client=None,
@@ -180,6 +184,10 @@ class RandomForestClassifier(LocalRandomForestClassifier):
             n_jobs=n_jobs,
             random_state=random_state,
             verbose=verbose,
+            min_samples_split=min_samples_split,
+            min_samples_leaf=min_samples_leaf,
+            min_impurity_decrease=min_impurity_decrease,
+            oob_score=oob_score,
         )
         self.partition_wise = partition_wise
         self.trees_per_block = trees_per_block
@@ -392,7 +400,9 @@ class RandomForestClassifier(LocalRandomForestClassifier):
                         raise
                 finally:
                     client.cancel(data)
-        self._set_fitted(classes, *_joined(blocks), upper_medians(X))
+        nodes, importances, votes = _joined(blocks)
+        self._set_fitted(classes, nodes, importances, upper_medians(X))
+        self._set_out_of_bag(votes, codes)
 
     def _fit_partition_wise(self, client, X, y):
         X, y, n_features = aligned_partitions(X, y)
@@ -454,7 +464,9 @@ class RandomForestClassifier(LocalRandomForestClassifier):
                 blocks[position] = block
                 progress.update(sizes[position])
         medians = combined_medians([summaries[i] for i in used], n_features)
-        self._set_fitted(classes, *_joined(blocks), medians)
+        nodes, importances, votes = _joined(blocks, stacked=True)
+        self._set_fitted(classes, nodes, importances, medians)
+        self._set_out_of_bag(votes, None if votes is None else np.concatenate([block[3] for block in blocks]))
 
     def _checked_partition_size(self, summary, index):
         n_samples = summary["n_samples"]
@@ -505,8 +517,18 @@ class RandomForestClassifier(LocalRandomForestClassifier):
         return X.map_partitions(predict_block, forest, method, meta=meta)
 
 
-def _joined(blocks):
-    """(ForestNodes, mean importances) of blocks of (nodes, importance rows)
-    in tree order."""
-    importances = mean_importances(np.concatenate([rows for _, rows in blocks]))
-    return ForestNodes.join([nodes for nodes, _ in blocks]), importances
+def _joined(blocks, stacked=False):
+    """(ForestNodes, mean importances, out-of-bag votes or None) of blocks of
+    (nodes, importance rows, votes, ...) in tree order. Scattered blocks vote
+    on the same samples, so their votes are summed (integers: in any order);
+    partition-wise (stacked) each block votes on its own partition's rows,
+    which follow one another."""
+    importances = mean_importances(np.concatenate([block[1] for block in blocks]))
+    votes = [block[2] for block in blocks]
+    if votes[0] is None:
+        joined = None
+    elif stacked:
+        joined = np.concatenate(votes)
+    else:
+        joined = np.sum(votes, axis=0)
+    return ForestNodes.join([block[0] for block in blocks]), importances, joined

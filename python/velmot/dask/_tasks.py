@@ -70,14 +70,14 @@ def learn_block(features, labels, *, n_classes, first_tree, last_tree, seed, set
 
 def learn_partition(X_part, y_part, classes, *, first_tree, last_tree, seed, settings):
     """Trees [first_tree, last_tree) of the forest of ``seed``, learnt from
-    one partition."""
+    one partition, and the partition's label codes."""
     X, y = partition_data(X_part, y_part)
     features = feature_major_with_constant_row(X) if settings.all_features else feature_major(X)
     # Codes over the global classes: a partition lacking a class still
     # learns with the forest's class count.
     labels = np.searchsorted(classes, y).astype(np.int32)
     data = prepare(features, labels, n_classes=len(classes), settings=settings)
-    return learn_trees(data, first_tree=first_tree, last_tree=last_tree, seed=seed, settings=settings)
+    return (*learn_trees(data, first_tree=first_tree, last_tree=last_tree, seed=seed, settings=settings), labels)
 
 
 def predict_block(block, forest, method):
