@@ -7,7 +7,7 @@
 //   learn(data, criterion, seed, first_tree, last_tree, sample_prop,
 //         features_per_split, max_depth, n_threads, on_progress,
 //         min_leaf_size, min_samples_leaf, min_impurity_decrease,
-//         out_of_bag) -> dict (with out_of_bag: "oob_votes", n_samples x n_classes)
+//         out_of_bag, sample_weight) -> dict (with out_of_bag: "oob_votes", n_samples x n_classes)
 //   predict(forest dict, X, n_classes, n_threads, proba) -> codes or vote fractions
 //   apply(forest dict, X, n_classes, n_threads) -> leaf per sample and tree
 //   decision_path(forest dict, X, n_classes, n_threads) -> (row starts, nodes)
@@ -59,7 +59,7 @@ Velmot::SeededForest learn_with(const TrainingData& data, const Velmot::SeededFo
 py::dict learn(const TrainingData& data, const std::string& criterion, uint64_t seed, int64_t first_tree,
                int64_t last_tree, double sample_prop, int features_per_split, int max_depth, int num_threads,
                const py::object& on_progress, int min_leaf_size, int64_t min_samples_leaf, double min_impurity_decrease,
-               bool out_of_bag) {
+               bool out_of_bag, const py::object& sample_weight) {
   Velmot::SeededForestSettings settings;
   settings.seed = seed;
   settings.first_tree = first_tree;
@@ -73,6 +73,12 @@ py::dict learn(const TrainingData& data, const std::string& criterion, uint64_t 
   settings.limits.leaf.min_side = min_samples_leaf;
   settings.limits.min_impurity_decrease = min_impurity_decrease;
   settings.out_of_bag = out_of_bag;
+  if (!sample_weight.is_none()) {
+    const py::array weights = py::array::ensure(sample_weight);
+    if (!weights) throw py::type_error("sample_weight must be a numpy array or None");
+    const double* values = PyVelmot::core::vector_of<double>(weights, "sample_weight");
+    settings.sample_weights.assign(values, values + weights.shape(0));
+  }
   // A fit this small runs on one thread: starting a team and waiting at its
   // closing barrier would cost more than the trees, and far more where
   // another process holds a core (100 trees on breast cancer's 569 samples,
@@ -259,6 +265,7 @@ PYBIND11_MODULE(_core, m) {
         py::arg("min_leaf_size") = Velmot::GrowthLimits().min_leaf_size,
         py::arg("min_samples_leaf") = Velmot::GrowthLimits().leaf.min_side,
         py::arg("min_impurity_decrease") = Velmot::GrowthLimits().min_impurity_decrease, py::arg("out_of_bag") = false,
+        py::arg("sample_weight") = py::none(),
         "Trees [first_tree, last_tree) of the forest of `seed`: a dict of node arrays and per-tree importances.");
   m.def("predict", &predict, py::arg("forest"), py::arg("X"), py::arg("n_classes"), py::arg("n_threads"),
         py::arg("proba"),

@@ -24,6 +24,7 @@ from ._model_file import check, float_vector, split_trees, write_model_file
 from ._nodes import ForestNodes
 from ._out_of_bag import out_of_bag_estimates
 from ._settings import MAX_INT32, PAIRS, POOL_SIZE, resolve_settings, thread_count
+from ._weights import sample_weights
 
 
 class RandomForestClassifier(ClassifierMixin, BaseEstimator):
@@ -37,7 +38,20 @@ class RandomForestClassifier(ClassifierMixin, BaseEstimator):
     Bootstrapping is always on. Trees grow until a leaf is pure or a limit
     (``min_samples_split``, ``min_samples_leaf``, ``min_impurity_decrease``,
     ``max_depth``) stops them; the limits count in-bag samples, bootstrap
-    copies counted. Missing values (NaN) are allowed in X: during ``fit`` the
+    copies counted.
+
+    Sample weights (``fit``'s ``sample_weight`` times ``class_weight``'s
+    factors) act on the bootstrap alone: each of a tree's draws picks a
+    sample with probability proportional to its weight, and the trees then
+    grow, count and vote exactly as without weights. So weights cost
+    nothing in the hot path; equal weights give exactly the unweighted
+    forest; a sample of weight 0 is never drawn, so it reaches no split, no
+    leaf and no imputed median; and a sample of integer weight k is drawn as
+    often as k copies of it would be, in expectation (the number of draws
+    stays ``max_samples`` of the rows given, whatever the weights). A
+    sample's weight does not scale its impurity or its vote once drawn.
+
+    Missing values (NaN) are allowed in X: during ``fit`` the
     library replaces them by each feature's median (the upper of the two
     middle values for an even count), and prediction replaces them by the
     same training medians, so a prediction never depends on the other rows
@@ -97,6 +111,13 @@ class RandomForestClassifier(ClassifierMixin, BaseEstimator):
         missed it. True scores with accuracy; a callable
         ``score(y_true, y_pred)`` is called with the labels. The votes are
         counted inside the learning call, as each tree is grown.
+    class_weight : {"balanced", "balanced_subsample"}, dict or None, default=None
+        Factors that multiply the sample weights by class: "balanced" gives
+        class c the factor n_samples / (n_classes x count(c)), a dict
+        ``{label: factor}`` the factors it names (1 for other classes).
+        "balanced_subsample" is "balanced": weights already act through
+        each tree's bootstrap draws, so every tree's sample is balanced in
+        expectation.
 
     Attributes
     ----------
@@ -177,6 +198,7 @@ class RandomForestClassifier(ClassifierMixin, BaseEstimator):
         ],
         "min_impurity_decrease": [Interval(Real, 0.0, None, closed="left")],
         "oob_score": ["boolean", callable],
+        "class_weight": [StrOptions({"balanced", "balanced_subsample"}), dict, None],
     }
 
     def __init__(
@@ -194,6 +216,7 @@ class RandomForestClassifier(ClassifierMixin, BaseEstimator):
         min_samples_leaf=1,
         min_impurity_decrease=0.0,
         oob_score=False,
+        class_weight=None,
     ):
         self.n_estimators = n_estimators
         self.criterion = criterion
@@ -207,8 +230,9 @@ class RandomForestClassifier(ClassifierMixin, BaseEstimator):
         self.min_samples_leaf = min_samples_leaf
         self.min_impurity_decrease = min_impurity_decrease
         self.oob_score = oob_score
+        self.class_weight = class_weight
 
-    def fit(self, X, y):
+    def fit(self, X, y, sample_weight=None):
         """Learn the forest from the training set (X, y).
 
         Parameters
@@ -222,6 +246,10 @@ class RandomForestClassifier(ClassifierMixin, BaseEstimator):
             ``n_features``) costs one feature-major copy of X.
         y : array-like of shape (n_samples,)
             Class labels of any type: numbers, strings, bools.
+        sample_weight : array-like of shape (n_samples,) or None, default=None
+            Non-negative weights, multiplied by ``class_weight``'s; each
+            bootstrap draw picks a sample with probability proportional to
+            its weight (see the class description).
 
         Returns
         -------
@@ -234,8 +262,10 @@ class RandomForestClassifier(ClassifierMixin, BaseEstimator):
         # Checks that need the data's shape come before anything is copied.
         settings = resolve_settings(self, *X.shape)
         classes, codes = np.unique(y, return_inverse=True)
+        weights = sample_weights(sample_weight, self.class_weight, X, classes, codes)
         X = as_module_dtype(X)
         check_splittable(X)
+        X, medians = weighed_medians(X, weights)
         features = feature_major_with_constant_row(X) if settings.all_features else feature_major(X)
         nodes, importances, votes = learn_forest(
             features,
@@ -245,8 +275,9 @@ class RandomForestClassifier(ClassifierMixin, BaseEstimator):
             settings=settings,
             random_state=self.random_state,
             verbose=self.verbose,
+            sample_weight=weights,
         )
-        self._set_fitted(classes, nodes, importances, upper_medians(X))
+        self._set_fitted(classes, nodes, importances, medians)
         self._set_out_of_bag(votes, codes)
         return self
 
@@ -469,6 +500,17 @@ class RandomForestClassifier(ClassifierMixin, BaseEstimator):
         )
         forest.feature_importances_ = importances
         return forest
+
+
+def weighed_medians(X, weights):
+    """(X, medians that fill its NaN) over the samples of positive weight:
+    a sample of weight 0 must not reach the forest even through the value
+    that replaces another sample's NaN, so X then comes back with its NaN
+    filled."""
+    if weights is None or np.all(weights > 0):
+        return X, upper_medians(X)
+    medians = upper_medians(X[weights > 0])
+    return fill_missing(X, medians), medians
 
 
 def _json_params(params):

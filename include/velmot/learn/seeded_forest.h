@@ -8,7 +8,8 @@
 // count, any schedule and any split into blocks of trees, and the call
 // touches no process-wide state: no pool, no lock.
 //
-// Steps: check the input (before any thread starts); hand trees out to the
+// Steps: check the input (before any thread starts) and build the weighted
+// draws, if any, once; hand trees out to the
 // workers one at a time (for_each_index, defs/parallel.h: a dynamic
 // schedule, since trees differ in size, and a forked child runs the
 // workers' shares on the calling thread); for each
@@ -29,6 +30,7 @@
 
 #include "velmot/dataset/bootstrap.h"
 #include "velmot/dataset/node_sample.h"
+#include "velmot/dataset/weighted_bootstrap.h"
 #include "velmot/defs/exception.h"
 #include "velmot/defs/int32_limits.h"
 #include "velmot/defs/parallel.h"
@@ -52,6 +54,9 @@ struct SeededForestSettings {
   int max_depth = 0;
   GrowthLimits limits;      // the defaults are the library's growth rule
   bool out_of_bag = false;  // tally out-of-bag votes (learn/out_of_bag.h)
+  // One weight per instance, drawn in proportion to
+  // (dataset/weighted_bootstrap.h); empty for uniform draws.
+  std::vector<double> sample_weights;
   int num_threads = 1;
 };
 
@@ -83,6 +88,9 @@ void check_seeded_forest_input(const TrainingSet<F>& set, const SeededForestSett
     throw Exception("the trees to learn must be a range [first, last) of non-negative indices");
   }
   if (settings.num_threads < 1) throw Exception("the thread count must be at least 1");
+  if (!settings.sample_weights.empty() && settings.sample_weights.size() != ni) {
+    throw Exception("there must be one sample weight per instance");
+  }
   for (size_t i = 0; i < ni; ++i) {
     const int label = data.get_label(i);
     if (label < 0 || static_cast<size_t>(label) >= data.get_num_classes()) {
@@ -102,13 +110,14 @@ SeededForest learn_seeded_forest(const TrainingSet<F>& set, const SeededForestSe
   std::vector<ForestArrays> trees(static_cast<size_t>(num_trees));
   SeededForest forest;
   forest.tree_importances.assign(static_cast<size_t>(num_trees) * nf, 0.0);
+  const WeightedDraws draws(settings.sample_weights);
   OutOfBagVotes oob;
   if (settings.out_of_bag) oob = OutOfBagVotes(data.get_num_instances(), data.get_num_classes());
 
   for_each_index(num_trees, settings.num_threads, [&](int64_t j, const Worker&) {
     if (progress.cancel.load(std::memory_order_relaxed)) return;
     XorShiftRNG rng = tree_generator(settings.seed, static_cast<uint64_t>(settings.first_tree + j));
-    IndexedDataSet<D> sample = random_subset_iid(&data, settings.sample_prop, rng);
+    IndexedDataSet<D> sample = weighted_subset_iid(&data, settings.sample_prop, draws, rng);
     sample.ranks = &set.ranks;
     std::vector<double> importances(nf, 0.0);
     std::unique_ptr<Node<int>> root(grow_tree(sample, settings.fte_per_split, settings.max_depth, settings.limits,
