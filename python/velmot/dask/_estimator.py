@@ -110,6 +110,15 @@ class RandomForestClassifier(LocalRandomForestClassifier):
         partition-wise, the same partitions), on any cluster.
     verbose : int, default=0
         Above 0, a progress bar counts the trees of finished blocks.
+    min_samples_split, min_samples_leaf, min_impurity_decrease : default=2, 1, 0.0
+        Growth limits, as in ``velmot.RandomForestClassifier``.
+    oob_score : bool or callable, default=False
+        Out-of-bag estimates. Scattered, the blocks' votes are summed and
+        equal the local estimator's; partition-wise, a sample's out-of-bag
+        trees are those of its own partition that missed it.
+    class_weight : {"balanced", "balanced_subsample"}, dict or None, default=None
+        Class factors of the sample weights, from the class counts of the
+        whole training set (of all partitions, partition-wise).
     partition_wise : bool, default=False
         Learn each block from one partition of X where it lies, instead of
         scattering the whole training set.
@@ -133,6 +142,8 @@ class RandomForestClassifier(LocalRandomForestClassifier):
     feature_importances_ : ndarray of shape (n_features_in_,)
         Mean over the trees of each tree's normalised impurity decreases,
         as in ``velmot.RandomForestClassifier``.
+    oob_score_, oob_decision_function_
+        With ``oob_score``, as in ``velmot.RandomForestClassifier``.
     trees_ : list of ndarray of shape (5, n_nodes)
         The trees, block after block, in ``velmot.RandomForestClassifier``'s
         encoding.
