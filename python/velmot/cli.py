@@ -1,8 +1,11 @@
-"""The ``velmot`` command: train, predict and inspect from CSV files.
+"""The ``velmot`` command: train, predict and inspect from CSV or Parquet files.
 
     velmot train DATA.csv [--description DATA.desc] [options] -o MODEL.npz
     velmot predict MODEL.npz DATA.csv [--description DATA.desc] [--proba] -o OUT.csv
     velmot inspect MODEL.npz
+
+Data files are read by ``_tables``: a CSV file, or a Parquet file (.parquet,
+.pq) or folder of them, whose column names serve as its header.
 
 A description file (read by the library's own reader) says which CSV column
 holds the class (``class-column``), which columns to drop (``ignore``), the
@@ -29,7 +32,6 @@ import threading
 
 import numpy as np
 
-from ._csv import CsvRows
 from ._description import read_layout
 
 EXIT_FAILURE = 2
@@ -78,10 +80,12 @@ def _same_file(a, b):
         return os.path.realpath(a) == os.path.realpath(b)
 
 
-def _open_csv(path):
-    if not os.path.isfile(path):
+def _open_data(path):
+    from ._tables import open_table
+
+    if not os.path.exists(path):
         raise CommandError(f"data file not found: {path}")
-    return CsvRows(path)
+    return open_table(path)
 
 
 def _encode_classes(fields, layout, path):
@@ -164,20 +168,19 @@ def train(args):
 
     output = _output_file(args.output, args.data, args.description)
     layout = read_layout(args.description)
-    with _open_csv(args.data) as rows:
+    with _open_data(args.data) as rows:
         layout.check_columns(rows.n_columns, args.data)
         class_column = rows.n_columns - 1 if layout.class_column is None else layout.class_column
         columns = _feature_columns(layout, rows, class_column)
         header = rows.take_header(columns)
-        chunks = list(rows.chunks(PREDICT_CHUNK_ROWS, columns, class_column))
-    if not chunks:
+        feature_names = [layout.feature_names.get(c, header[c].strip() if header else "") for c in columns]
+        class_column_name = header[class_column].strip() if header else ""
+        _refuse_repeated_names([*feature_names, class_column_name], [*columns, class_column], args.data)
+        X, classes, rows_class = rows.training_data(columns, class_column)
+    if not len(X):
         raise CommandError(f"{args.data}: the file holds a header but no rows")
-    feature_names = [layout.feature_names.get(c, header[c].strip() if header else "") for c in columns]
-    class_column_name = header[class_column].strip() if header else ""
-    _refuse_repeated_names([*feature_names, class_column_name], [*columns, class_column], args.data)
-    X = np.concatenate([features for features, _ in chunks])
-    fields = [text for _, classes in chunks for text in classes]
-    y, class_names = _encode_classes(fields, layout, args.data)
+    codes, class_names = _encode_classes(classes, layout, args.data)
+    y = codes[rows_class]
     model = RandomForestClassifier(
         n_estimators=args.trees,
         criterion=args.criterion,
@@ -185,7 +188,7 @@ def train(args):
         max_depth=args.max_depth,
         n_jobs=args.jobs,
         random_state=args.seed,
-        verbose=0 if args.quiet else 1,
+        verbose=0 if args.quiet or not sys.stderr.isatty() else 1,
     )
     try:
         model.fit(X, y)
@@ -238,12 +241,12 @@ def predict(args):
     classes = [class_names[int(code)] for code in model.classes_]
 
     def write(temp):
-        with _open_csv(args.data) as rows, open(temp, "w", newline="", encoding="utf-8") as out:
+        with _open_data(args.data) as rows, open(temp, "w", newline="", encoding="utf-8") as out:
             columns = _columns_to_predict(rows, layout, feature_names, class_column_name)
             writer = csv.writer(out)
             if args.proba:
                 writer.writerow(classes)
-            for features, _ in rows.chunks(PREDICT_CHUNK_ROWS, columns, None):
+            for features in rows.feature_batches(columns, PREDICT_CHUNK_ROWS):
                 if args.proba:
                     writer.writerows(model.predict_proba(features).tolist())
                 else:
@@ -325,21 +328,21 @@ def build_parser():
     commands = parser.add_subparsers(dest="command", required=True)
 
     p = commands.add_parser("train", help="learn a forest from a CSV file and save it")
-    p.add_argument("data", help="CSV file of training rows")
+    p.add_argument("data", help="CSV file, Parquet file or folder of training rows")
     p.add_argument("--description", help="description file naming the class column, ignored columns and names")
     p.add_argument("--trees", type=int, default=100, help="number of trees (default 100)")
     p.add_argument("--criterion", default="gini", choices=["gini", "entropy", "log_loss", "gain_ratio"])
     p.add_argument("--max-features", default="sqrt", help="features tried per split: sqrt, log2, all, N or a fraction")
     p.add_argument("--max-depth", type=int, default=None, help="depth limit (default: none)")
-    p.add_argument("--jobs", type=int, default=None, help="threads (-1: all cores)")
+    p.add_argument("--jobs", type=int, default=-1, help="threads (default -1: all cores)")
     p.add_argument("--seed", type=int, default=None, help="seed, for a reproducible forest")
-    p.add_argument("--quiet", action="store_true", help="no progress bar")
+    p.add_argument("--quiet", action="store_true", help="no progress bar (shown only on a terminal)")
     p.add_argument("-o", "--output", required=True, help="model file to write (.npz)")
     p.set_defaults(run=train)
 
     p = commands.add_parser("predict", help="predict the classes of a CSV file's rows")
     p.add_argument("model", help="model file written by velmot train")
-    p.add_argument("data", help="CSV file of rows to predict")
+    p.add_argument("data", help="CSV file, Parquet file or folder of rows to predict")
     p.add_argument("--description", help="description file of the CSV file")
     p.add_argument("--proba", action="store_true", help="write one probability per class instead of the class")
     p.add_argument("-o", "--output", required=True, help="CSV file to write")
