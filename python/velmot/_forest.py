@@ -279,6 +279,30 @@ class RandomForestClassifier(ClassifierMixin, BaseEstimator):
         """
         write_model_file(path, *self._to_model())
 
+    def to_onnx(self, path):
+        """Write the fitted forest as an ONNX graph (needs ``velmot[onnx]``).
+
+        The graph's input ``X`` is double, shape (n_samples, n_features);
+        it fills NaN with the training medians, sends a value equal to a
+        threshold right, and gives ``label`` and ``probabilities`` (float32
+        vote fractions) as ``predict`` and ``predict_proba`` do.
+
+        Parameters
+        ----------
+        path : str or path-like
+            The ``.onnx`` file, written through a temporary file and a rename.
+
+        Examples
+        --------
+        >>> forest.to_onnx("forest.onnx")  # doctest: +SKIP
+        >>> session = onnxruntime.InferenceSession("forest.onnx")  # doctest: +SKIP
+        >>> labels, proba = session.run(None, {"X": X.astype(np.float64)})  # doctest: +SKIP
+        """
+        from ._onnx import write_onnx
+
+        check_is_fitted(self)
+        write_onnx(self, path)
+
     def __sklearn_tags__(self):
         tags = super().__sklearn_tags__()
         tags.input_tags.allow_nan = True

@@ -3,6 +3,7 @@
     velmot train DATA.csv [--description DATA.desc] [options] -o MODEL.npz
     velmot predict MODEL.npz DATA.csv [--description DATA.desc] [--proba] -o OUT.csv
     velmot inspect MODEL.npz
+    velmot export MODEL.npz MODEL.onnx
 
 Data files are read by ``_tables``: a CSV file, or a Parquet file (.parquet,
 .pq) or folder of them, whose column names serve as its header.
@@ -304,6 +305,17 @@ def inspect(args):
         print(f"{importances[j]:10.4f}  {feature_names[j] or f'feature {j} (unnamed)'}")
 
 
+def export(args):
+    from ._onnx import write_onnx
+
+    output = _output_file(args.output, args.model)
+    model, _, class_names, _ = _load_model(args.model)
+    try:
+        write_onnx(model, output, [class_names[int(code)] for code in model.classes_])
+    except ImportError as error:
+        raise CommandError(str(error)) from None
+
+
 def _depth(tree):
     """Depth of a tree array (root at depth 0)."""
     left, right = tree[0].astype(np.int64), tree[1].astype(np.int64)
@@ -351,6 +363,11 @@ def build_parser():
     p = commands.add_parser("inspect", help="summarise a model file")
     p.add_argument("model", help="model file written by velmot train")
     p.set_defaults(run=inspect)
+
+    p = commands.add_parser("export", help="write a model file as an ONNX graph")
+    p.add_argument("model", help="model file written by velmot train")
+    p.add_argument("output", help="ONNX file to write (.onnx); its label output gives the class names")
+    p.set_defaults(run=export)
     return parser
 
 
