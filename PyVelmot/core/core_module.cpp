@@ -7,6 +7,7 @@
 //   learn(data, criterion, seed, first_tree, last_tree, sample_prop,
 //         features_per_split, max_depth, n_threads, on_progress) -> dict
 //   predict(forest dict, X, n_classes, n_threads, proba) -> codes or vote fractions
+//   shap_values(forest dict, X, n_outputs, n_threads) -> Shapley values
 //
 // Library failures arrive as ValueError with the library's own message;
 // element types as TypeError, shapes as ValueError.
@@ -22,7 +23,9 @@
 #include <vector>
 
 #include "array_checks.h"
+#include "forest_view.h"
 #include "released_run.h"
+#include "shap_values.h"
 #include "training_data.h"
 #include "velmot/dataset/native_array_dataset.h"
 #include "velmot/defs/exception.h"
@@ -102,28 +105,8 @@ py::dict learn(const TrainingData& data, const std::string& criterion, uint64_t 
 // fractions (proba true: float64, n_samples x n_classes) of a forest of
 // node arrays for X (n_samples, n_features), through the forest predictor.
 py::array predict(const py::dict& forest, const py::array& samples, int64_t num_classes, int num_threads, bool proba) {
-  using PyVelmot::core::vector_of;
-  auto entry = [&](const char* name) -> py::array {
-    if (!forest.contains(name)) throw py::value_error(std::string("the forest has no '") + name + "' array");
-    py::array array = py::array::ensure(forest[name]);
-    if (!array) throw py::type_error(std::string("the forest's '") + name + "' entry must be a numpy array");
-    return array;
-  };
-  const py::array offsets = entry("offsets"), left = entry("left"), right = entry("right"), feature = entry("feature"),
-                  threshold = entry("threshold"), value = entry("value");
-  Velmot::ForestArraysView view;
-  view.offsets = vector_of<int64_t>(offsets, "offsets");
-  view.left = vector_of<int32_t>(left, "left");
-  view.right = vector_of<int32_t>(right, "right");
-  view.feature = vector_of<int32_t>(feature, "feature");
-  view.threshold = vector_of<double>(threshold, "threshold");
-  view.value = vector_of<int32_t>(value, "value");
-  if (offsets.shape(0) < 1) throw py::value_error("offsets must hold at least one entry");
-  view.num_trees = static_cast<size_t>(offsets.shape(0) - 1);
-  view.num_nodes = static_cast<size_t>(left.shape(0));
-  for (const py::array* row : {&right, &feature, &threshold, &value}) {
-    if (row->shape(0) != left.shape(0)) throw py::value_error("the forest's node arrays differ in length");
-  }
+  const PyVelmot::core::HeldForest held = PyVelmot::core::forest_arrays_view(forest);
+  const Velmot::ForestArraysView& view = held.view;
   PyVelmot::core::require_ndim(samples, "X", 2);
   if (num_classes < 1 || num_classes > 2147483645) throw py::value_error("n_classes must be in [1, 2147483645]");
   if (num_threads < 1) throw py::value_error("n_threads must be at least 1");
@@ -187,4 +170,5 @@ PYBIND11_MODULE(_core, m) {
   m.def("predict", &predict, py::arg("forest"), py::arg("X"), py::arg("n_classes"), py::arg("n_threads"),
         py::arg("proba"),
         "Class codes (or, with proba, vote fractions) of a forest of node arrays for X (n_samples, n_features).");
+  PyVelmot::core::bind_shap_values(m);
 }
