@@ -2,7 +2,7 @@
 
     velmot train DATA.csv [--description DATA.desc] [options] -o MODEL.npz
     velmot predict MODEL.npz DATA.csv [--description DATA.desc] [--proba] -o OUT.csv
-    velmot inspect MODEL.npz
+    velmot inspect MODEL.npz [--plot IMPORTANCES.png]
     velmot export MODEL.npz MODEL.onnx
 
 Data files are read by ``_tables``: a CSV file, or a Parquet file (.parquet,
@@ -290,6 +290,7 @@ def _columns_to_predict(rows, layout, feature_names, class_column_name):
 
 
 def inspect(args):
+    output = None if args.plot is None else _output_file(args.plot, args.model)
     model, feature_names, class_names, _ = _load_model(args.model)
     trees = model.trees_
     nodes = [tree.shape[1] for tree in trees]
@@ -301,8 +302,16 @@ def inspect(args):
     print(f"depth:    {min(depths)} to {max(depths)}")
     print("\nimportance  feature")
     importances = model.feature_importances_
+    names = [name or f"feature {j} (unnamed)" for j, name in enumerate(feature_names)]
     for j in sorted(range(len(importances)), key=lambda j: (-importances[j], j)):
-        print(f"{importances[j]:10.4f}  {feature_names[j] or f'feature {j} (unnamed)'}")
+        print(f"{importances[j]:10.4f}  {names[j]}")
+    if output is not None:
+        from ._plots import plot_importances
+
+        try:
+            plot_importances(output, importances, names)
+        except ImportError as error:
+            raise CommandError(str(error)) from None
 
 
 def export(args):
@@ -362,6 +371,7 @@ def build_parser():
 
     p = commands.add_parser("inspect", help="summarise a model file")
     p.add_argument("model", help="model file written by velmot train")
+    p.add_argument("--plot", help="also draw the feature importances to this file (.png, .svg, .pdf)")
     p.set_defaults(run=inspect)
 
     p = commands.add_parser("export", help="write a model file as an ONNX graph")

@@ -204,3 +204,12 @@ def test_a_signal_removes_the_temporary_file_with_one_line(iris_model, tmp_path,
     assert run("predict", iris_model, *IRIS, "-o", tmp_path / "out.csv") == 128 + signum
     assert len(capsys.readouterr().err.strip().splitlines()) == 1
     assert leftovers(tmp_path) == [] and not (tmp_path / "out.csv").exists()
+
+
+def test_inspect_plots_the_importances_or_says_what_is_missing(iris_model, tmp_path, capsys, monkeypatch):
+    assert run("inspect", iris_model, "--plot", tmp_path / "i.png") == 0
+    assert (tmp_path / "i.png").read_bytes().startswith(b"\x89PNG")
+    assert "must name a picture format" in fails(capsys, "inspect", iris_model, "--plot", tmp_path / "i.txt")
+    monkeypatch.setitem(sys.modules, "matplotlib.figure", None)
+    assert "pip install 'velmot[plot]'" in fails(capsys, "inspect", iris_model, "--plot", tmp_path / "j.png")
+    assert leftovers(tmp_path) == [] and not (tmp_path / "j.png").exists()
