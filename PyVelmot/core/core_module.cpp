@@ -11,6 +11,7 @@
 //   predict(forest dict, X, n_classes, n_threads, proba) -> codes or vote fractions
 //   apply(forest dict, X, n_classes, n_threads) -> leaf per sample and tree
 //   decision_path(forest dict, X, n_classes, n_threads) -> (row starts, nodes)
+//   shap_values(forest dict, X, n_outputs, n_threads) -> Shapley values
 //
 // Library failures arrive as ValueError with the library's own message;
 // element types as TypeError, shapes as ValueError.
@@ -26,7 +27,9 @@
 #include <vector>
 
 #include "array_checks.h"
+#include "forest_view.h"
 #include "released_run.h"
+#include "shap_values.h"
 #include "training_data.h"
 #include "velmot/dataset/native_array_dataset.h"
 #include "velmot/defs/exception.h"
@@ -120,37 +123,11 @@ py::dict learn(const TrainingData& data, const std::string& criterion, uint64_t 
 }
 
 // A forest dict's node arrays, read in place and checked for walks.
-struct ForestEntries {
-  py::array offsets, left, right, feature, threshold, value;
-  Velmot::ForestArraysView view;
-};
-
-ForestEntries forest_entries(const py::dict& forest, int64_t num_classes) {
-  using PyVelmot::core::vector_of;
-  auto entry = [&](const char* name) -> py::array {
-    if (!forest.contains(name)) throw py::value_error(std::string("the forest has no '") + name + "' array");
-    py::array array = py::array::ensure(forest[name]);
-    if (!array) throw py::type_error(std::string("the forest's '") + name + "' entry must be a numpy array");
-    return array;
-  };
-  ForestEntries e{
-      entry("offsets"), entry("left"), entry("right"), entry("feature"), entry("threshold"), entry("value"), {}};
-  Velmot::ForestArraysView& view = e.view;
-  view.offsets = vector_of<int64_t>(e.offsets, "offsets");
-  view.left = vector_of<int32_t>(e.left, "left");
-  view.right = vector_of<int32_t>(e.right, "right");
-  view.feature = vector_of<int32_t>(e.feature, "feature");
-  view.threshold = vector_of<double>(e.threshold, "threshold");
-  view.value = vector_of<int32_t>(e.value, "value");
-  if (e.offsets.shape(0) < 1) throw py::value_error("offsets must hold at least one entry");
-  view.num_trees = static_cast<size_t>(e.offsets.shape(0) - 1);
-  view.num_nodes = static_cast<size_t>(e.left.shape(0));
-  for (const py::array* row : {&e.right, &e.feature, &e.threshold, &e.value}) {
-    if (row->shape(0) != e.left.shape(0)) throw py::value_error("the forest's node arrays differ in length");
-  }
+PyVelmot::core::HeldForest checked_forest(const py::dict& forest, int64_t num_classes) {
+  PyVelmot::core::HeldForest held = PyVelmot::core::forest_arrays_view(forest);
   if (num_classes < 1 || num_classes > 2147483645) throw py::value_error("n_classes must be in [1, 2147483645]");
-  Velmot::check_forest_arrays(e.view, static_cast<size_t>(num_classes));
-  return e;
+  Velmot::check_forest_arrays(held.view, static_cast<size_t>(num_classes));
+  return held;
 }
 
 // Calls body(value_of) with value_of(i, f) reading sample i's feature f of
@@ -174,14 +151,14 @@ void with_sample_values(const py::array& samples, const Velmot::ForestArraysView
 
 // The leaf each sample of X reaches in each tree: int32, (n_samples, n_trees).
 py::array_t<int32_t> apply(const py::dict& forest, const py::array& samples, int64_t num_classes, int num_threads) {
-  const ForestEntries entries = forest_entries(forest, num_classes);
+  const PyVelmot::core::HeldForest held = checked_forest(forest, num_classes);
   if (num_threads < 1) throw py::value_error("n_threads must be at least 1");
   py::array_t<int32_t> leaves;
-  with_sample_values(samples, entries.view, [&](const auto& value_of) {
-    leaves = py::array_t<int32_t>({samples.shape(0), static_cast<py::ssize_t>(entries.view.num_trees)});
+  with_sample_values(samples, held.view, [&](const auto& value_of) {
+    leaves = py::array_t<int32_t>({samples.shape(0), static_cast<py::ssize_t>(held.view.num_trees)});
     int32_t* out = leaves.mutable_data();
     py::gil_scoped_release released;
-    Velmot::find_leaves(entries.view, static_cast<size_t>(samples.shape(0)), value_of, num_threads, out);
+    Velmot::find_leaves(held.view, static_cast<size_t>(samples.shape(0)), value_of, num_threads, out);
   });
   return leaves;
 }
@@ -189,12 +166,12 @@ py::array_t<int32_t> apply(const py::dict& forest, const py::array& samples, int
 // Every sample's nodes, as (row starts, forest-wide node numbers) of a
 // sparse indicator matrix.
 py::tuple decision_path(const py::dict& forest, const py::array& samples, int64_t num_classes, int num_threads) {
-  const ForestEntries entries = forest_entries(forest, num_classes);
+  const PyVelmot::core::HeldForest held = checked_forest(forest, num_classes);
   if (num_threads < 1) throw py::value_error("n_threads must be at least 1");
   Velmot::DecisionPaths paths;
-  with_sample_values(samples, entries.view, [&](const auto& value_of) {
+  with_sample_values(samples, held.view, [&](const auto& value_of) {
     py::gil_scoped_release released;
-    paths = Velmot::find_decision_paths(entries.view, static_cast<size_t>(samples.shape(0)), value_of, num_threads);
+    paths = Velmot::find_decision_paths(held.view, static_cast<size_t>(samples.shape(0)), value_of, num_threads);
   });
   return py::make_tuple(to_numpy(paths.rows), to_numpy(paths.nodes));
 }
@@ -203,8 +180,8 @@ py::tuple decision_path(const py::dict& forest, const py::array& samples, int64_
 // fractions (proba true: float64, n_samples x n_classes) of a forest of
 // node arrays for X (n_samples, n_features), through the forest predictor.
 py::array predict(const py::dict& forest, const py::array& samples, int64_t num_classes, int num_threads, bool proba) {
-  const ForestEntries entries = forest_entries(forest, num_classes);
-  const Velmot::ForestArraysView& view = entries.view;
+  const PyVelmot::core::HeldForest held = checked_forest(forest, num_classes);
+  const Velmot::ForestArraysView& view = held.view;
   PyVelmot::core::require_ndim(samples, "X", 2);
   if (num_threads < 1) throw py::value_error("n_threads must be at least 1");
   const py::ssize_t num_samples = samples.shape(0);
@@ -274,4 +251,5 @@ PYBIND11_MODULE(_core, m) {
         "The leaf (node number within its tree) each sample of X reaches in each tree: (n_samples, n_trees).");
   m.def("decision_path", &decision_path, py::arg("forest"), py::arg("X"), py::arg("n_classes"), py::arg("n_threads"),
         "(row starts, forest-wide node numbers) of the nodes each sample of X passes, tree after tree.");
+  PyVelmot::core::bind_shap_values(m);
 }
