@@ -171,9 +171,9 @@ bool sort_keys(const F* column, size_t n, Workspace<F>& work) {
 
 // Whether learning ranks features of type F under labels of type L:
 // floating-point features always; int features under integer labels, so
-// that their nodes sort packed ranks as floating-point ones do (int32
-// data fitted twice as slowly as the same values in float64 with the
-// value sort); not under real labels, whose value sort puts each label on
+// that their nodes sort packed ranks as floating-point ones do (with the
+// value sort, int32 data fits about twice as slowly as the same values in
+// float64); not under real labels, whose value sort puts each label on
 // its class's grid. Bytes serve as their own ranks.
 template <class F, class L>
 constexpr bool learns_with_ranks() {

@@ -7,9 +7,9 @@
 // nodes, which is the breadth-first numbering of the tree arrays
 // (learn/forest_arrays.h). So a split's count is the sum of its children's
 // and the root's is the sample size. Reading the histograms the grower
-// builds anyway costs nothing; passing the sample down the grown tree again
-// cost 3.5% of a fit's instructions and more of its time, in cache misses
-// (W1-like data, 12 trees on one thread).
+// builds anyway costs nothing; passing the sample down each grown tree a
+// second time costs 3.5% of a fit's instructions and more of its time, in
+// cache misses (W1-like data, 12 trees on one thread).
 //
 // Impurity of a node with class shares p_c: Gini, 1 - sum p_c^2, for the
 // Gini criterion; entropy in bits, -sum p_c log2 p_c, for the criteria built
