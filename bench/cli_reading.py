@@ -53,19 +53,42 @@ def measured(command, pythonpath=None):
 
 
 def fit_alone(parquet_path):
-    """Prints the seconds of the fit alone on the data's float64 matrix, read
-    from Parquet before the clock starts."""
-    import pyarrow.parquet as pq
-
+    """Prints the seconds of the fit alone, the matrix's and the forest's
+    MiB, and the resident MiB before the data is read (the interpreter and
+    its libraries)."""
     import velmot
+    from velmot._tables import open_table
 
-    table = pq.read_table(parquet_path)
-    X = np.column_stack([table.column(j).to_numpy() for j in range(N_FEATURES)])
-    y = table.column(N_FEATURES).to_numpy(zero_copy_only=False)
-    del table
+    columns = list(range(N_FEATURES))
+    before = resident_mib()
+    with open_table(str(parquet_path)) as table:
+        table.take_header(columns)
+        X, _, codes = table.training_data(columns, N_FEATURES)
     start = time.perf_counter()
-    velmot.RandomForestClassifier(N_TREES, n_jobs=-1, random_state=0).fit(X, y)
-    print(time.perf_counter() - start, X.nbytes / 2**20)
+    forest = velmot.RandomForestClassifier(N_TREES, n_jobs=-1, random_state=0).fit(X, codes)
+    seconds = time.perf_counter() - start
+    forest_bytes = sum(a.nbytes for a in forest.nodes_.as_dict().values()) + sum(t.nbytes for t in forest.trees_)
+    print(seconds, X.nbytes / 2**20, forest_bytes / 2**20, before)
+
+
+def reading_seconds(csv_path):
+    """Seconds to read the training matrix and classes: the row reader, then
+    pyarrow."""
+    from velmot._tables import CsvTable
+
+    columns, seconds = list(range(N_FEATURES)), []
+    for read in (CsvTable._read_rows, CsvTable.training_data):
+        with CsvTable(str(csv_path)) as table:
+            table.take_header(columns)
+            start = time.perf_counter()
+            read(table, columns, N_FEATURES)
+            seconds.append(time.perf_counter() - start)
+    return seconds
+
+
+def resident_mib():
+    with open("/proc/self/statm") as statm:
+        return int(statm.read().split()[1]) * os.sysconf("SC_PAGE_SIZE") / 2**20
 
 
 def main():
@@ -79,11 +102,14 @@ def main():
     args.folder.mkdir(parents=True, exist_ok=True)
     csv_path, parquet_path = make_data(args.folder)
     print(f"load average before: {os.getloadavg()[0]:.2f}; CSV {csv_path.stat().st_size / 2**20:.0f} MiB")
+    rows, arrow = reading_seconds(csv_path)
+    print(f"reading the CSV file: row reader {rows:.2f} s, pyarrow {arrow:.2f} s ({rows / arrow:.1f} times as fast)")
     wall, peak, out = measured([sys.executable, __file__, "--fit-alone", str(parquet_path)])
-    fit, matrix = map(float, out.split())
+    fit, matrix, forest, interpreter = map(float, out.split())
     print(
-        f"fit alone: {fit:.2f} s on a {matrix:.0f} MiB float64 matrix; "
-        f"its process {wall:.2f} s, peak RSS {peak:.0f} MiB"
+        f"fit alone: {fit:.2f} s; matrix {matrix:.0f} MiB, forest {forest:.0f} MiB, interpreter and libraries "
+        f"{interpreter:.0f} MiB; target peak {interpreter + 2 * matrix + forest:.0f} MiB (2 x matrix + forest); "
+        f"the fit's process (Parquet read, fit): peak RSS {peak:.0f} MiB"
     )
     runs = [("CSV", csv_path, None), ("Parquet", parquet_path, None)]
     if args.baseline:
