@@ -33,20 +33,20 @@ _BATCH_BYTES = 1 << 22
 _NATIVE_TYPES = ("double", "float", "int32", "uint8")
 
 
-def _memory_pool():
-    """The C library's allocator, which hands freed memory back to the
-    system: pyarrow's default pool keeps the table's pages after it is
-    freed, and they would stay resident through the whole fit. Made the
-    default too, for the buffers pyarrow's readers allocate on their own
-    (the command line is the only user of this module in its process)."""
+def _use_system_allocator():
+    """Makes the C library's allocator pyarrow's default: pyarrow's own pool
+    keeps a table's pages after the table is freed, and they would stay
+    resident through the whole fit. (The command line is the only user of
+    pyarrow in its process.)"""
     import pyarrow as pa
 
     pa.set_memory_pool(pa.system_memory_pool())
-    return pa.system_memory_pool()
 
 
 def _release_memory():
-    _memory_pool().release_unused()
+    import pyarrow as pa
+
+    pa.default_memory_pool().release_unused()
 
 
 class _Unsure(Exception):
@@ -55,7 +55,7 @@ class _Unsure(Exception):
 
 def open_table(path):
     """The table of a data file: ParquetTable or CsvTable by its name."""
-    _memory_pool()
+    _use_system_allocator()
     if os.path.isdir(path) or path.lower().endswith(PARQUET_SUFFIXES):
         return ParquetTable(path)
     return CsvTable(path)
@@ -83,9 +83,7 @@ class CsvTable:
         import pyarrow.csv as pacsv
 
         try:
-            table = pacsv.read_csv(
-                self.path, **self._arrow_options(feature_columns, use_threads=True), memory_pool=_memory_pool()
-            )
+            table = pacsv.read_csv(self.path, **self._arrow_options(feature_columns, use_threads=True))
             if table.num_columns != self.n_columns:
                 raise _Unsure
             features = np.empty((table.num_rows, len(feature_columns)), order="F")
@@ -116,9 +114,7 @@ class CsvTable:
 
         done = 0
         try:
-            reader = pacsv.open_csv(
-                self.path, **self._arrow_options(feature_columns, use_threads=False), memory_pool=_memory_pool()
-            )
+            reader = pacsv.open_csv(self.path, **self._arrow_options(feature_columns, use_threads=False))
             for batch in reader:
                 if batch.num_columns != self.n_columns:
                     raise _Unsure
@@ -231,7 +227,7 @@ class ParquetTable:
         import pyarrow as pa
 
         try:
-            return self._data.to_table(columns=[self._names[c] for c in columns], memory_pool=_memory_pool())
+            return self._data.to_table(columns=[self._names[c] for c in columns])
         except pa.ArrowException as error:
             raise ValueError(f"{self.path}: {error}") from None
 
@@ -269,7 +265,7 @@ class ParquetTable:
         done = 0
         try:
             columns = [self._names[c] for c in feature_columns]
-            for batch in self._data.to_batches(columns=columns, memory_pool=_memory_pool()):
+            for batch in self._data.to_batches(columns=columns):
                 features = np.empty((batch.num_rows, len(feature_columns)))
                 for k, c in enumerate(feature_columns):
                     features[:, k] = self._numbers(batch.column(k), c, done)
