@@ -215,13 +215,15 @@ class ParquetTable:
             raise ValueError(f"{path}: the file holds no columns")
 
     def take_header(self, feature_columns):
+        return self._names
+
+    def _check_numbers(self, feature_columns):
         import pyarrow as pa
 
         for c in feature_columns:
             kind = self._data.schema.field(c).type
             if not (pa.types.is_integer(kind) or pa.types.is_floating(kind) or pa.types.is_boolean(kind)):
                 raise ValueError(f"{self.path}: column {c} ({self._names[c]!r}) holds {kind}, not numbers")
-        return self._names
 
     def _read(self, columns):
         import pyarrow as pa
@@ -236,6 +238,7 @@ class ParquetTable:
         library learns on it."""
         import pyarrow.compute as pc
 
+        self._check_numbers(feature_columns)
         table = self._read([*feature_columns, class_column])
         kinds = {str(table.schema.field(k).type) for k in range(len(feature_columns))}
         native = len(kinds) == 1 and kinds <= set(_NATIVE_TYPES)
@@ -262,6 +265,7 @@ class ParquetTable:
     def feature_batches(self, feature_columns, rows_per_batch):
         import pyarrow as pa
 
+        self._check_numbers(feature_columns)
         done = 0
         try:
             columns = [self._names[c] for c in feature_columns]
