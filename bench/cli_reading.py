@@ -5,9 +5,11 @@ wall time and peak memory of the whole command beside the fit's own time.
 
 --baseline names a folder holding another ``velmot`` package (for example
 the previous command line beside this build's compiled modules); its CSV
-run is measured in the same session, for a before/after ratio. Every run
-uses all cores, 20 trees and seed 0; the machine's load average is printed
-with the figures, since a shared machine moves them.
+run is measured in the same session, for a before/after ratio, with its
+own default --jobs and with all cores. Every run learns 20 trees under seed
+0; the fit alone uses all cores, as the command does by default. The
+machine's load average is printed with the figures, since a shared machine
+moves them.
 """
 
 import argparse
@@ -111,13 +113,16 @@ def main():
         f"{interpreter:.0f} MiB; target peak {interpreter + 2 * matrix + forest:.0f} MiB (2 x matrix + forest); "
         f"the fit's process (Parquet read, fit): peak RSS {peak:.0f} MiB"
     )
-    runs = [("CSV", csv_path, None), ("Parquet", parquet_path, None)]
+    # (name, data, package folder, threads: None for the command's default)
+    runs = [("CSV", csv_path, None, None), ("Parquet", parquet_path, None, None)]
     if args.baseline:
-        runs.insert(0, ("CSV, baseline", csv_path, args.baseline))
-    for name, data, pythonpath in runs:
+        runs[:0] = [("CSV, baseline", csv_path, args.baseline, None), ("CSV, baseline", csv_path, args.baseline, -1)]
+    for name, data, pythonpath, jobs in runs:
         command = [sys.executable, "-m", "velmot", "train", str(data), "--trees", str(N_TREES), "--seed", "0"]
-        wall, peak, _ = measured([*command, "--jobs", "-1", "--quiet", "-o", str(args.folder / "m.npz")], pythonpath)
-        print(f"{name:14} wall {wall:6.2f} s (fit + {wall - fit:5.2f} s)  peak RSS {peak:6.0f} MiB")
+        command += [] if jobs is None else ["--jobs", str(jobs)]
+        wall, peak, _ = measured([*command, "--quiet", "-o", str(args.folder / "m.npz")], pythonpath)
+        threads = "default --jobs" if jobs is None else f"--jobs {jobs}"
+        print(f"{name:14} {threads:15} wall {wall:6.2f} s (fit + {wall - fit:5.2f} s)  peak RSS {peak:6.0f} MiB")
     print(f"load average after: {os.getloadavg()[0]:.2f}")
 
 
