@@ -73,6 +73,10 @@ class CsvTable:
         self._rows = CsvRows(path)
         self.n_columns = self._rows.n_columns
 
+    @property
+    def first_row(self):
+        return self._rows.first
+
     def take_header(self, feature_columns):
         return self._rows.take_header(feature_columns)
 
@@ -213,6 +217,10 @@ class ParquetTable:
         self.n_columns = len(self._names)
         if self.n_columns == 0:
             raise ValueError(f"{path}: the file holds no columns")
+
+    @property
+    def first_row(self):
+        return self._names
 
     def take_header(self, feature_columns):
         return self._names

@@ -172,14 +172,17 @@ def train(args):
     with _open_data(args.data) as rows:
         layout.check_columns(rows.n_columns, args.data)
         class_column = rows.n_columns - 1 if layout.class_column is None else layout.class_column
+        weight_column = _set_weight_column_aside(args.weight_column, layout, rows, class_column)
         columns = _feature_columns(layout, rows, class_column)
         header = rows.take_header(columns)
         feature_names = [layout.feature_names.get(c, header[c].strip() if header else "") for c in columns]
         class_column_name = header[class_column].strip() if header else ""
         _refuse_repeated_names([*feature_names, class_column_name], [*columns, class_column], args.data)
-        X, classes, rows_class = rows.training_data(columns, class_column)
+        read = columns + ([] if weight_column is None else [weight_column])
+        X, classes, rows_class = rows.training_data(read, class_column)
     if not len(X):
         raise CommandError(f"{args.data}: the file holds a header but no rows")
+    X, weights = (X, None) if weight_column is None else (X[:, :-1], X[:, -1])
     codes, class_names = _encode_classes(classes, layout, args.data)
     y = codes[rows_class]
     model = RandomForestClassifier(
@@ -190,9 +193,12 @@ def train(args):
         n_jobs=args.jobs,
         random_state=args.seed,
         verbose=0 if args.quiet or not sys.stderr.isatty() else 1,
+        min_samples_leaf=_min_samples_leaf(args.min_samples_leaf),
+        oob_score=args.oob,
+        class_weight=args.class_weight,
     )
     try:
-        model.fit(X, y)
+        model.fit(X, y, sample_weight=weights)
     except (RuntimeError, MemoryError) as error:
         raise CommandError(f"cannot learn {args.trees} trees: {error}") from None
     _save_model(model, output, feature_names, class_names, class_column_name)
@@ -200,6 +206,33 @@ def train(args):
         f"learnt {args.trees} trees on {X.shape[0]} rows and {X.shape[1]} features; saved {args.output}",
         file=sys.stderr,
     )
+    if args.oob:
+        print(f"out-of-bag accuracy: {model.oob_score_:.4f}")
+
+
+def _set_weight_column_aside(text, layout, rows, class_column):
+    """The CSV column of --weight-column (a column number, or a name in the
+    description's feature names or the header), now left out of the
+    features; None without the option."""
+    if text is None:
+        return None
+    if text.isascii() and text.isdigit():
+        column = int(text)
+    else:
+        names = {
+            **{field.strip(): c for c, field in enumerate(rows.first_row)},
+            **{n: c for c, n in layout.feature_names.items()},
+        }
+        if text not in names:
+            raise CommandError(f"--weight-column {text!r} names no column of {rows.path}")
+        column = names[text]
+    if column >= rows.n_columns or column == class_column or column in layout.ignored:
+        raise CommandError(
+            f"--weight-column {text} is not a feature column of {rows.path} (it is the class column, ignored, or "
+            f"beyond its {rows.n_columns} columns)"
+        )
+    layout.ignored.add(column)
+    return column
 
 
 def _feature_columns(layout, rows, class_column):
@@ -216,6 +249,17 @@ def _refuse_repeated_names(names, columns, path):
     for name, column in zip(names, columns):
         if name and first.setdefault(name, column) != column:
             raise CommandError(f"{path}: columns {first[name]} and {column} are both named {name!r}")
+
+
+def _min_samples_leaf(text):
+    if text == "pairs":
+        return text
+    for kind in (int, float):
+        try:
+            return kind(text)
+        except ValueError:
+            pass
+    raise CommandError(f"--min-samples-leaf must be a count, a fraction or pairs, not {text!r}")
 
 
 def _max_features(text):
@@ -243,6 +287,7 @@ def predict(args):
 
     def write(temp):
         with _open_data(args.data) as rows, open(temp, "w", newline="", encoding="utf-8") as out:
+            _set_weight_column_aside(args.weight_column, layout, rows, layout.class_column)
             columns = _columns_to_predict(rows, layout, feature_names, class_column_name)
             writer = csv.writer(out)
             if args.proba:
@@ -358,6 +403,10 @@ def build_parser():
     p.add_argument("--jobs", type=int, default=-1, help="threads (default -1: all cores)")
     p.add_argument("--seed", type=int, default=None, help="seed, for a reproducible forest")
     p.add_argument("--quiet", action="store_true", help="no progress bar (shown only on a terminal)")
+    p.add_argument("--min-samples-leaf", default="1", help="fewest in-bag samples per leaf: N, a fraction or pairs")
+    p.add_argument("--class-weight", choices=["balanced"], help="weigh classes inversely to their frequency")
+    p.add_argument("--weight-column", help="column of sample weights (a column number or name), not a feature")
+    p.add_argument("--oob", action="store_true", help="print the out-of-bag accuracy after training")
     p.add_argument("-o", "--output", required=True, help="model file to write (.npz)")
     p.set_defaults(run=train)
 
@@ -366,6 +415,7 @@ def build_parser():
     p.add_argument("data", help="CSV file, Parquet file or folder of rows to predict")
     p.add_argument("--description", help="description file of the CSV file")
     p.add_argument("--proba", action="store_true", help="write one probability per class instead of the class")
+    p.add_argument("--weight-column", help="column to leave out, as in velmot train")
     p.add_argument("-o", "--output", required=True, help="CSV file to write")
     p.set_defaults(run=predict)
 

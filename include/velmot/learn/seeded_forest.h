@@ -8,13 +8,15 @@
 // count, any schedule and any split into blocks of trees, and the call
 // touches no process-wide state: no pool, no lock.
 //
-// Steps: check the input (before any thread starts); hand trees out to the
+// Steps: check the input (before any thread starts) and build the weighted
+// draws, if any, once; hand trees out to the
 // workers one at a time (for_each_index, defs/parallel.h: a dynamic
 // schedule, since trees differ in size, and a forked child runs the
 // workers' shares on the calling thread); for each
-// tree draw its sample, grow it with learn_tree, flatten it into
-// ForestArrays and add its in-bag counts and impurities; record its
-// normalised importances. Trees are joined in tree order after the region.
+// tree draw its sample, grow it with learn_tree while recording its nodes'
+// in-bag counts and impurities, flatten it into ForestArrays (and, if asked,
+// add its out-of-bag votes); record its normalised importances. Trees are
+// joined in tree order after the region.
 //
 // Progress: trees_done grows by one per finished tree; setting cancel makes
 // the workers skip the trees they have not started (the result is then
@@ -28,6 +30,7 @@
 
 #include "velmot/dataset/bootstrap.h"
 #include "velmot/dataset/node_sample.h"
+#include "velmot/dataset/weighted_bootstrap.h"
 #include "velmot/defs/exception.h"
 #include "velmot/defs/int32_limits.h"
 #include "velmot/defs/parallel.h"
@@ -36,6 +39,7 @@
 #include "velmot/learn/learn_tree.h"
 #include "velmot/learn/learning_progress.h"
 #include "velmot/learn/node_statistics.h"
+#include "velmot/learn/out_of_bag.h"
 #include "velmot/learn/training_set.h"
 #include "velmot/stats/label_accumulator.h"
 
@@ -48,7 +52,11 @@ struct SeededForestSettings {
   double sample_prop = 1.0;
   int fte_per_split = 0;
   int max_depth = 0;
-  int min_leaf_size = 1;
+  GrowthLimits limits;      // the defaults are the library's growth rule
+  bool out_of_bag = false;  // tally out-of-bag votes (learn/out_of_bag.h)
+  // One weight per instance, drawn in proportion to
+  // (dataset/weighted_bootstrap.h); empty for uniform draws.
+  std::vector<double> sample_weights;
   int num_threads = 1;
 };
 
@@ -57,6 +65,8 @@ struct SeededForest {
   // Row j (num_features entries) holds the normalised importances of tree
   // first_tree + j; all NaN for a tree without an informative split.
   std::vector<double> tree_importances;
+  // With out_of_bag: instance i's votes for class c at i * num_classes + c.
+  std::vector<int32_t> oob_votes;
   bool cancelled = false;
 };
 
@@ -78,6 +88,9 @@ void check_seeded_forest_input(const TrainingSet<F>& set, const SeededForestSett
     throw Exception("the trees to learn must be a range [first, last) of non-negative indices");
   }
   if (settings.num_threads < 1) throw Exception("the thread count must be at least 1");
+  if (!settings.sample_weights.empty() && settings.sample_weights.size() != ni) {
+    throw Exception("there must be one sample weight per instance");
+  }
   for (size_t i = 0; i < ni; ++i) {
     const int label = data.get_label(i);
     if (label < 0 || static_cast<size_t>(label) >= data.get_num_classes()) {
@@ -97,19 +110,26 @@ SeededForest learn_seeded_forest(const TrainingSet<F>& set, const SeededForestSe
   std::vector<ForestArrays> trees(static_cast<size_t>(num_trees));
   SeededForest forest;
   forest.tree_importances.assign(static_cast<size_t>(num_trees) * nf, 0.0);
+  const WeightedDraws draws(settings.sample_weights);
+  OutOfBagVotes oob;
+  if (settings.out_of_bag) oob = OutOfBagVotes(data.get_num_instances(), data.get_num_classes());
 
   for_each_index(num_trees, settings.num_threads, [&](int64_t j, const Worker&) {
     if (progress.cancel.load(std::memory_order_relaxed)) return;
     XorShiftRNG rng = tree_generator(settings.seed, static_cast<uint64_t>(settings.first_tree + j));
-    IndexedDataSet<D> sample = random_subset_iid(&data, settings.sample_prop, rng);
+    IndexedDataSet<D> sample = weighted_subset_iid(&data, settings.sample_prop, draws, rng);
     sample.ranks = &set.ranks;
     std::vector<double> importances(nf, 0.0);
-    std::unique_ptr<Node<int>> root(grow_tree(sample, settings.fte_per_split, settings.max_depth,
-                                              settings.min_leaf_size, criteria, true, importances, rng));
+    NodeStatistics statistics(impurity_measure_of<Criterion>());
+    std::unique_ptr<Node<int>> root(grow_tree(sample, settings.fte_per_split, settings.max_depth, settings.limits,
+                                              criteria, true, importances, rng,
+                                              [&statistics](const auto& histogram) { statistics(histogram); }));
     ForestArrays& tree = trees[static_cast<size_t>(j)];
     tree = flatten_tree(*root);
     root.reset();
-    fill_node_statistics(tree, data, sample.indices, impurity_measure_of<Criterion>());
+    tree.count.swap(statistics.count);
+    tree.impurity.swap(statistics.impurity);
+    if (settings.out_of_bag) oob.add_tree(tree, data, sample.indices);
     std::copy(importances.begin(), importances.end(), forest.tree_importances.begin() + j * static_cast<int64_t>(nf));
     progress.trees_done.fetch_add(1, std::memory_order_relaxed);
   });
@@ -122,6 +142,7 @@ SeededForest learn_seeded_forest(const TrainingSet<F>& set, const SeededForestSe
     forest.trees.append(tree);
     tree = ForestArrays();
   }
+  if (settings.out_of_bag) forest.oob_votes = oob.tally();
   return forest;
 }
 

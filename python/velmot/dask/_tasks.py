@@ -14,6 +14,7 @@ from .._features import (
     feature_major_with_constant_row,
     upper_medians,
 )
+from .._forest import weighed_medians
 from .._learning import learn_trees, prepare
 
 
@@ -42,7 +43,7 @@ def summarize_partition(X_part, y_part):
         return {"n_samples": 0}
     return {
         "n_samples": len(y),
-        "classes": np.unique(y),
+        **dict(zip(("classes", "class_counts"), np.unique(y, return_counts=True))),
         "medians": upper_medians(X),
         "present": np.count_nonzero(~np.isnan(X), axis=0) if X.dtype.kind == "f" else np.full(X.shape[1], len(y)),
     }
@@ -55,9 +56,10 @@ def summarize_partition(X_part, y_part):
 _worker_preparations = {}
 
 
-def learn_block(features, labels, *, n_classes, first_tree, last_tree, seed, settings):
+def learn_block(features, labels, sample_weight=None, *, n_classes, first_tree, last_tree, seed, settings):
     """Trees [first_tree, last_tree) of the forest of ``seed`` from a
-    scattered training set: (ForestNodes, importance rows)."""
+    scattered training set: (ForestNodes, importance rows, out-of-bag votes
+    or None)."""
     key = id(features)
     data = _worker_preparations.get(key)
     if data is None:
@@ -65,19 +67,28 @@ def learn_block(features, labels, *, n_classes, first_tree, last_tree, seed, set
         # Dropped with the matrix, before its id can be reused.
         weakref.finalize(features, _worker_preparations.pop, key, None)
         _worker_preparations[key] = data
-    return learn_trees(data, first_tree=first_tree, last_tree=last_tree, seed=seed, settings=settings)
+    return learn_trees(
+        data, first_tree=first_tree, last_tree=last_tree, seed=seed, settings=settings, sample_weight=sample_weight
+    )
 
 
-def learn_partition(X_part, y_part, classes, *, first_tree, last_tree, seed, settings):
+def learn_partition(X_part, y_part, classes, *, first_tree, last_tree, seed, settings, class_factors=None):
     """Trees [first_tree, last_tree) of the forest of ``seed``, learnt from
-    one partition."""
+    one partition, and the partition's label codes."""
     X, y = partition_data(X_part, y_part)
-    features = feature_major_with_constant_row(X) if settings.all_features else feature_major(X)
     # Codes over the global classes: a partition lacking a class still
     # learns with the forest's class count.
     labels = np.searchsorted(classes, y).astype(np.int32)
+    weights = None if class_factors is None else class_factors[labels]
+    if weights is not None and not np.any(weights > 0):
+        raise ValueError("every sample of a partition weighs 0 under class_weight; weigh its classes above 0.")
+    X, _ = weighed_medians(X, weights)
+    features = feature_major_with_constant_row(X) if settings.all_features else feature_major(X)
     data = prepare(features, labels, n_classes=len(classes), settings=settings)
-    return learn_trees(data, first_tree=first_tree, last_tree=last_tree, seed=seed, settings=settings)
+    trees = learn_trees(
+        data, first_tree=first_tree, last_tree=last_tree, seed=seed, settings=settings, sample_weight=weights
+    )
+    return (*trees, labels)
 
 
 def predict_block(block, forest, method):
