@@ -10,6 +10,7 @@ from sklearn.utils.multiclass import check_classification_targets
 from sklearn.utils.validation import check_is_fitted, validate_data
 
 from . import _core
+from ._export_explain import ExportExplainMixin
 from ._features import (
     as_module_dtype,
     check_splittable,
@@ -27,7 +28,7 @@ from ._settings import MAX_INT32, PAIRS, POOL_SIZE, resolve_settings, thread_cou
 from ._weights import sample_weights
 
 
-class RandomForestClassifier(ClassifierMixin, BaseEstimator):
+class RandomForestClassifier(ClassifierMixin, ExportExplainMixin, BaseEstimator):
     """A random forest classifier: bootstrapped, fully grown binary trees.
 
     Each tree is learnt from its own bootstrap sample; at every node a random
@@ -409,67 +410,6 @@ class RandomForestClassifier(ClassifierMixin, BaseEstimator):
         >>> velmot.load("forest.npz").predict(X)  # doctest: +SKIP
         """
         write_model_file(path, *self._to_model())
-
-    def shap_values(self, X, *, return_expected_value=False):
-        """Exact Shapley values of ``predict_proba`` for each sample (TreeSHAP).
-
-        Each tree's path-dependent TreeSHAP values, with the in-bag sample
-        counts of its nodes as the data's distribution, averaged over the
-        trees. NaN is filled with the training medians, as in ``predict``.
-
-        Parameters
-        ----------
-        X : array-like of shape (n_samples, n_features)
-            Samples, converted by the same rule as in ``fit``.
-        return_expected_value : bool, default=False
-            Also return the expected value: the vote fractions before any
-            feature is known.
-
-        Returns
-        -------
-        values : ndarray of shape (n_samples, n_features, n_classes)
-            Each feature's contribution to each class's vote fraction.
-        expected_value : ndarray of shape (n_classes,)
-            Only with ``return_expected_value``. For every sample,
-            ``expected_value + values.sum(axis=1)`` is ``predict_proba``.
-
-        Examples
-        --------
-        >>> values, base = forest.shap_values(X[:5], return_expected_value=True)  # doctest: +SKIP
-        >>> np.allclose(base + values.sum(axis=1), forest.predict_proba(X[:5]))  # doctest: +SKIP
-        True
-        """
-        from ._shap import expected_value, shap_values
-
-        check_is_fitted(self)
-        X = validate_data(self, X, reset=False, dtype="numeric", ensure_all_finite="allow-nan")
-        samples = fill_missing(as_module_dtype(X), self._missing_value_fill_)
-        values = shap_values(self, samples, threads_for_call(thread_count(self.n_jobs)))
-        return (values, expected_value(self)) if return_expected_value else values
-
-    def to_onnx(self, path):
-        """Write the fitted forest as an ONNX graph (needs ``velmot[onnx]``).
-
-        The graph's input ``X`` is double, shape (n_samples, n_features);
-        it fills NaN with the training medians, sends a value equal to a
-        threshold right, and gives ``label`` and ``probabilities`` (float32
-        vote fractions) as ``predict`` and ``predict_proba`` do.
-
-        Parameters
-        ----------
-        path : str or path-like
-            The ``.onnx`` file, written through a temporary file and a rename.
-
-        Examples
-        --------
-        >>> forest.to_onnx("forest.onnx")  # doctest: +SKIP
-        >>> session = onnxruntime.InferenceSession("forest.onnx")  # doctest: +SKIP
-        >>> labels, proba = session.run(None, {"X": X.astype(np.float64)})  # doctest: +SKIP
-        """
-        from ._onnx import write_onnx
-
-        check_is_fitted(self)
-        write_onnx(self, path)
 
     def __sklearn_tags__(self):
         tags = super().__sklearn_tags__()
