@@ -51,14 +51,15 @@ inline double impurity_of(const int64_t* tally, const std::vector<int>& classes,
 }
 
 // Sends the instances position[0 .. n) (ascending, distinct; weight[p] goes
-// with position[p], and weight may be empty) down the one tree in `tree`,
+// with position[p], and weight may be empty) down the one tree in `tree`
+// (node arrays of any leaf value),
 // node by node in its breadth-first order: visit(node, first, last) sees
 // the node's slice [first, last) of position and weight before the node's
 // split partitions it stably (a value below the threshold goes left), so
 // every slice stays ascending and each column is read forwards.
-template <class D, class Visit>
-void send_down_tree(const ForestArrays& tree, const D& data, std::vector<uint32_t>& position,
-                    std::vector<uint32_t>& weight, Visit&& visit) {
+template <class Tree, class D, class Visit>
+void send_down_tree(const Tree& tree, const D& data, std::vector<uint32_t>& position, std::vector<uint32_t>& weight,
+                    Visit&& visit) {
   const size_t num_nodes = tree.num_nodes();
   const bool weighted = !weight.empty();
   std::vector<size_t> begin(num_nodes, 0), end(num_nodes, 0);
