@@ -17,13 +17,14 @@ from tqdm import tqdm
 
 from . import _core
 from ._fork import threads_for_call
-from ._nodes import ForestNodes
+from ._nodes import ForestNodes, RegressionNodes
 
 CRITERION_NAMES = {
     "gini": "gini",
     "entropy": "infogain",
     "log_loss": "infogain",
     "gain_ratio": "gainratio",
+    "squared_error": "squared_error",
 }
 
 
@@ -41,7 +42,8 @@ def prepare(features, labels, *, n_classes, settings):
     """The training set prepared once for any number of learning calls.
 
     ``features`` is feature-major in one of the four element types,
-    ``labels`` int32 codes below n_classes."""
+    ``labels`` int32 codes below n_classes, or float64 targets with
+    n_classes 0."""
     return _core.TrainingData(features, labels, n_classes, threads_for_call(settings.n_threads))
 
 
@@ -62,7 +64,8 @@ def learn_trees(data, *, first_tree, last_tree, seed, settings, on_progress=None
         on_progress=on_progress,
     )
     importances = result.pop("importances")
-    return ForestNodes(**result), importances
+    nodes = RegressionNodes if settings.criterion == "squared_error" else ForestNodes
+    return nodes(**result), importances
 
 
 def learn_forest(features, labels, *, n_classes, n_trees, settings, random_state, verbose):
