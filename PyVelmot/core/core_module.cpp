@@ -3,14 +3,21 @@
 // package checks parameters before calling; this layer checks only what
 // it needs to stay memory-safe and says what is wrong.
 //
-//   TrainingData(X, y, n_classes, n_threads)      X: (n_features, n_samples)
+//   TrainingData(X, y, n_classes, n_threads)      X: (n_features, n_samples);
+//                                                 y: int32 codes, or float64
+//                                                 targets with n_classes 0
 //   learn(data, criterion, seed, first_tree, last_tree, sample_prop,
 //         features_per_split, max_depth, n_threads, on_progress,
 //         min_leaf_size, min_samples_leaf, min_impurity_decrease,
-//         out_of_bag, sample_weight) -> dict (with out_of_bag: "oob_votes", n_samples x n_classes)
+//         out_of_bag, sample_weight) -> dict
+//         (criterion "squared_error" for targets, the others for codes; with
+//         out_of_bag, "oob_counts" and for targets "oob_sums": see
+//         out_of_bag_entries)
 //   predict(forest dict, X, n_classes, n_threads, proba) -> codes or vote fractions
+//   predict_mean(forest dict, X, n_threads) -> a regression forest's predictions
 //   apply(forest dict, X, n_classes, n_threads) -> leaf per sample and tree
 //   decision_path(forest dict, X, n_classes, n_threads) -> (row starts, nodes)
+//         (n_classes 0 for a regression forest)
 //
 // Library failures arrive as ValueError with the library's own message;
 // element types as TypeError, shapes as ValueError.
@@ -23,6 +30,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include "array_checks.h"
@@ -32,6 +40,7 @@
 #include "velmot/defs/exception.h"
 #include "velmot/learn/forest_arrays_layout.h"
 #include "velmot/learn/forest_classifier.h"
+#include "velmot/learn/forest_regressor.h"
 #include "velmot/learn/forest_walk.h"
 #include "velmot/learn/seeded_forest.h"
 
@@ -48,10 +57,47 @@ py::array_t<T> to_numpy(std::vector<T>& values) {
   return array;
 }
 
-template <class Criterion>
-Velmot::SeededForest learn_with(const TrainingData& data, const Velmot::SeededForestSettings& settings,
-                                Velmot::LearningProgress& progress) {
-  return data.visit([&](const auto& set) { return Velmot::learn_seeded_forest(set, settings, Criterion(), progress); });
+// Learns with Criterion when the data's labels are L (int codes for the
+// classification criteria, double targets for squared error).
+template <class L, class Criterion>
+Velmot::SeededForestOf<L> learn_with(const TrainingData& data, const Velmot::SeededForestSettings& settings,
+                                     Velmot::LearningProgress& progress) {
+  return data.visit([&](const auto& set) -> Velmot::SeededForestOf<L> {
+    if constexpr (std::is_same<typename std::decay_t<decltype(set.data)>::label_type, L>::value) {
+      return Velmot::learn_seeded_forest(set, settings, Criterion(), progress);
+    } else {
+      throw py::value_error("criterion 'squared_error' needs float64 targets, the others int32 class codes");
+    }
+  });
+}
+
+// The node arrays and per-tree importances of a forest, with its out-of-bag
+// estimates if it made them: for class codes "oob_votes" (n_samples x
+// n_classes), for targets "oob_counts" (out-of-bag trees per sample) and
+// "oob_sums" (the sums of their predictions).
+template <class L>
+py::dict forest_dict(Velmot::SeededForestOf<L>& forest, int64_t num_trees, size_t num_features, int64_t num_samples) {
+  Velmot::NodeArrays<L>& trees = forest.trees;
+  py::dict result;
+  result["offsets"] = to_numpy(trees.offsets);
+  result["left"] = to_numpy(trees.left);
+  result["right"] = to_numpy(trees.right);
+  result["feature"] = to_numpy(trees.feature);
+  result["threshold"] = to_numpy(trees.threshold);
+  result["value"] = to_numpy(trees.value);
+  result["count"] = to_numpy(trees.count);
+  result["impurity"] = to_numpy(trees.impurity);
+  py::array_t<double> importances = to_numpy(forest.tree_importances);
+  result["importances"] = importances.reshape({num_trees, static_cast<int64_t>(num_features)});
+  if (forest.oob_counts.empty()) return result;
+  py::array_t<int32_t> counts = to_numpy(forest.oob_counts);
+  if constexpr (std::is_integral<L>::value) {
+    result["oob_votes"] = counts.reshape({num_samples, static_cast<int64_t>(counts.size()) / num_samples});
+  } else {
+    result["oob_counts"] = counts;
+    result["oob_sums"] = to_numpy(forest.oob_sums);
+  }
+  return result;
 }
 
 // The growth limits count in-bag samples (learn/growth_limits.h); their
@@ -88,44 +134,29 @@ py::dict learn(const TrainingData& data, const std::string& criterion, uint64_t 
   const double draws =
       sample_prop * static_cast<double>(data.num_samples()) * static_cast<double>(last_tree - first_tree);
   settings.num_threads = draws < one_thread_draws ? 1 : num_threads;
+  Velmot::LearningProgress progress;
+  if (criterion == "squared_error") {
+    Velmot::SeededRegressionForest forest;
+    PyVelmot::core::run_released([&]() { forest = learn_with<double, Velmot::SquaredError>(data, settings, progress); },
+                                 progress, on_progress);
+    return forest_dict(forest, last_tree - first_tree, data.num_features(), static_cast<int64_t>(data.num_samples()));
+  }
   Velmot::SeededForest (*learner)(const TrainingData&, const Velmot::SeededForestSettings&, Velmot::LearningProgress&) =
       nullptr;
-  if (criterion == "gini") learner = learn_with<Velmot::TwoSplitGiniImpurity>;
-  if (criterion == "infogain") learner = learn_with<Velmot::TwoSplitInfoGain>;
-  if (criterion == "gainratio") learner = learn_with<Velmot::TwoSplitGainRatio>;
-  if (learner == nullptr) throw py::value_error("criterion must be 'gini', 'infogain' or 'gainratio'");
+  if (criterion == "gini") learner = learn_with<int, Velmot::TwoSplitGiniImpurity>;
+  if (criterion == "infogain") learner = learn_with<int, Velmot::TwoSplitInfoGain>;
+  if (criterion == "gainratio") learner = learn_with<int, Velmot::TwoSplitGainRatio>;
+  if (learner == nullptr) throw py::value_error("criterion must be 'gini', 'infogain', 'gainratio' or 'squared_error'");
 
-  Velmot::LearningProgress progress;
   Velmot::SeededForest forest;
   PyVelmot::core::run_released([&]() { forest = learner(data, settings, progress); }, progress, on_progress);
-
-  Velmot::ForestArrays& trees = forest.trees;
-  py::dict result;
-  result["offsets"] = to_numpy(trees.offsets);
-  result["left"] = to_numpy(trees.left);
-  result["right"] = to_numpy(trees.right);
-  result["feature"] = to_numpy(trees.feature);
-  result["threshold"] = to_numpy(trees.threshold);
-  result["value"] = to_numpy(trees.value);
-  result["count"] = to_numpy(trees.count);
-  result["impurity"] = to_numpy(trees.impurity);
-  py::array_t<double> importances = to_numpy(forest.tree_importances);
-  result["importances"] = importances.reshape({last_tree - first_tree, static_cast<int64_t>(data.num_features())});
-  if (out_of_bag) {
-    py::array_t<int32_t> votes = to_numpy(forest.oob_votes);
-    result["oob_votes"] =
-        votes.reshape({static_cast<int64_t>(data.num_samples()), static_cast<int64_t>(data.num_classes())});
-  }
-  return result;
+  return forest_dict(forest, last_tree - first_tree, data.num_features(), static_cast<int64_t>(data.num_samples()));
 }
 
-// A forest dict's node arrays, read in place and checked for walks.
-struct ForestEntries {
-  py::array offsets, left, right, feature, threshold, value;
-  Velmot::ForestArraysView view;
-};
-
-ForestEntries forest_entries(const py::dict& forest, int64_t num_classes) {
+// A forest dict's node arrays, viewed in place and checked for their
+// element types and lengths; the leaf values are Value.
+template <class Value>
+Velmot::NodeArraysView<Value> node_arrays_of(const py::dict& forest) {
   using PyVelmot::core::vector_of;
   auto entry = [&](const char* name) -> py::array {
     if (!forest.contains(name)) throw py::value_error(std::string("the forest has no '") + name + "' array");
@@ -133,31 +164,39 @@ ForestEntries forest_entries(const py::dict& forest, int64_t num_classes) {
     if (!array) throw py::type_error(std::string("the forest's '") + name + "' entry must be a numpy array");
     return array;
   };
-  ForestEntries e{
-      entry("offsets"), entry("left"), entry("right"), entry("feature"), entry("threshold"), entry("value"), {}};
-  Velmot::ForestArraysView& view = e.view;
-  view.offsets = vector_of<int64_t>(e.offsets, "offsets");
-  view.left = vector_of<int32_t>(e.left, "left");
-  view.right = vector_of<int32_t>(e.right, "right");
-  view.feature = vector_of<int32_t>(e.feature, "feature");
-  view.threshold = vector_of<double>(e.threshold, "threshold");
-  view.value = vector_of<int32_t>(e.value, "value");
-  if (e.offsets.shape(0) < 1) throw py::value_error("offsets must hold at least one entry");
-  view.num_trees = static_cast<size_t>(e.offsets.shape(0) - 1);
-  view.num_nodes = static_cast<size_t>(e.left.shape(0));
-  for (const py::array* row : {&e.right, &e.feature, &e.threshold, &e.value}) {
-    if (row->shape(0) != e.left.shape(0)) throw py::value_error("the forest's node arrays differ in length");
+  const py::array offsets = entry("offsets"), left = entry("left"), right = entry("right"), feature = entry("feature"),
+                  threshold = entry("threshold"), value = entry("value");
+  Velmot::NodeArraysView<Value> view;
+  view.offsets = vector_of<int64_t>(offsets, "offsets");
+  view.left = vector_of<int32_t>(left, "left");
+  view.right = vector_of<int32_t>(right, "right");
+  view.feature = vector_of<int32_t>(feature, "feature");
+  view.threshold = vector_of<double>(threshold, "threshold");
+  view.value = vector_of<Value>(value, "value");
+  if (offsets.shape(0) < 1) throw py::value_error("offsets must hold at least one entry");
+  view.num_trees = static_cast<size_t>(offsets.shape(0) - 1);
+  view.num_nodes = static_cast<size_t>(left.shape(0));
+  for (const py::array* row : {&right, &feature, &threshold, &value}) {
+    if (row->shape(0) != left.shape(0)) throw py::value_error("the forest's node arrays differ in length");
   }
-  if (num_classes < 1 || num_classes > 2147483645) throw py::value_error("n_classes must be in [1, 2147483645]");
-  Velmot::check_forest_arrays(e.view, static_cast<size_t>(num_classes));
-  return e;
+  return view;
+}
+
+// The samples X (n_samples, n_features) as a data set of F, read in place.
+template <class F>
+Velmot::DisNativeArrayDataSet<F, int> samples_of(const py::array& samples, int64_t num_classes) {
+  static const int placeholder_label = 0;
+  return Velmot::DisNativeArrayDataSet<F, int>(
+      static_cast<const unsigned char*>(samples.data()), &placeholder_label, static_cast<size_t>(samples.shape(0)),
+      static_cast<size_t>(samples.shape(1)), static_cast<size_t>(num_classes), static_cast<size_t>(samples.strides(0)),
+      static_cast<size_t>(samples.strides(1)), 0);
 }
 
 // Calls body(value_of) with value_of(i, f) reading sample i's feature f of
 // X (n_samples, n_features, any strides) as a double, after checking that
 // the forest's splits test features X has.
-template <class Body>
-void with_sample_values(const py::array& samples, const Velmot::ForestArraysView& view, Body&& body) {
+template <class Value, class Body>
+void with_sample_values(const py::array& samples, const Velmot::NodeArraysView<Value>& view, Body&& body) {
   PyVelmot::core::require_ndim(samples, "X", 2);
   Velmot::check_walk_features(view, static_cast<size_t>(samples.shape(1)));
   const auto* base = static_cast<const unsigned char*>(samples.data());
@@ -172,16 +211,33 @@ void with_sample_values(const py::array& samples, const Velmot::ForestArraysView
   });
 }
 
+// Calls walk(view) with the checked node arrays of a classification forest
+// (n_classes >= 1) or of a regression forest (n_classes 0).
+template <class Walk>
+void with_walkable_forest(const py::dict& forest, int64_t num_classes, int num_threads, Walk&& walk) {
+  if (num_classes < 0 || num_classes > 2147483645) throw py::value_error("n_classes must be in [0, 2147483645]");
+  if (num_threads < 1) throw py::value_error("n_threads must be at least 1");
+  if (num_classes == 0) {
+    const Velmot::RegressionForestArraysView view = node_arrays_of<double>(forest);
+    Velmot::check_forest_arrays(view, 0);
+    walk(view);
+  } else {
+    const Velmot::ForestArraysView view = node_arrays_of<int32_t>(forest);
+    Velmot::check_forest_arrays(view, static_cast<size_t>(num_classes));
+    walk(view);
+  }
+}
+
 // The leaf each sample of X reaches in each tree: int32, (n_samples, n_trees).
 py::array_t<int32_t> apply(const py::dict& forest, const py::array& samples, int64_t num_classes, int num_threads) {
-  const ForestEntries entries = forest_entries(forest, num_classes);
-  if (num_threads < 1) throw py::value_error("n_threads must be at least 1");
   py::array_t<int32_t> leaves;
-  with_sample_values(samples, entries.view, [&](const auto& value_of) {
-    leaves = py::array_t<int32_t>({samples.shape(0), static_cast<py::ssize_t>(entries.view.num_trees)});
-    int32_t* out = leaves.mutable_data();
-    py::gil_scoped_release released;
-    Velmot::find_leaves(entries.view, static_cast<size_t>(samples.shape(0)), value_of, num_threads, out);
+  with_walkable_forest(forest, num_classes, num_threads, [&](const auto& view) {
+    with_sample_values(samples, view, [&](const auto& value_of) {
+      leaves = py::array_t<int32_t>({samples.shape(0), static_cast<py::ssize_t>(view.num_trees)});
+      int32_t* out = leaves.mutable_data();
+      py::gil_scoped_release released;
+      Velmot::find_leaves(view, static_cast<size_t>(samples.shape(0)), value_of, num_threads, out);
+    });
   });
   return leaves;
 }
@@ -189,12 +245,12 @@ py::array_t<int32_t> apply(const py::dict& forest, const py::array& samples, int
 // Every sample's nodes, as (row starts, forest-wide node numbers) of a
 // sparse indicator matrix.
 py::tuple decision_path(const py::dict& forest, const py::array& samples, int64_t num_classes, int num_threads) {
-  const ForestEntries entries = forest_entries(forest, num_classes);
-  if (num_threads < 1) throw py::value_error("n_threads must be at least 1");
   Velmot::DecisionPaths paths;
-  with_sample_values(samples, entries.view, [&](const auto& value_of) {
-    py::gil_scoped_release released;
-    paths = Velmot::find_decision_paths(entries.view, static_cast<size_t>(samples.shape(0)), value_of, num_threads);
+  with_walkable_forest(forest, num_classes, num_threads, [&](const auto& view) {
+    with_sample_values(samples, view, [&](const auto& value_of) {
+      py::gil_scoped_release released;
+      paths = Velmot::find_decision_paths(view, static_cast<size_t>(samples.shape(0)), value_of, num_threads);
+    });
   });
   return py::make_tuple(to_numpy(paths.rows), to_numpy(paths.nodes));
 }
@@ -203,9 +259,10 @@ py::tuple decision_path(const py::dict& forest, const py::array& samples, int64_
 // fractions (proba true: float64, n_samples x n_classes) of a forest of
 // node arrays for X (n_samples, n_features), through the forest predictor.
 py::array predict(const py::dict& forest, const py::array& samples, int64_t num_classes, int num_threads, bool proba) {
-  const ForestEntries entries = forest_entries(forest, num_classes);
-  const Velmot::ForestArraysView& view = entries.view;
+  const Velmot::ForestArraysView view = node_arrays_of<int32_t>(forest);
   PyVelmot::core::require_ndim(samples, "X", 2);
+  if (num_classes < 1 || num_classes > 2147483645) throw py::value_error("n_classes must be in [1, 2147483645]");
+  Velmot::check_forest_arrays(view, static_cast<size_t>(num_classes));
   if (num_threads < 1) throw py::value_error("n_threads must be at least 1");
   const py::ssize_t num_samples = samples.shape(0);
   if (proba && num_samples * num_classes * py::ssize_t(sizeof(double)) > 2147483647) {
@@ -216,11 +273,7 @@ py::array predict(const py::dict& forest, const py::array& samples, int64_t num_
   void* out_data = out.mutable_data();
   PyVelmot::core::with_feature_type(samples, "X", [&](auto type) {
     typedef decltype(type) F;
-    const int placeholder_label = 0;
-    const Velmot::DisNativeArrayDataSet<F, int> data(
-        static_cast<const unsigned char*>(samples.data()), &placeholder_label, static_cast<size_t>(num_samples),
-        static_cast<size_t>(samples.shape(1)), static_cast<size_t>(num_classes),
-        static_cast<size_t>(samples.strides(0)), static_cast<size_t>(samples.strides(1)), 0);
+    const Velmot::DisNativeArrayDataSet<F, int> data = samples_of<F>(samples, num_classes);
     py::gil_scoped_release released;
     omp_set_num_threads(num_threads);
     Velmot::ForestPredictor<int> predictor(static_cast<int>(num_classes));
@@ -235,6 +288,25 @@ py::array predict(const py::dict& forest, const py::array& samples, int64_t num_
       predictor.predict(data, labels);
       std::copy(labels.begin(), labels.end(), static_cast<int32_t*>(out_data));
     }
+  });
+  return out;
+}
+
+// The predictions of a regression forest of node arrays (float64 leaf
+// values) for X (n_samples, n_features): each the mean of its trees' leaves.
+py::array_t<double> predict_mean(const py::dict& forest, const py::array& samples, int num_threads) {
+  const Velmot::RegressionForestArraysView view = node_arrays_of<double>(forest);
+  PyVelmot::core::require_ndim(samples, "X", 2);
+  if (num_threads < 1) throw py::value_error("n_threads must be at least 1");
+  Velmot::check_forest_arrays(view, 0);
+  py::array_t<double> out(samples.shape(0));
+  double* means = out.mutable_data();
+  PyVelmot::core::with_feature_type(samples, "X", [&](auto type) {
+    typedef decltype(type) F;
+    const Velmot::DisNativeArrayDataSet<F, int> data = samples_of<F>(samples, 0);
+    py::gil_scoped_release released;
+    omp_set_num_threads(num_threads);
+    Velmot::predict_means(Velmot::flat_forest_of(view), data, means);
   });
   return out;
 }
@@ -270,6 +342,8 @@ PYBIND11_MODULE(_core, m) {
   m.def("predict", &predict, py::arg("forest"), py::arg("X"), py::arg("n_classes"), py::arg("n_threads"),
         py::arg("proba"),
         "Class codes (or, with proba, vote fractions) of a forest of node arrays for X (n_samples, n_features).");
+  m.def("predict_mean", &predict_mean, py::arg("forest"), py::arg("X"), py::arg("n_threads"),
+        "The mean leaf value of a regression forest of node arrays for each sample of X (n_samples, n_features).");
   m.def("apply", &apply, py::arg("forest"), py::arg("X"), py::arg("n_classes"), py::arg("n_threads"),
         "The leaf (node number within its tree) each sample of X reaches in each tree: (n_samples, n_trees).");
   m.def("decision_path", &decision_path, py::arg("forest"), py::arg("X"), py::arg("n_classes"), py::arg("n_threads"),

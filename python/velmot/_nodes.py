@@ -40,8 +40,11 @@ class ForestNodes:
     count: np.ndarray
     impurity: np.ndarray
 
+    # A leaf's value: a class index here, a mean target in RegressionNodes.
+    _VALUE_DTYPE = np.int32
+
     def __post_init__(self):
-        for name, dtype in _DTYPES.items():
+        for name, dtype in {**_DTYPES, "value": self._VALUE_DTYPE}.items():
             object.__setattr__(self, name, np.ascontiguousarray(getattr(self, name), dtype=dtype))
 
     @property
@@ -71,3 +74,11 @@ class ForestNodes:
         starts = np.concatenate([[0], np.cumsum(sizes[:-1], dtype=np.int64)])
         offsets = np.concatenate([[0]] + [part.offsets[1:] + start for part, start in zip(parts, starts)])
         return cls(offsets, *(np.concatenate([getattr(part, name) for part in parts]) for name in list(_DTYPES)[1:]))
+
+
+@dataclass(frozen=True, eq=False)
+class RegressionNodes(ForestNodes):
+    """A regression forest's nodes: ``value`` is a leaf's mean in-bag target
+    (float64; -2 at a split), ``impurity`` the node's mean squared error."""
+
+    _VALUE_DTYPE = np.float64

@@ -17,7 +17,8 @@
 // Impurity of a node with class shares p_c: Gini, 1 - sum p_c^2, for the
 // Gini criterion; entropy in bits, -sum p_c log2 p_c, for the criteria built
 // on information (information gain, gain ratio); terms added in class
-// order. 0 for a node no instance reaches.
+// order. Of a regression node: the mean squared error of its labels around
+// their mean. 0 for a node no instance reaches.
 
 #include <algorithm>
 #include <cmath>
@@ -28,6 +29,7 @@
 
 #include "velmot/learn/forest_arrays.h"
 #include "velmot/stats/criteria.h"
+#include "velmot/stats/squared_error.h"
 
 namespace Velmot {
 
@@ -97,11 +99,13 @@ void send_down_tree(const Tree& tree, const D& data, std::vector<uint32_t>& posi
 
 // Fills count and impurity of the one tree in `tree` (as learn_tree grew
 // it: breadth-first, every node reachable) from the sample `indices`
-// (instance numbers of D, repeats included). D is a MemoryDataSet with
-// labels in [0, num_classes).
-template <class D, class Index>
-void fill_node_statistics(ForestArrays& tree, const D& data, const std::vector<Index>& indices,
-                          ImpurityMeasure measure) {
+// (instance numbers of D, repeats included). D is a MemoryDataSet;
+// impurity(position, weight, first, last, total) gives the impurity of the
+// instances position[first, last) with their weights and sets total to
+// their weight.
+template <class Value, class D, class Index, class Impurity>
+void fill_node_statistics_by(NodeArrays<Value>& tree, const D& data, const std::vector<Index>& indices,
+                             Impurity&& impurity) {
   const size_t num_nodes = tree.num_nodes();
   const size_t ni = data.get_num_instances();
   std::vector<uint32_t> position, weight;
@@ -125,24 +129,59 @@ void fill_node_statistics(ForestArrays& tree, const D& data, const std::vector<I
       }
     }
   }
-  std::vector<int64_t> tally(data.get_num_classes(), 0);
-  std::vector<int> classes;
   tree.count.assign(num_nodes, 0);
   tree.impurity.assign(num_nodes, 0.0);
   send_down_tree(tree, data, position, weight, [&](size_t node, size_t first, size_t last) {
     int64_t total = 0;
-    classes.clear();
-    for (size_t p = first; p < last; ++p) {
-      const int label = data.get_label(position[p]);
-      if (tally[static_cast<size_t>(label)] == 0) classes.push_back(label);
-      tally[static_cast<size_t>(label)] += weight[p];
-      total += weight[p];
-    }
-    std::sort(classes.begin(), classes.end());
+    tree.impurity[node] = impurity(position, weight, first, last, total);
     tree.count[node] = total;
-    tree.impurity[node] = impurity_of(tally.data(), classes, total, measure);
-    for (const int c : classes) tally[static_cast<size_t>(c)] = 0;
   });
+}
+
+// The same for a classification tree: D's labels lie in [0, num_classes).
+template <class D, class Index>
+void fill_node_statistics(ForestArrays& tree, const D& data, const std::vector<Index>& indices,
+                          ImpurityMeasure measure) {
+  std::vector<int64_t> tally(data.get_num_classes(), 0);
+  std::vector<int> classes;
+  fill_node_statistics_by(tree, data, indices,
+                          [&](const std::vector<uint32_t>& position, const std::vector<uint32_t>& weight, size_t first,
+                              size_t last, int64_t& total) {
+                            classes.clear();
+                            for (size_t p = first; p < last; ++p) {
+                              const int label = data.get_label(position[p]);
+                              if (tally[static_cast<size_t>(label)] == 0) classes.push_back(label);
+                              tally[static_cast<size_t>(label)] += weight[p];
+                              total += weight[p];
+                            }
+                            std::sort(classes.begin(), classes.end());
+                            const double result = impurity_of(tally.data(), classes, total, measure);
+                            for (const int c : classes) tally[static_cast<size_t>(c)] = 0;
+                            return result;
+                          });
+}
+
+// The same for a regression tree: each node's mean squared error, as the
+// grower measures it (stats/squared_error.h).
+template <class D, class Index>
+void fill_node_statistics(RegressionForestArrays& tree, const D& data, const std::vector<Index>& indices) {
+  fill_node_statistics_by(tree, data, indices,
+                          [&](const std::vector<uint32_t>& position, const std::vector<uint32_t>& weight, size_t first,
+                              size_t last, int64_t& total) {
+                            struct Slice {
+                              const D& data;
+                              const uint32_t* position;
+                              const uint32_t* weight;
+                              size_t n;
+                              size_t get_num_instances() const { return n; }
+                              double get_label(size_t i) const { return data.get_label(position[i]); }
+                              uint32_t get_weight(size_t i) const { return weight[i]; }
+                            };
+                            SquaredErrorStatistics stats;
+                            stats.count(Slice{data, position.data() + first, weight.data() + first, last - first});
+                            total = static_cast<int64_t>(stats.total());
+                            return stats.mean_squared_error();
+                          });
 }
 
 }  // namespace Velmot

@@ -13,6 +13,10 @@
 //     so a finished tree's predictions wait until every earlier tree's are
 //     added, and trees are added in tree order; only the trees that finish
 //     ahead of an unfinished one wait, a few with a dynamic schedule.
+// OutOfBagOf<L> is the one for labels of type L. Both offer
+// add_tree(j, tree, data, indices) for tree j of the call and
+// take(counts, sums): the votes (n x classes) and no sums, or the trees per
+// instance and the sums.
 //
 // A tree's out-of-bag instances go down it as its in-bag ones do for the
 // node statistics (send_down_tree, learn/node_statistics.h): slice by slice,
@@ -24,6 +28,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -62,7 +67,7 @@ public:
   // `indices` (instance numbers of data, repeats included), for every
   // instance the sample missed. Safe to call from several threads at once.
   template <class D, class Index>
-  void add_tree(const ForestArrays& tree, const D& data, const std::vector<Index>& indices) {
+  void add_tree(int64_t /*j*/, const ForestArrays& tree, const D& data, const std::vector<Index>& indices) {
     std::vector<uint32_t> position = out_of_bag_detail::missed_by(indices, num_instances), no_weight;
     send_down_tree(tree, data, position, no_weight, [&](size_t node, size_t first, size_t last) {
       // A split, or the bare root of an empty sample, casts no vote.
@@ -75,10 +80,9 @@ public:
   }
 
   // The tally, row-major: instance i's votes for class c at i * num_classes + c.
-  std::vector<int32_t> tally() const {
-    std::vector<int32_t> out(num_instances * num_classes);
-    for (size_t v = 0; v < out.size(); ++v) out[v] = votes[v].load(std::memory_order_relaxed);
-    return out;
+  void take(std::vector<int32_t>& counts, std::vector<double>& /*sums*/) const {
+    counts.resize(num_instances * num_classes);
+    for (size_t v = 0; v < counts.size(); ++v) counts[v] = votes[v].load(std::memory_order_relaxed);
   }
 
 private:
@@ -90,7 +94,7 @@ private:
 class OutOfBagMeans {
 public:
   OutOfBagMeans() = default;
-  explicit OutOfBagMeans(size_t num_instances) : sums(num_instances, 0.0), counts(num_instances, 0) {}
+  OutOfBagMeans(size_t num_instances, size_t /*num_classes*/) : sums(num_instances, 0.0), counts(num_instances, 0) {}
 
   // Adds the predictions of tree j (counted from 0 in the call's trees),
   // the one tree in `tree` (leaf values in `value`), grown from the sample
@@ -116,10 +120,12 @@ public:
     }
   }
 
-  // Per instance, the sum of its out-of-bag trees' predictions and their
-  // number.
-  const std::vector<double>& prediction_sums() const { return sums; }
-  const std::vector<int32_t>& tree_counts() const { return counts; }
+  // Per instance, its out-of-bag trees' number and the sum of their
+  // predictions.
+  void take(std::vector<int32_t>& tree_counts, std::vector<double>& prediction_sums) {
+    tree_counts.swap(counts);
+    prediction_sums.swap(sums);
+  }
 
 private:
   std::vector<double> sums;
@@ -128,6 +134,9 @@ private:
   int64_t added = 0;  // trees added so far: 0 .. added - 1
   std::map<int64_t, std::vector<std::pair<uint32_t, double>>> waiting;
 };
+
+template <class L>
+using OutOfBagOf = typename std::conditional<std::is_integral<L>::value, OutOfBagVotes, OutOfBagMeans>::type;
 
 }  // namespace Velmot
 

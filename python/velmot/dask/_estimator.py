@@ -383,7 +383,7 @@ class RandomForestClassifier(LocalRandomForestClassifier):
         check_classification_targets(y)
         settings = resolve_settings(self, *X.shape)
         classes, codes = np.unique(y, return_inverse=True)
-        weights = sample_weights(sample_weight, self.class_weight, X, classes, codes)
+        weights = sample_weights(sample_weight, X, self._class_factors(classes, codes))
         X = as_module_dtype(X)
         check_splittable(X)
         X, medians = weighed_medians(X, weights)
@@ -432,7 +432,8 @@ class RandomForestClassifier(LocalRandomForestClassifier):
                     client.cancel(data)
         nodes, importances, votes = _joined(blocks)
         self._set_fitted(classes, nodes, importances, medians)
-        self._set_out_of_bag(votes, codes)
+        if votes is not None:
+            self._set_out_of_bag({"oob_votes": votes}, classes, codes)
 
     def _fit_partition_wise(self, client, X, y):
         X, y, n_features = aligned_partitions(X, y)
@@ -503,7 +504,8 @@ class RandomForestClassifier(LocalRandomForestClassifier):
         medians = combined_medians([summaries[i] for i in used], n_features)
         nodes, importances, votes = _joined(blocks, stacked=True)
         self._set_fitted(classes, nodes, importances, medians)
-        self._set_out_of_bag(votes, None if votes is None else np.concatenate([block[3] for block in blocks]))
+        if votes is not None:
+            self._set_out_of_bag({"oob_votes": votes}, classes, np.concatenate([block[3] for block in blocks]))
 
     def _checked_partition_size(self, summary, index):
         n_samples = summary["n_samples"]
@@ -561,7 +563,7 @@ def _joined(blocks, stacked=False):
     partition-wise (stacked) each block votes on its own partition's rows,
     which follow one another."""
     importances = mean_importances(np.concatenate([block[1] for block in blocks]))
-    votes = [block[2] for block in blocks]
+    votes = [None if block[2] is None else block[2]["oob_votes"] for block in blocks]
     if votes[0] is None:
         joined = None
     elif stacked:
