@@ -116,7 +116,7 @@ def test_targets_offset_by_a_million_give_the_same_splits():
 def test_held_out_r2_is_close_to_scikit_learns(data):
     X_train, X_test, y_train, y_test = train_test_split(*data(return_X_y=True), random_state=0)
     scores = [
-        model(n_estimators=100, random_state=0).fit(X_train, y_train).score(X_test, y_test)
+        model(n_estimators=100, n_jobs=2, random_state=0).fit(X_train, y_train).score(X_test, y_test)
         for model in (RandomForestRegressor, ScikitRegressor)
     ]
     assert abs(scores[0] - scores[1]) < 0.02
