@@ -52,7 +52,7 @@ class ForestEstimator(BaseEstimator):
     ``_encode_targets(y) -> (fitted targets, core labels, n_classes)``,
     ``_set_task_fitted(targets)``, ``_task_arrays()`` and
     ``_task_from_model(arrays)`` (the model file's task-specific entries),
-    and ``_LEAF_CLASSES(targets)`` (the class count leaves are checked
+    and ``_leaf_classes(targets)`` (the class count leaves are checked
     against, None for real values).
     """
 
@@ -192,7 +192,7 @@ class ForestEstimator(BaseEstimator):
         except (ValueError, TypeError) as error:
             raise ValueError(f"damaged velmot forest file: {error}") from None
         targets = cls._task_from_model(arrays)
-        trees = split_trees(arrays["nodes"], arrays["tree_sizes"], n_features, cls._LEAF_CLASSES(targets))
+        trees = split_trees(arrays["nodes"], arrays["tree_sizes"], n_features, cls._leaf_classes(targets))
         check(len(trees) == forest.n_estimators, "the number of trees differs from n_estimators")
         forest.n_features_in_ = n_features
         if "feature_names" in arrays:
@@ -414,7 +414,7 @@ class RandomForestClassifier(ClassifierMixin, ForestEstimator):
         return classes
 
     @staticmethod
-    def _LEAF_CLASSES(classes):
+    def _leaf_classes(classes):
         return len(classes)
 
 

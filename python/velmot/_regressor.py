@@ -144,5 +144,5 @@ class RandomForestRegressor(RegressorMixin, ForestEstimator):
         return None
 
     @staticmethod
-    def _LEAF_CLASSES(targets):
+    def _leaf_classes(targets):
         return None
