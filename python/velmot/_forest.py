@@ -66,7 +66,7 @@ class ForestEstimator(BaseEstimator):
     ``_encode_targets(y) -> (fitted targets, core labels, n_classes)``,
     ``_set_task_fitted(targets)``, ``_task_arrays()`` and
     ``_task_from_model(arrays)`` (the model file's task-specific entries),
-    ``_LEAF_CLASSES(targets)`` (the class count leaves are checked
+    ``_leaf_classes(targets)`` (the class count leaves are checked
     against, None for real values), ``_class_factors(targets, labels)``
     (per-sample class weights or None) and
     ``_set_out_of_bag(out_of_bag, targets, labels)``.
@@ -118,11 +118,16 @@ class ForestEstimator(BaseEstimator):
             sample_weight=weights,
         )
         self._set_fitted(targets, nodes, importances, medians)
+        self._fit_out_of_bag(out_of_bag, targets, labels)
+        return self
+
+    def _fit_out_of_bag(self, out_of_bag, targets, labels):
+        """The out-of-bag attributes of a fit whose learning made out_of_bag
+        (None: the fit has none)."""
         for name in ("oob_score_", "oob_decision_function_", "oob_prediction_"):
             self.__dict__.pop(name, None)
         if out_of_bag is not None:
             self._set_out_of_bag(out_of_bag, targets, labels)
-        return self
 
     def _set_fitted(self, targets, nodes, importances, missing_value_fill):
         n_features = self.n_features_in_
@@ -204,7 +209,7 @@ class ForestEstimator(BaseEstimator):
         """(forest, samples, n_classes or 0 for real values, n_threads) of a
         core call that walks the trees over X."""
         samples, n_threads = self._prepared_samples(X)
-        return self.nodes_.as_dict(), samples, self._LEAF_CLASSES(getattr(self, "classes_", None)) or 0, n_threads
+        return self.nodes_.as_dict(), samples, self._leaf_classes(getattr(self, "classes_", None)) or 0, n_threads
 
     def _prepared_samples(self, X):
         """X checked against the fit, in a dtype the core reads, NaN filled,
@@ -263,7 +268,7 @@ class ForestEstimator(BaseEstimator):
         except (ValueError, TypeError) as error:
             raise ValueError(f"damaged velmot forest file: {error}") from None
         targets = cls._task_from_model(arrays)
-        trees = split_trees(arrays["nodes"], arrays["tree_sizes"], n_features, cls._LEAF_CLASSES(targets))
+        trees = split_trees(arrays["nodes"], arrays["tree_sizes"], n_features, cls._leaf_classes(targets))
         check(len(trees) == forest.n_estimators, "the number of trees differs from n_estimators")
         forest.n_features_in_ = n_features
         if "feature_names" in arrays:
@@ -558,7 +563,7 @@ class RandomForestClassifier(ClassifierMixin, ForestEstimator):
         return classes
 
     @staticmethod
-    def _LEAF_CLASSES(classes):
+    def _leaf_classes(classes):
         return len(classes)
 
 

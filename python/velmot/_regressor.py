@@ -183,5 +183,5 @@ class RandomForestRegressor(RegressorMixin, ForestEstimator):
         return None
 
     @staticmethod
-    def _LEAF_CLASSES(targets):
+    def _leaf_classes(targets):
         return None
