@@ -61,8 +61,10 @@ class RandomForestRegressor(RegressorMixin, ForestEstimator):
         A node with fewer in-bag samples becomes a leaf.
     min_samples_leaf : int, float or "pairs", default=1
         The fewest in-bag samples a leaf may hold; "pairs" is the library's
-        own rule, as for the classifier. 1, as in scikit-learn and as the
-        classifier's default.
+        own rule, as for the classifier. The default is 1, as in scikit-learn
+        and for the classifier: on 100,000 x 40 Friedman #1 data (100 trees,
+        2 seeds, bench/leaf_rule.py) it gave R^2 0.9247 against 0.9241, for
+        2.7 times as many nodes per tree.
     min_impurity_decrease : float, default=0.0
         A split is kept only if its decrease in squared error, divided by
         the tree's in-bag samples, reaches this value.
