@@ -7,10 +7,15 @@
 //                                                 y: int32 codes, or float64
 //                                                 targets with n_classes 0
 //   learn(data, criterion, seed, first_tree, last_tree, sample_prop,
-//         features_per_split, max_depth, n_threads, on_progress) -> dict
+//         features_per_split, max_depth, n_threads, on_progress,
+//         min_leaf_size, min_samples_leaf, min_impurity_decrease,
+//         out_of_bag, sample_weight) -> dict (with out_of_bag: "oob_votes", n_samples x n_classes)
 //         (criterion "squared_error" for targets, the others for codes)
 //   predict(forest dict, X, n_classes, n_threads, proba) -> codes or vote fractions
 //   predict_mean(forest dict, X, n_threads) -> a regression forest's predictions
+//   apply(forest dict, X, n_classes, n_threads) -> leaf per sample and tree
+//   decision_path(forest dict, X, n_classes, n_threads) -> (row starts, nodes)
+//   shap_values(forest dict, X, n_outputs, n_threads) -> Shapley values
 //
 // Library failures arrive as ValueError with the library's own message;
 // element types as TypeError, shapes as ValueError.
@@ -27,22 +32,22 @@
 #include <vector>
 
 #include "array_checks.h"
+#include "forest_view.h"
 #include "released_run.h"
+#include "shap_values.h"
 #include "training_data.h"
 #include "velmot/dataset/native_array_dataset.h"
 #include "velmot/defs/exception.h"
 #include "velmot/learn/forest_arrays_layout.h"
 #include "velmot/learn/forest_classifier.h"
 #include "velmot/learn/forest_regressor.h"
+#include "velmot/learn/forest_walk.h"
 #include "velmot/learn/seeded_forest.h"
 
 namespace py = pybind11;
 using PyVelmot::core::TrainingData;
 
 namespace {
-
-// Trees end where fewer than two instances remain, as in every learner.
-constexpr int min_leaf_size = 1;
 
 template <class T>
 py::array_t<T> to_numpy(std::vector<T>& values) {
@@ -67,7 +72,7 @@ Velmot::SeededForestOf<L> learn_with(const TrainingData& data, const Velmot::See
 }
 
 template <class L>
-py::dict forest_dict(Velmot::SeededForestOf<L>& forest, int64_t num_trees, size_t num_features) {
+py::dict forest_dict(Velmot::SeededForestOf<L>& forest, int64_t num_trees, const TrainingData& data, bool out_of_bag) {
   Velmot::NodeArrays<L>& trees = forest.trees;
   py::dict result;
   result["offsets"] = to_numpy(trees.offsets);
@@ -79,13 +84,21 @@ py::dict forest_dict(Velmot::SeededForestOf<L>& forest, int64_t num_trees, size_
   result["count"] = to_numpy(trees.count);
   result["impurity"] = to_numpy(trees.impurity);
   py::array_t<double> importances = to_numpy(forest.tree_importances);
-  result["importances"] = importances.reshape({num_trees, static_cast<int64_t>(num_features)});
+  result["importances"] = importances.reshape({num_trees, static_cast<int64_t>(data.num_features())});
+  if (out_of_bag) {
+    py::array_t<int32_t> votes = to_numpy(forest.oob_votes);
+    result["oob_votes"] =
+        votes.reshape({static_cast<int64_t>(data.num_samples()), static_cast<int64_t>(data.num_classes())});
+  }
   return result;
 }
 
+// The growth limits count in-bag samples (learn/growth_limits.h); their
+// defaults are the library's growth rule.
 py::dict learn(const TrainingData& data, const std::string& criterion, uint64_t seed, int64_t first_tree,
                int64_t last_tree, double sample_prop, int features_per_split, int max_depth, int num_threads,
-               const py::object& on_progress) {
+               const py::object& on_progress, int min_leaf_size, int64_t min_samples_leaf, double min_impurity_decrease,
+               bool out_of_bag, const py::object& sample_weight) {
   Velmot::SeededForestSettings settings;
   settings.seed = seed;
   settings.first_tree = first_tree;
@@ -93,7 +106,18 @@ py::dict learn(const TrainingData& data, const std::string& criterion, uint64_t 
   settings.sample_prop = sample_prop;
   settings.fte_per_split = features_per_split;
   settings.max_depth = max_depth;
-  settings.min_leaf_size = min_leaf_size;
+  if (min_samples_leaf < 0) throw py::value_error("min_samples_leaf must be 0 (the library's rule) or more");
+  if (!(min_impurity_decrease >= 0.0)) throw py::value_error("min_impurity_decrease must be 0 or more");
+  settings.limits.min_leaf_size = min_leaf_size;
+  settings.limits.leaf.min_side = min_samples_leaf;
+  settings.limits.min_impurity_decrease = min_impurity_decrease;
+  settings.out_of_bag = out_of_bag;
+  if (!sample_weight.is_none()) {
+    const py::array weights = py::array::ensure(sample_weight);
+    if (!weights) throw py::type_error("sample_weight must be a numpy array or None");
+    const double* values = PyVelmot::core::vector_of<double>(weights, "sample_weight");
+    settings.sample_weights.assign(values, values + weights.shape(0));
+  }
   // A fit this small runs on one thread: starting a team and waiting at its
   // closing barrier would cost more than the trees, and far more where
   // another process holds a core (100 trees on breast cancer's 569 samples,
@@ -108,7 +132,7 @@ py::dict learn(const TrainingData& data, const std::string& criterion, uint64_t 
     Velmot::SeededRegressionForest forest;
     PyVelmot::core::run_released([&]() { forest = learn_with<double, Velmot::SquaredError>(data, settings, progress); },
                                  progress, on_progress);
-    return forest_dict(forest, last_tree - first_tree, data.num_features());
+    return forest_dict(forest, last_tree - first_tree, data, out_of_bag);
   }
   Velmot::SeededForest (*learner)(const TrainingData&, const Velmot::SeededForestSettings&, Velmot::LearningProgress&) =
       nullptr;
@@ -119,67 +143,85 @@ py::dict learn(const TrainingData& data, const std::string& criterion, uint64_t 
 
   Velmot::SeededForest forest;
   PyVelmot::core::run_released([&]() { forest = learner(data, settings, progress); }, progress, on_progress);
-  return forest_dict(forest, last_tree - first_tree, data.num_features());
+  return forest_dict(forest, last_tree - first_tree, data, out_of_bag);
 }
 
-// A forest dict's node arrays, viewed in place and checked for their
-// element types and lengths; the leaf values are Value.
-template <class Value>
-Velmot::NodeArraysView<Value> node_arrays_of(const py::dict& forest) {
-  using PyVelmot::core::vector_of;
-  auto entry = [&](const char* name) -> py::array {
-    if (!forest.contains(name)) throw py::value_error(std::string("the forest has no '") + name + "' array");
-    py::array array = py::array::ensure(forest[name]);
-    if (!array) throw py::type_error(std::string("the forest's '") + name + "' entry must be a numpy array");
-    return array;
-  };
-  const py::array offsets = entry("offsets"), left = entry("left"), right = entry("right"), feature = entry("feature"),
-                  threshold = entry("threshold"), value = entry("value");
-  Velmot::NodeArraysView<Value> view;
-  view.offsets = vector_of<int64_t>(offsets, "offsets");
-  view.left = vector_of<int32_t>(left, "left");
-  view.right = vector_of<int32_t>(right, "right");
-  view.feature = vector_of<int32_t>(feature, "feature");
-  view.threshold = vector_of<double>(threshold, "threshold");
-  view.value = vector_of<Value>(value, "value");
-  if (offsets.shape(0) < 1) throw py::value_error("offsets must hold at least one entry");
-  view.num_trees = static_cast<size_t>(offsets.shape(0) - 1);
-  view.num_nodes = static_cast<size_t>(left.shape(0));
-  for (const py::array* row : {&right, &feature, &threshold, &value}) {
-    if (row->shape(0) != left.shape(0)) throw py::value_error("the forest's node arrays differ in length");
-  }
-  return view;
+// A forest dict's node arrays, read in place and checked for walks.
+PyVelmot::core::HeldForest checked_forest(const py::dict& forest, int64_t num_classes) {
+  PyVelmot::core::HeldForest held = PyVelmot::core::forest_arrays_view(forest);
+  if (num_classes < 1 || num_classes > 2147483645) throw py::value_error("n_classes must be in [1, 2147483645]");
+  Velmot::check_forest_arrays(held.view, static_cast<size_t>(num_classes));
+  return held;
 }
 
-// The samples X (n_samples, n_features) as a data set of F, read in place.
-template <class F>
-Velmot::DisNativeArrayDataSet<F, int> samples_of(const py::array& samples, int64_t num_classes) {
-  static const int placeholder_label = 0;
-  return Velmot::DisNativeArrayDataSet<F, int>(
-      static_cast<const unsigned char*>(samples.data()), &placeholder_label, static_cast<size_t>(samples.shape(0)),
-      static_cast<size_t>(samples.shape(1)), static_cast<size_t>(num_classes), static_cast<size_t>(samples.strides(0)),
-      static_cast<size_t>(samples.strides(1)), 0);
+// Calls body(value_of) with value_of(i, f) reading sample i's feature f of
+// X (n_samples, n_features, any strides) as a double, after checking that
+// the forest's splits test features X has.
+template <class Body>
+void with_sample_values(const py::array& samples, const Velmot::ForestArraysView& view, Body&& body) {
+  PyVelmot::core::require_ndim(samples, "X", 2);
+  Velmot::check_walk_features(view, static_cast<size_t>(samples.shape(1)));
+  const auto* base = static_cast<const unsigned char*>(samples.data());
+  const size_t sample_stride = static_cast<size_t>(samples.strides(0));
+  const size_t feature_stride = static_cast<size_t>(samples.strides(1));
+  PyVelmot::core::with_feature_type(samples, "X", [&](auto type) {
+    typedef decltype(type) F;
+    body([=](size_t i, int32_t f) {
+      return static_cast<double>(
+          *reinterpret_cast<const F*>(base + i * sample_stride + static_cast<size_t>(f) * feature_stride));
+    });
+  });
+}
+
+// The leaf each sample of X reaches in each tree: int32, (n_samples, n_trees).
+py::array_t<int32_t> apply(const py::dict& forest, const py::array& samples, int64_t num_classes, int num_threads) {
+  const PyVelmot::core::HeldForest held = checked_forest(forest, num_classes);
+  if (num_threads < 1) throw py::value_error("n_threads must be at least 1");
+  py::array_t<int32_t> leaves;
+  with_sample_values(samples, held.view, [&](const auto& value_of) {
+    leaves = py::array_t<int32_t>({samples.shape(0), static_cast<py::ssize_t>(held.view.num_trees)});
+    int32_t* out = leaves.mutable_data();
+    py::gil_scoped_release released;
+    Velmot::find_leaves(held.view, static_cast<size_t>(samples.shape(0)), value_of, num_threads, out);
+  });
+  return leaves;
+}
+
+// Every sample's nodes, as (row starts, forest-wide node numbers) of a
+// sparse indicator matrix.
+py::tuple decision_path(const py::dict& forest, const py::array& samples, int64_t num_classes, int num_threads) {
+  const PyVelmot::core::HeldForest held = checked_forest(forest, num_classes);
+  if (num_threads < 1) throw py::value_error("n_threads must be at least 1");
+  Velmot::DecisionPaths paths;
+  with_sample_values(samples, held.view, [&](const auto& value_of) {
+    py::gil_scoped_release released;
+    paths = Velmot::find_decision_paths(held.view, static_cast<size_t>(samples.shape(0)), value_of, num_threads);
+  });
+  return py::make_tuple(to_numpy(paths.rows), to_numpy(paths.nodes));
 }
 
 // Labels (proba false: int32 codes, ties to the smallest) or vote
 // fractions (proba true: float64, n_samples x n_classes) of a forest of
 // node arrays for X (n_samples, n_features), through the forest predictor.
 py::array predict(const py::dict& forest, const py::array& samples, int64_t num_classes, int num_threads, bool proba) {
-  const Velmot::ForestArraysView view = node_arrays_of<int32_t>(forest);
+  const PyVelmot::core::HeldForest held = checked_forest(forest, num_classes);
+  const Velmot::ForestArraysView& view = held.view;
   PyVelmot::core::require_ndim(samples, "X", 2);
-  if (num_classes < 1 || num_classes > 2147483645) throw py::value_error("n_classes must be in [1, 2147483645]");
   if (num_threads < 1) throw py::value_error("n_threads must be at least 1");
   const py::ssize_t num_samples = samples.shape(0);
   if (proba && num_samples * num_classes * py::ssize_t(sizeof(double)) > 2147483647) {
     throw py::value_error("predict_proba takes at most 2^31 bytes of probabilities per call; pass fewer samples");
   }
-  Velmot::check_forest_arrays(view, static_cast<size_t>(num_classes));
   py::array out = proba ? py::array(py::array_t<double>({num_samples, static_cast<py::ssize_t>(num_classes)}))
                         : py::array(py::array_t<int32_t>(num_samples));
   void* out_data = out.mutable_data();
   PyVelmot::core::with_feature_type(samples, "X", [&](auto type) {
     typedef decltype(type) F;
-    const Velmot::DisNativeArrayDataSet<F, int> data = samples_of<F>(samples, num_classes);
+    const int placeholder_label = 0;
+    const Velmot::DisNativeArrayDataSet<F, int> data(
+        static_cast<const unsigned char*>(samples.data()), &placeholder_label, static_cast<size_t>(num_samples),
+        static_cast<size_t>(samples.shape(1)), static_cast<size_t>(num_classes),
+        static_cast<size_t>(samples.strides(0)), static_cast<size_t>(samples.strides(1)), 0);
     py::gil_scoped_release released;
     omp_set_num_threads(num_threads);
     Velmot::ForestPredictor<int> predictor(static_cast<int>(num_classes));
@@ -201,18 +243,22 @@ py::array predict(const py::dict& forest, const py::array& samples, int64_t num_
 // The predictions of a regression forest of node arrays (float64 leaf
 // values) for X (n_samples, n_features): each the mean of its trees' leaves.
 py::array_t<double> predict_mean(const py::dict& forest, const py::array& samples, int num_threads) {
-  const Velmot::RegressionForestArraysView view = node_arrays_of<double>(forest);
+  const PyVelmot::core::HeldNodeArrays<double> held = PyVelmot::core::forest_arrays_view<double>(forest);
+  Velmot::check_forest_arrays(held.view, 0);
   PyVelmot::core::require_ndim(samples, "X", 2);
   if (num_threads < 1) throw py::value_error("n_threads must be at least 1");
-  Velmot::check_forest_arrays(view, 0);
   py::array_t<double> out(samples.shape(0));
   double* means = out.mutable_data();
   PyVelmot::core::with_feature_type(samples, "X", [&](auto type) {
     typedef decltype(type) F;
-    const Velmot::DisNativeArrayDataSet<F, int> data = samples_of<F>(samples, 0);
+    const int placeholder_label = 0;
+    const Velmot::DisNativeArrayDataSet<F, int> data(
+        static_cast<const unsigned char*>(samples.data()), &placeholder_label, static_cast<size_t>(samples.shape(0)),
+        static_cast<size_t>(samples.shape(1)), 0, static_cast<size_t>(samples.strides(0)),
+        static_cast<size_t>(samples.strides(1)), 0);
     py::gil_scoped_release released;
     omp_set_num_threads(num_threads);
-    Velmot::predict_means(Velmot::flat_forest_of(view), data, means);
+    Velmot::predict_means(Velmot::flat_forest_of(held.view), data, means);
   });
   return out;
 }
@@ -240,10 +286,19 @@ PYBIND11_MODULE(_core, m) {
   m.def("learn", &learn, py::arg("data"), py::kw_only(), py::arg("criterion"), py::arg("seed"), py::arg("first_tree"),
         py::arg("last_tree"), py::arg("sample_prop"), py::arg("features_per_split"), py::arg("max_depth"),
         py::arg("n_threads"), py::arg("on_progress") = py::none(),
+        py::arg("min_leaf_size") = Velmot::GrowthLimits().min_leaf_size,
+        py::arg("min_samples_leaf") = Velmot::GrowthLimits().leaf.min_side,
+        py::arg("min_impurity_decrease") = Velmot::GrowthLimits().min_impurity_decrease, py::arg("out_of_bag") = false,
+        py::arg("sample_weight") = py::none(),
         "Trees [first_tree, last_tree) of the forest of `seed`: a dict of node arrays and per-tree importances.");
   m.def("predict", &predict, py::arg("forest"), py::arg("X"), py::arg("n_classes"), py::arg("n_threads"),
         py::arg("proba"),
         "Class codes (or, with proba, vote fractions) of a forest of node arrays for X (n_samples, n_features).");
   m.def("predict_mean", &predict_mean, py::arg("forest"), py::arg("X"), py::arg("n_threads"),
         "The mean leaf value of a regression forest of node arrays for each sample of X (n_samples, n_features).");
+  m.def("apply", &apply, py::arg("forest"), py::arg("X"), py::arg("n_classes"), py::arg("n_threads"),
+        "The leaf (node number within its tree) each sample of X reaches in each tree: (n_samples, n_trees).");
+  m.def("decision_path", &decision_path, py::arg("forest"), py::arg("X"), py::arg("n_classes"), py::arg("n_threads"),
+        "(row starts, forest-wide node numbers) of the nodes each sample of X passes, tree after tree.");
+  PyVelmot::core::bind_shap_values(m);
 }

@@ -47,10 +47,10 @@ def prepare(features, labels, *, n_classes, settings):
     return _core.TrainingData(features, labels, n_classes, threads_for_call(settings.n_threads))
 
 
-def learn_trees(data, *, first_tree, last_tree, seed, settings, on_progress=None):
+def learn_trees(data, *, first_tree, last_tree, seed, settings, on_progress=None, sample_weight=None):
     """Trees [first_tree, last_tree) of the forest of ``seed``: (ForestNodes,
     per-tree importance rows, NaN rows for trees without an informative
-    split)."""
+    split, out-of-bag votes per sample and class or None)."""
     result = _core.learn(
         data,
         criterion=CRITERION_NAMES[settings.criterion],
@@ -62,25 +62,30 @@ def learn_trees(data, *, first_tree, last_tree, seed, settings, on_progress=None
         max_depth=settings.max_depth,
         n_threads=threads_for_call(settings.n_threads),
         on_progress=on_progress,
+        **settings.controls(),
+        sample_weight=sample_weight,
     )
     importances = result.pop("importances")
+    votes = result.pop("oob_votes", None)
     nodes = RegressionNodes if settings.criterion == "squared_error" else ForestNodes
-    return nodes(**result), importances
+    return nodes(**result), importances, votes
 
 
-def learn_forest(features, labels, *, n_classes, n_trees, settings, random_state, verbose):
-    """Learn n_trees trees in one call: (ForestNodes, importances or None)."""
+def learn_forest(features, labels, *, n_classes, n_trees, settings, random_state, verbose, sample_weight=None):
+    """Learn n_trees trees in one call: (ForestNodes, importances or None,
+    out-of-bag votes or None)."""
     data = prepare(features, labels, n_classes=n_classes, settings=settings)
     with tqdm(total=n_trees, unit="tree", desc="Learning trees", disable=verbose <= 0) as progress:
-        nodes, rows = learn_trees(
+        nodes, rows, votes = learn_trees(
             data,
             first_tree=0,
             last_tree=n_trees,
             seed=forest_seed(random_state),
             settings=settings,
             on_progress=(lambda done: progress.update(done - progress.n)) if verbose > 0 else None,
+            sample_weight=sample_weight,
         )
-    return nodes, mean_importances(rows)
+    return nodes, mean_importances(rows), votes
 
 
 def mean_importances(rows):

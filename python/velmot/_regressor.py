@@ -7,6 +7,7 @@ from sklearn.utils._param_validation import StrOptions
 from . import _core
 from ._forest import FOREST_PARAMETER_CONSTRAINTS, ForestEstimator
 from ._nodes import RegressionNodes
+from ._weights import sample_weights
 
 # Real targets beyond this magnitude would overflow the squared-error sums.
 MAX_TARGET = 1e100
@@ -22,10 +23,12 @@ class RandomForestRegressor(RegressorMixin, ForestEstimator):
     of its in-bag targets (bootstrap copies counted) and the forest the mean
     of its trees' leaves. Trees are learnt on threads in C++.
 
-    The growth rules are the classifier's: bootstrapping is always on; a
-    node whose targets are all equal, or which holds a single instance, is
-    a leaf, and a split is kept only when each side receives at least two
-    instances; there are no sample weights and no out-of-bag estimate.
+    The growth rules and limits are the classifier's: bootstrapping is
+    always on; a node whose targets are all equal is a leaf, and so is one
+    that ``min_samples_split``, ``min_samples_leaf`` or
+    ``min_impurity_decrease`` (a decrease in total squared error over the
+    training set's size) stops; sample weights weigh the bootstrap draws.
+    There is no out-of-bag estimate.
     Missing values (NaN) in X are replaced by each feature's training
     median, at fit and at prediction; infinite values are rejected.
 
@@ -53,6 +56,8 @@ class RandomForestRegressor(RegressorMixin, ForestEstimator):
         ``RandomForestClassifier``.
     verbose : int, default=0
         Above 0, a progress bar is shown while trees are learnt.
+    min_samples_split, min_samples_leaf, min_impurity_decrease
+        As for ``RandomForestClassifier``.
 
     Attributes
     ----------
@@ -98,6 +103,9 @@ class RandomForestRegressor(RegressorMixin, ForestEstimator):
         n_jobs=None,
         random_state=None,
         verbose=0,
+        min_samples_split=2,
+        min_samples_leaf=1,
+        min_impurity_decrease=0.0,
     ):
         self.n_estimators = n_estimators
         self.criterion = criterion
@@ -107,6 +115,9 @@ class RandomForestRegressor(RegressorMixin, ForestEstimator):
         self.n_jobs = n_jobs
         self.random_state = random_state
         self.verbose = verbose
+        self.min_samples_split = min_samples_split
+        self.min_samples_leaf = min_samples_leaf
+        self.min_impurity_decrease = min_impurity_decrease
 
     def predict(self, X):
         """Predict each sample's target: the mean of the trees' leaf values.
@@ -131,7 +142,13 @@ class RandomForestRegressor(RegressorMixin, ForestEstimator):
     def _encode_targets(self, y):
         return None, np.ascontiguousarray(y, dtype=np.float64), 0
 
+    def _sample_weights(self, sample_weight, X, targets, labels):
+        return sample_weights(sample_weight, None, X, None, labels)
+
     def _set_task_fitted(self, targets):
+        pass
+
+    def _set_out_of_bag(self, votes, labels):
         pass
 
     # -- model files -----------------------------------------------------

@@ -35,6 +35,20 @@ class ForestSettings:
     max_depth: int  # 0: no limit
     n_threads: int
     criterion: str
+    # Growth limits in in-bag samples; the defaults are the library's rule.
+    min_leaf_size: int = 1  # a node of at most this many becomes a leaf
+    min_samples_leaf: int = 0  # 0: the library's rule (see PAIRS)
+    min_impurity_decrease: float = 0.0
+    out_of_bag: bool = False  # tally out-of-bag votes while learning
+
+    def controls(self):
+        """The learning call's growth-limit and out-of-bag arguments."""
+        return {
+            "min_leaf_size": self.min_leaf_size,
+            "min_samples_leaf": self.min_samples_leaf,
+            "min_impurity_decrease": self.min_impurity_decrease,
+            "out_of_bag": self.out_of_bag,
+        }
 
 
 def resolve_settings(estimator, n_samples, n_features):
@@ -53,7 +67,24 @@ def resolve_settings(estimator, n_samples, n_features):
         max_depth=0 if estimator.max_depth is None else min(estimator.max_depth, MAX_INT32),
         n_threads=thread_count(estimator.n_jobs),
         criterion=estimator.criterion,
+        min_leaf_size=_samples(estimator.min_samples_split, n_samples, least=2) - 1,
+        min_samples_leaf=0 if estimator.min_samples_leaf == PAIRS else _samples(estimator.min_samples_leaf, n_samples),
+        min_impurity_decrease=float(estimator.min_impurity_decrease),
+        out_of_bag=bool(getattr(estimator, "oob_score", False)),
     )
+
+
+# The min_samples_leaf value of the library's own growth rule: the split
+# search ignores the sizes of a split's sides, and a node keeps its best
+# split only when both children hold two in-bag samples or more.
+PAIRS = "pairs"
+
+
+def _samples(limit, n_samples, least=1):
+    """An int limit as it is (within int32), a fraction of n_samples rounded
+    up, never below ``least``."""
+    count = limit if isinstance(limit, Integral) else math.ceil(limit * n_samples)
+    return int(max(least, min(count, MAX_INT32)))
 
 
 def check_tree_count(n_estimators):

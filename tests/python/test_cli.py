@@ -11,7 +11,7 @@ import numpy as np
 import pytest
 
 import velmot
-from velmot import cli
+from velmot import RandomForestClassifier, cli
 
 EXAMPLES = Path(__file__).resolve().parents[2] / "examples"
 IRIS = [EXAMPLES / "iris.csv", "--description", EXAMPLES / "iris.desc"]
@@ -219,3 +219,32 @@ def test_a_signal_removes_the_temporary_file_with_one_line(iris_model, tmp_path,
     assert run("predict", iris_model, *IRIS, "-o", tmp_path / "out.csv") == 128 + signum
     assert len(capsys.readouterr().err.strip().splitlines()) == 1
     assert leftovers(tmp_path) == [] and not (tmp_path / "out.csv").exists()
+
+
+def test_weights_oob_and_leaf_size_reach_the_forest(tmp_path, capsys):
+    rows = read_rows(EXAMPLES / "iris.csv")
+    data = write_csv(
+        tmp_path / "w.csv", [r[:5] + ["weight" if i == 0 else str(i % 3)] + r[5:] for i, r in enumerate(rows)]
+    )
+    options = ["--oob", "--class-weight", "balanced", "--min-samples-leaf", 3, "--trees", 40, "--seed", 1, "--quiet"]
+    for column in ("weight", 5):
+        assert run("train", data, "--weight-column", column, *options, "-o", tmp_path / f"{column}.npz") == 0
+        assert capsys.readouterr().out.startswith("out-of-bag accuracy: 0.9")
+    table = np.array(read_rows(data)[1:])
+    expected = RandomForestClassifier(n_estimators=40, random_state=1, min_samples_leaf=3, class_weight="balanced")
+    expected.fit(table[:, :5].astype(float), table[:, 6], sample_weight=table[:, 5].astype(float))
+    for column in ("weight", 5):
+        model = cli._load_model(tmp_path / f"{column}.npz")[0]
+        assert all(np.array_equal(a, b, equal_nan=True) for a, b in zip(model.trees_, expected.trees_))
+    assert run("predict", tmp_path / "weight.npz", data, "--weight-column", "weight", "-o", tmp_path / "p.csv") == 0
+    assert "not a feature column" in fails(capsys, "train", data, "--weight-column", 6, "-o", tmp_path / "m.npz")
+    assert "names no column" in fails(capsys, "train", data, "--weight-column", "mass", "-o", tmp_path / "m.npz")
+
+
+def test_inspect_plots_the_importances_or_says_what_is_missing(iris_model, tmp_path, capsys, monkeypatch):
+    assert run("inspect", iris_model, "--plot", tmp_path / "i.png") == 0
+    assert (tmp_path / "i.png").read_bytes().startswith(b"\x89PNG")
+    assert "must name a picture format" in fails(capsys, "inspect", iris_model, "--plot", tmp_path / "i.txt")
+    monkeypatch.setitem(sys.modules, "matplotlib.figure", None)
+    assert "pip install 'velmot[plot]'" in fails(capsys, "inspect", iris_model, "--plot", tmp_path / "j.png")
+    assert leftovers(tmp_path) == [] and not (tmp_path / "j.png").exists()

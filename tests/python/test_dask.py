@@ -146,27 +146,33 @@ def wait_until(condition, what):
 
 class TestScatteredFit:
     @pytest.mark.parametrize(
-        "params, trees_per_block, dtype",
+        "params, trees_per_block, dtype, weights",
         [
-            ({}, None, np.float64),
-            ({"n_jobs": 2, "criterion": "entropy", "max_features": None}, 5, np.float32),
-            ({"max_samples": 0.5, "max_depth": 4, "criterion": "gain_ratio"}, 1, np.int64),
+            ({}, None, np.float64, None),
+            ({"n_jobs": 2, "criterion": "entropy", "max_features": None}, 5, np.float32, None),
+            ({"max_samples": 0.5, "max_depth": 4, "criterion": "gain_ratio"}, 1, np.int64, None),
+            ({"oob_score": True, "class_weight": "balanced", "min_samples_leaf": 3}, 4, np.float64, [0, 1, 2.5]),
         ],
     )
-    def test_forest_equals_the_local_forest(self, client, params, trees_per_block, dtype):
+    @pytest.mark.filterwarnings("ignore:.*no out-of-bag estimate")
+    def test_forest_equals_the_local_forest(self, client, params, trees_per_block, dtype, weights):
         X, y = noisy_data(600)
         X = (X * 10).astype(dtype)
         if dtype != np.int64:
             X[::7, 1] = np.nan
+        sample_weight = None if weights is None else np.resize(weights, len(y))
         forest = velmot.dask.RandomForestClassifier(
             n_estimators=23, random_state=5, client=client, trees_per_block=trees_per_block, **params
         )
-        forest.fit(X, y)
+        forest.fit(X, y, sample_weight=sample_weight)
         # Any block split and thread count: the same forest.
-        local = velmot.RandomForestClassifier(n_estimators=23, random_state=5, **{**params, "n_jobs": 3}).fit(X, y)
+        local = velmot.RandomForestClassifier(n_estimators=23, random_state=5, **{**params, "n_jobs": 3})
+        local.fit(X, y, sample_weight=sample_weight)
         assert_same_forest(forest, local)
         assert np.array_equal(forest._missing_value_fill_, local._missing_value_fill_)
         assert np.array_equal(forest.predict_proba(X), local.predict_proba(X))
+        if "oob_score" in params:
+            assert np.array_equal(forest.oob_decision_function_, local.oob_decision_function_, equal_nan=True)
 
     def test_dask_inputs_are_gathered_keep_feature_names_and_are_predicted_in_order(self, client):
         X, y = noisy_data(400)
@@ -192,9 +198,9 @@ class TestScatteredFit:
         key = id(features)
         _tasks.learn_block(features, labels, n_classes=3, seed=4, **arguments)
         kept = _tasks._worker_preparations[key]
-        reused, _ = _tasks.learn_block(features, labels, n_classes=3, seed=6, **arguments)
+        reused, *_ = _tasks.learn_block(features, labels, n_classes=3, seed=6, **arguments)
         assert _tasks._worker_preparations[key] is kept
-        fresh, _ = learn_trees(prepare(features.copy(), labels, n_classes=3, settings=settings), seed=6, **arguments)
+        fresh, *_ = learn_trees(prepare(features.copy(), labels, n_classes=3, settings=settings), seed=6, **arguments)
         assert all(np.array_equal(a, b, equal_nan=True) for a, b in zip(reused.tree_arrays(), fresh.tree_arrays()))
         del features
         gc.collect()

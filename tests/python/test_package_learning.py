@@ -57,24 +57,29 @@ def test_an_int_seed_gives_the_same_forest_for_any_n_jobs_with_or_without_progre
 
 
 # Digests of package forests on distinct-valued data (a changed digest is a
-# changed forest): sha256 of trees_, node counts and impurities.
+# changed forest): sha256 of trees_, node counts and impurities, under the
+# default leaf limit and under the library's own rule.
 PACKAGE_DIGESTS = {
-    "gini": "801b416653d15b4c4920f29283aa72133ff802e830818e2db7235bc0e56d3643",
-    "entropy": "b226e5d750fe683754fcc8b7b54cd577bf28b336ef39c9dd017cba3647455d83",
-    "gain_ratio": "f0b43a0ff29cdd028373d0ecf96f0ca1794b225966637b42498c94a55ec91749",
+    ("gini", 1): "a0896da88611cc0a8824e6480b1e307cf6859063a22db2e139cf4b56f443d7cb",
+    ("entropy", 1): "fe74c7c94d6ba24da5a00115fa1bcc823c304bbd9fb82a099a37a6348cc9cfa3",
+    ("gain_ratio", 1): "3c1cd19b933c27f8435df02ecc6e1cf6c8ee082426c2acd557070a753849aca4",
+    ("gini", "pairs"): "801b416653d15b4c4920f29283aa72133ff802e830818e2db7235bc0e56d3643",
+    ("entropy", "pairs"): "b226e5d750fe683754fcc8b7b54cd577bf28b336ef39c9dd017cba3647455d83",
+    ("gain_ratio", "pairs"): "f0b43a0ff29cdd028373d0ecf96f0ca1794b225966637b42498c94a55ec91749",
 }
 
 
-@pytest.mark.parametrize("criterion", list(PACKAGE_DIGESTS))
-def test_package_forests_match_their_recorded_digests(criterion):
+@pytest.mark.parametrize("criterion, min_samples_leaf", list(PACKAGE_DIGESTS))
+def test_package_forests_match_their_recorded_digests(criterion, min_samples_leaf):
     rng = np.random.default_rng(28)
     X = rng.permuted(np.tile(np.arange(150.0), (5, 1)), axis=1).T / 7
     y = (X[:, 0] + X[:, 1] > X[:, 2] + 10).astype(int) + (X[:, 3] > 15)
-    forest = RandomForestClassifier(n_estimators=6, criterion=criterion, random_state=2026).fit(X, y)
+    params = dict(n_estimators=6, criterion=criterion, min_samples_leaf=min_samples_leaf, random_state=2026)
+    forest = RandomForestClassifier(**params).fit(X, y)
     digest = hashlib.sha256()
     for array in (*forest.trees_, forest.nodes_.count, forest.nodes_.impurity):
         digest.update(np.ascontiguousarray(array).tobytes())
-    assert digest.hexdigest() == PACKAGE_DIGESTS[criterion]
+    assert digest.hexdigest() == PACKAGE_DIGESTS[criterion, min_samples_leaf]
 
 
 def test_node_counts_add_up_and_the_core_predicts_as_the_module(data):

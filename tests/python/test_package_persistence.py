@@ -200,7 +200,7 @@ def cycle_away_from_the_root(t):
         (lambda t: t.node(2, t.leaf, 1), "leaf carries a feature index"),
         (lambda t: t.node(4, t.split, 1e300), "split label -2"),
         (lambda t: {"metadata": np.array("{params")}, "not JSON"),
-        (lambda t: t.params(oob_score=True), "unexpected estimator parameters"),
+        (lambda t: t.params(warm_start=True), "unexpected estimator parameters"),
         (lambda t: t.params(n_jobs=99), "'n_jobs' parameter"),
         (lambda t: {"feature_importances": t.contents["feature_importances"][:4]}, "feature_importances must be"),
         (lambda t: {"nodes": None}, "missing nodes"),

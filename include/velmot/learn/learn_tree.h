@@ -17,8 +17,9 @@
 // node, a pure or small slice becomes a leaf; otherwise search features
 // (skipping, without counting, features constant on the slice), keep the
 // best with random tie-breaking, partition the slice, credit the
-// importance, and queue two children if both get two instances or more and
-// the depth allows, else make the node a leaf.
+// importance, and queue two children if the growth limits keep the split
+// (learn/growth_limits.h; by default both children need two instances or
+// more) and the depth allows, else make the node a leaf.
 //
 // In all-features mode a feature constant on the slice is chosen again and
 // again: the search does not end. That is the library's deliberate
@@ -56,6 +57,7 @@
 #include "velmot/defs/int32_limits.h"
 #include "velmot/defs/random.h"
 #include "velmot/defs/tracker.h"
+#include "velmot/learn/growth_limits.h"
 #include "velmot/learn/node_labels.h"
 #include "velmot/learn/split_search.h"
 #include "velmot/learn/sweep.h"
@@ -133,7 +135,8 @@ struct SearchWorkspace {
 template <class D, class Criterion>
 Tracker<SplitCandidate<typename D::feature_type>, std::less<double>> search_features(
     const RangeDataSet<IndexedDataSet<D>>& range, NodeLabels<Criterion>& labels, int fte_per_split,
-    const Criterion& criteria, XorShiftRNG& random, DrawnFeatures& drawn, SearchWorkspace<D>& workspace) {
+    const Criterion& criteria, LeafLimit limit, XorShiftRNG& random, DrawnFeatures& drawn,
+    SearchWorkspace<D>& workspace) {
   typedef typename D::feature_type F;
   const int nf = static_cast<int>(range.get_num_features());
   const int k = (fte_per_split >= 1 && fte_per_split < nf) ? fte_per_split : nf;
@@ -166,7 +169,7 @@ Tracker<SplitCandidate<typename D::feature_type>, std::less<double>> search_feat
     }
     double score = 0.0;
     SplitCandidate<F> candidate = sorted.search([&](const auto& input, auto point_of) {
-      const auto split = labels.best_split(input, criteria);
+      const auto split = labels.best_split(input, criteria, limit);
       score = split.score;
       SplitCandidate<F> c;
       c.feature_index = fte;
@@ -214,13 +217,24 @@ size_t partition_by_winner(const RangeDataSet<IndexedDataSet<D>>& range, const S
 
 }  // namespace learn_tree_detail
 
+// A grower's node observer that ignores every node.
+struct IgnoreNodes {
+  template <class A>
+  void operator()(const A&) const {}
+};
+
 // learn_tree without its checks of the input, for callers that checked it
-// once per call (learn_forest, whose check covers every tree's sample).
-// Every random choice draws from `random`.
-template <class D, class Criterion>
+// once per call (learn_forest, whose check covers every tree's sample),
+// under any growth limits (learn/growth_limits.h). Every random choice
+// draws from `random`. on_node(statistics) sees each node's label
+// statistics (NodeLabels::statistics(): a histogram, or squared-error sums;
+// empty for an empty node) once, in the order nodes are processed:
+// breadth-first, the numbering of the tree arrays.
+template <class D, class Criterion, class OnNode = IgnoreNodes>
 Node<typename D::label_type>* grow_tree(const IndexedDataSet<D>& data, int fte_per_split, int max_depth,
-                                        int min_leaf_size, const Criterion& criteria, bool compute_feature_importances,
-                                        std::vector<double>& feature_importances, XorShiftRNG& random) {
+                                        const GrowthLimits& limits, const Criterion& criteria,
+                                        bool compute_feature_importances, std::vector<double>& feature_importances,
+                                        XorShiftRNG& random, OnNode on_node = OnNode()) {
   typedef typename D::label_type L;
   typedef typename D::feature_type F;
   typedef IndexedDataSet<D> I;
@@ -239,6 +253,7 @@ Node<typename D::label_type>* grow_tree(const IndexedDataSet<D>& data, int fte_p
   NodeLabels<Criterion> labels;
   learn_tree_detail::SearchWorkspace<D> workspace;
   std::deque<NodeLearnTask<L>> to_learn;
+  const size_t root_n = data.weight_of(0, data.get_num_instances());
   Node<L>* root = new Node<L>();
   try {
     to_learn.emplace_back(root, -1, 2.2250738585072014e-308, 0, static_cast<int>(indexed_data.get_num_instances()), 0);
@@ -248,20 +263,21 @@ Node<typename D::label_type>* grow_tree(const IndexedDataSet<D>& data, int fte_p
       Node<L>* node = task.node;
       RangeDataSet<I> range(&indexed_data, static_cast<size_t>(task.begin_i), static_cast<size_t>(task.end_i));
 
+      labels.count(range);
+      on_node(labels.statistics());
       if (range.get_num_instances() == 0) {
         node->set_label(static_cast<L>(-2));
         continue;
       }
-      labels.count(range);
       // The node's instances, repeats included.
       const size_t n = labels.total();
-      if (labels.is_pure() || n <= static_cast<size_t>(min_leaf_size)) {
+      if (labels.is_pure() || limits.too_small(n)) {
         node->set_label(static_cast<L>(labels.leaf_value(random)));
         continue;
       }
 
-      const auto winner =
-          learn_tree_detail::search_features(range, labels, fte_per_split, criteria, random, drawn, workspace);
+      const auto winner = learn_tree_detail::search_features(range, labels, fte_per_split, criteria, limits.leaf,
+                                                             random, drawn, workspace);
       int f = -1;
       F t = 0;
       double g = 0.0;
@@ -274,6 +290,10 @@ Node<typename D::label_type>* grow_tree(const IndexedDataSet<D>& data, int fte_p
         split_index =
             task.begin_i + static_cast<int>(learn_tree_detail::partition_by_winner(range, workspace.sorted, best, t));
       }
+      if (!limits.decrease_suffices(g, root_n)) {
+        node->set_label(static_cast<L>(labels.leaf_value(random)));
+        continue;
+      }
       node->set_threshold(static_cast<double>(t));
       node->set_label(static_cast<L>(-2));
       node->set_feature_index(f);
@@ -285,7 +305,7 @@ Node<typename D::label_type>* grow_tree(const IndexedDataSet<D>& data, int fte_p
       const bool depth_allows = !(max_depth > 0 && max_depth < task.depth + 1);
       const size_t left_size =
           indexed_data.weight_of(static_cast<size_t>(task.begin_i), static_cast<size_t>(split_index));
-      if (left_size > 1 && n - left_size > 1 && depth_allows) {
+      if (limits.keeps(left_size, n) && depth_allows) {
         Node<L>* left_child = new Node<L>();
         node->set_left(left_child);
         Node<L>* right_child = new Node<L>();
@@ -310,6 +330,17 @@ Node<typename D::label_type>* grow_tree(const IndexedDataSet<D>& data, int fte_p
     for (double& v : feature_importances) v /= sum;
   }
   return root;
+}
+
+// Under the library's growth rule with the given smallest leaf size.
+template <class D, class Criterion>
+Node<typename D::label_type>* grow_tree(const IndexedDataSet<D>& data, int fte_per_split, int max_depth,
+                                        int min_leaf_size, const Criterion& criteria, bool compute_feature_importances,
+                                        std::vector<double>& feature_importances, XorShiftRNG& random) {
+  GrowthLimits limits;
+  limits.min_leaf_size = min_leaf_size;
+  return grow_tree(data, fte_per_split, max_depth, limits, criteria, compute_feature_importances, feature_importances,
+                   random);
 }
 
 // The same, drawing from the calling worker's pool generator (the pool

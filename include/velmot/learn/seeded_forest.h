@@ -8,17 +8,20 @@
 // count, any schedule and any split into blocks of trees, and the call
 // touches no process-wide state: no pool, no lock.
 //
-// Steps: check the input (before any thread starts); hand trees out to the
+// Steps: check the input (before any thread starts) and build the weighted
+// draws, if any, once; hand trees out to the
 // workers one at a time (for_each_index, defs/parallel.h: a dynamic
 // schedule, since trees differ in size, and a forked child runs the
 // workers' shares on the calling thread); for each
-// tree draw its sample, grow it with learn_tree, flatten it into
-// ForestArrays and add its in-bag counts and impurities; record its
-// normalised importances. Trees are joined in tree order after the region.
+// tree draw its sample, grow it with learn_tree while recording its nodes'
+// in-bag counts and impurities, flatten it into ForestArrays (and, if asked,
+// add its out-of-bag votes); record its normalised importances. Trees are
+// joined in tree order after the region.
 //
 // Labels: class codes (L = int) under a classification criterion, or real
 // targets (L = double) under SquaredError; a regression forest's leaves
-// hold their mean targets and its nodes their mean squared errors.
+// hold their mean targets and its nodes their mean squared errors, and it
+// has no out-of-bag votes.
 //
 // Progress: trees_done grows by one per finished tree; setting cancel makes
 // the workers skip the trees they have not started (the result is then
@@ -34,6 +37,7 @@
 
 #include "velmot/dataset/bootstrap.h"
 #include "velmot/dataset/node_sample.h"
+#include "velmot/dataset/weighted_bootstrap.h"
 #include "velmot/defs/exception.h"
 #include "velmot/defs/int32_limits.h"
 #include "velmot/defs/parallel.h"
@@ -42,6 +46,7 @@
 #include "velmot/learn/learn_tree.h"
 #include "velmot/learn/learning_progress.h"
 #include "velmot/learn/node_statistics.h"
+#include "velmot/learn/out_of_bag.h"
 #include "velmot/learn/training_set.h"
 #include "velmot/stats/label_accumulator.h"
 #include "velmot/stats/squared_error.h"
@@ -55,7 +60,11 @@ struct SeededForestSettings {
   double sample_prop = 1.0;
   int fte_per_split = 0;
   int max_depth = 0;
-  int min_leaf_size = 1;
+  GrowthLimits limits;      // the defaults are the library's growth rule
+  bool out_of_bag = false;  // tally out-of-bag votes (learn/out_of_bag.h)
+  // One weight per instance, drawn in proportion to
+  // (dataset/weighted_bootstrap.h); empty for uniform draws.
+  std::vector<double> sample_weights;
   int num_threads = 1;
 };
 
@@ -65,6 +74,8 @@ struct SeededForestOf {
   // Row j (num_features entries) holds the normalised importances of tree
   // first_tree + j; all NaN for a tree without an informative split.
   std::vector<double> tree_importances;
+  // With out_of_bag: instance i's votes for class c at i * num_classes + c.
+  std::vector<int32_t> oob_votes;
   bool cancelled = false;
 };
 typedef SeededForestOf<int> SeededForest;
@@ -92,6 +103,12 @@ void check_seeded_forest_input(const TrainingSet<F, L>& set, const SeededForestS
     throw Exception("the trees to learn must be a range [first, last) of non-negative indices");
   }
   if (settings.num_threads < 1) throw Exception("the thread count must be at least 1");
+  if (!settings.sample_weights.empty() && settings.sample_weights.size() != ni) {
+    throw Exception("there must be one sample weight per instance");
+  }
+  if (!std::is_integral<L>::value && settings.out_of_bag) {
+    throw Exception("out-of-bag votes are counted for classification forests only");
+  }
   for (size_t i = 0; i < ni; ++i) {
     const L label = data.get_label(i);
     if constexpr (std::is_integral<L>::value) {
@@ -102,17 +119,6 @@ void check_seeded_forest_input(const TrainingSet<F, L>& set, const SeededForestS
       throw IncompatibleDataException("a target is not finite or exceeds 1e100 in magnitude");
     }
   }
-}
-
-// The statistics of one grown tree's nodes.
-template <class D, class Index, class Criterion>
-void fill_tree_statistics(NodeArrays<int>& tree, const D& data, const std::vector<Index>& indices, const Criterion&) {
-  fill_node_statistics(tree, data, indices, impurity_measure_of<Criterion>());
-}
-template <class D, class Index>
-void fill_tree_statistics(NodeArrays<double>& tree, const D& data, const std::vector<Index>& indices,
-                          const SquaredError&) {
-  fill_node_statistics(tree, data, indices);
 }
 
 template <class F, class L, class Criterion>
@@ -126,19 +132,29 @@ SeededForestOf<L> learn_seeded_forest(const TrainingSet<F, L>& set, const Seeded
   std::vector<NodeArrays<L>> trees(static_cast<size_t>(num_trees));
   SeededForestOf<L> forest;
   forest.tree_importances.assign(static_cast<size_t>(num_trees) * nf, 0.0);
+  const WeightedDraws draws(settings.sample_weights);
+  OutOfBagVotes oob;
+  if (settings.out_of_bag) oob = OutOfBagVotes(data.get_num_instances(), data.get_num_classes());
 
   for_each_index(num_trees, settings.num_threads, [&](int64_t j, const Worker&) {
     if (progress.cancel.load(std::memory_order_relaxed)) return;
     XorShiftRNG rng = tree_generator(settings.seed, static_cast<uint64_t>(settings.first_tree + j));
-    IndexedDataSet<D> sample = random_subset_iid(&data, settings.sample_prop, rng);
+    IndexedDataSet<D> sample = weighted_subset_iid(&data, settings.sample_prop, draws, rng);
     sample.ranks = &set.ranks;
     std::vector<double> importances(nf, 0.0);
-    std::unique_ptr<Node<L>> root(grow_tree(sample, settings.fte_per_split, settings.max_depth, settings.min_leaf_size,
-                                            criteria, true, importances, rng));
+    // Regression nodes are measured by their mean squared error, whatever the measure.
+    NodeStatistics statistics(impurity_measure_of<Criterion>());
+    std::unique_ptr<Node<L>> root(grow_tree(sample, settings.fte_per_split, settings.max_depth, settings.limits,
+                                            criteria, true, importances, rng,
+                                            [&statistics](const auto& node) { statistics(node); }));
     NodeArrays<L>& tree = trees[static_cast<size_t>(j)];
     tree = flatten_tree(*root);
     root.reset();
-    fill_tree_statistics(tree, data, sample.indices, criteria);
+    tree.count.swap(statistics.count);
+    tree.impurity.swap(statistics.impurity);
+    if constexpr (std::is_integral<L>::value) {
+      if (settings.out_of_bag) oob.add_tree(tree, data, sample.indices);
+    }
     std::copy(importances.begin(), importances.end(), forest.tree_importances.begin() + j * static_cast<int64_t>(nf));
     progress.trees_done.fetch_add(1, std::memory_order_relaxed);
   });
@@ -151,6 +167,7 @@ SeededForestOf<L> learn_seeded_forest(const TrainingSet<F, L>& set, const Seeded
     forest.trees.append(tree);
     tree = NodeArrays<L>();
   }
+  if (settings.out_of_bag) forest.oob_votes = oob.tally();
   return forest;
 }
 

@@ -76,6 +76,9 @@ public:
   }
 
   size_t total() const { return ni; }
+  // A range of two is never split; every boundary's sides are admitted.
+  bool splittable() const { return ni > 2; }
+  bool within_limit() const { return true; }
   template <class L>
   void move(L label, uint32_t copies) {
     const int c = label_class(label);

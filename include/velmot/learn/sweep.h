@@ -20,19 +20,22 @@
 //             pruning; it changes results only through which of several
 //             equally good boundaries is found first.
 //
-// Steps: move the first element left. If the node holds more than two pairs
-// and its first and last keys differ (a node of two is never split; a
-// constant feature keeps the seed), then for every later element in order:
-// update the flag with its label; if the boundary before it is admissible,
-// offer it to the sides (which score it and say whether it beats the best
-// so far), and restart the run from its label; move it left.
+// Steps: move the first element left. If the sides call the node
+// splittable (under the library's rule, more than two pairs: a node of two
+// is never split) and its first and last keys differ (a constant feature
+// keeps the seed), then for every later element in order: update the flag
+// with its label; if the boundary before it is admissible (and the leaf
+// limit admits its sides' sizes), offer it to the sides (which score it and
+// say whether it beats the best so far), and restart the run from its
+// label; move it left.
 //
-// Sides offer move(label, weight), total() (the node's pairs) and
-// offer(admissible, lower_key, upper_key) -> whether the boundary is the new
-// best; the keys are those of the elements around the boundary. Sides whose
-// criterion has no label runs (squared error over real labels) declare
-// scores_every_boundary = true: every boundary between distinct keys is
-// then admissible. Written
+// Sides offer move(label, weight), total() (the node's pairs), splittable(),
+// within_limit() (whether the pairs moved so far and the rest both meet the
+// leaf limit, learn/growth_limits.h) and offer(admissible, lower_key,
+// upper_key) -> whether the boundary is the new best; the keys are those of
+// the elements around the boundary. Sides whose criterion has no label runs
+// (squared error over real labels) declare scores_every_boundary = true:
+// every boundary between distinct keys is then admissible. Written
 // once, as a template over the input and the sides: it runs once per
 // element and feature, so nothing in it goes through a pointer. The rule is
 // branch-free (flags as bits) so that the Gini sides, which prefilter every
@@ -43,6 +46,7 @@
 #include <type_traits>
 #include <vector>
 
+#include "velmot/learn/growth_limits.h"
 #include "velmot/stats/criteria.h"
 #include "velmot/stats/label_accumulator.h"
 
@@ -84,14 +88,14 @@ template <class Input, class Sides>
   const auto first = input.first();
   result.lower = result.upper = first.key;
   sides.move(first.label, first.weight);
-  if (!(sides.total() > 2 && input.first_key() != input.last_key())) return result;
+  if (!(sides.splittable() && input.first_key() != input.last_key())) return result;
   L run_label = first.label;
   bool new_label = false;
   Key previous = first.key;
   constexpr bool every_boundary = scores_every_boundary<Sides>::value;
   input.for_each_after_first([&](const Key& key, const L& label, uint32_t weight) {
     new_label |= every_boundary || label != run_label;
-    const bool admissible = new_label & (previous != key);
+    const bool admissible = new_label & (previous != key) & sides.within_limit();
     if (sides.offer(admissible, previous, key)) {
       result.is_seed = false;
       result.lower = previous;
@@ -111,12 +115,13 @@ class CriterionSides {
 public:
   // left and right are scratch, reused across calls; initial is
   // criteria.get_initial(counts).
-  CriterionSides(const A& counts, double initial, A& left, A& right, const Criterion& criteria)
+  CriterionSides(const A& counts, double initial, A& left, A& right, const Criterion& criteria, LeafLimit limit)
       : left(left),
         right(right),
         criteria(criteria),
         initial(initial),
         pairs(counts.get_total_count()),
+        limit(limit),
         best(criteria.get_initial_score(initial)) {
     left.set_labeling(counts.get_labeling());
     left.set_num_classes(counts.get_num_classes());
@@ -124,6 +129,10 @@ public:
   }
 
   size_t total() const { return pairs; }
+  bool splittable() const { return limit.splittable(static_cast<int64_t>(pairs)); }
+  bool within_limit() const {
+    return limit.admits(static_cast<int64_t>(left.get_total_count()), static_cast<int64_t>(pairs));
+  }
   template <class L>
   void move(L label, uint32_t copies) {
     const int c = label_class(label);
@@ -154,6 +163,7 @@ private:
   const Criterion& criteria;
   double initial;
   size_t pairs;
+  LeafLimit limit;
   double best;
   double best_impurity = 0.0;
 };
@@ -174,8 +184,9 @@ private:
 template <class A>
 class GiniSides {
 public:
-  GiniSides(const A& counts, double initial)
+  GiniSides(const A& counts, double initial, LeafLimit limit)
       : class_counts(scratch()),
+        limit(limit),
         initial(initial),
         node_squares(counts.get_sum_squared()),
         node_total(static_cast<int64_t>(counts.get_total_count())),
@@ -195,6 +206,8 @@ public:
   }
 
   size_t total() const { return static_cast<size_t>(node_total); }
+  bool splittable() const { return limit.splittable(node_total); }
+  bool within_limit() const { return limit.admits(left_total, node_total); }
   // w pairs of a class with l on the left add (l + w)^2 - l^2 squares.
   template <class L>
   void move(L label, uint32_t copies) {
@@ -242,6 +255,7 @@ private:
   }
 
   std::vector<ClassCounts>& class_counts;
+  LeafLimit limit;
   double initial;
   int64_t node_squares, node_total;
   int64_t left_squares = 0, cross = 0, left_total = 0;
@@ -268,20 +282,21 @@ template <class Input, class Sides>
   return split;
 }
 
-// The best split of a sorted input under any criterion; left and right are
-// scratch accumulators, initial is criteria.get_initial(counts).
+// The best split of a sorted input under any criterion and leaf limit; left
+// and right are scratch accumulators, initial is criteria.get_initial(counts).
 template <class Input, class A, class Criterion>
 FeatureSplit<typename Input::key_type> best_split(const Input& input, const A& counts, double initial, A& left,
-                                                  A& right, const Criterion& criteria) {
-  CriterionSides<A, Criterion> sides(counts, initial, left, right, criteria);
+                                                  A& right, const Criterion& criteria, LeafLimit limit) {
+  CriterionSides<A, Criterion> sides(counts, initial, left, right, criteria, limit);
   return sweep_with(input, sides);
 }
 
 // The same for Gini, through its sums.
 template <class Input, class A>
 FeatureSplit<typename Input::key_type> best_split(const Input& input, const A& counts, double initial, A& /*left*/,
-                                                  A& /*right*/, const TwoSplitGiniImpurity& /*criteria*/) {
-  GiniSides<A> sides(counts, initial);
+                                                  A& /*right*/, const TwoSplitGiniImpurity& /*criteria*/,
+                                                  LeafLimit limit) {
+  GiniSides<A> sides(counts, initial, limit);
   return sweep_with(input, sides);
 }
 

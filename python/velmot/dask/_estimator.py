@@ -20,11 +20,13 @@ from sklearn.utils.validation import (
 )
 from tqdm import tqdm
 
-from .._features import as_module_dtype, check_splittable, learning_features, upper_medians
+from .._features import as_module_dtype, check_splittable, learning_features
 from .._forest import RandomForestClassifier as LocalRandomForestClassifier
+from .._forest import weighed_medians
 from .._learning import forest_seed, mean_importances
 from .._regressor import RandomForestRegressor as LocalRandomForestRegressor
 from .._settings import MAX_SAMPLES, resolve_settings
+from .._weights import class_weight_factors
 from ._cluster import cancelled_on_failure, computed, finished, lost
 from ._partitions import aligned_partitions, combined_medians, delayed_partitions, is_dask_dataframe
 from ._tasks import learn_block, learn_partition, predict_block, summarize_partition
@@ -44,8 +46,11 @@ _FITTED_ATTRIBUTES = (
     "trees_",
     "nodes_",
     "feature_importances_",
+    "oob_score_",
+    "oob_decision_function_",
     "_missing_value_fill_",
 )
+
 
 _DASK_PARAMETER_CONSTRAINTS = {
     "partition_wise": ["boolean"],
@@ -58,7 +63,7 @@ class _DaskForest:
     """Learning on the cluster, lazy prediction and model files, for a local
     estimator class ``_LOCAL`` that a public class also derives from."""
 
-    def fit(self, X, y):
+    def fit(self, X, y, sample_weight=None):
         """Learn the forest on the cluster from the training set (X, y).
 
         Parameters
@@ -71,6 +76,10 @@ class _DaskForest:
         y : array-like, Dask array or Dask Series of shape (n_samples,)
             Class labels or targets. Partition-wise, a Dask collection with
             X's partitions (a numpy vector is split like a Dask array X).
+        sample_weight : array-like of shape (n_samples,) or None, default=None
+            Sample weights, as in the local estimator; only
+            when scattering (partition-wise, ``class_weight`` applies but
+            sample weights are refused).
 
         Returns
         -------
@@ -80,9 +89,14 @@ class _DaskForest:
         self._validate_params()
         client = self._cluster_client()
         if self.partition_wise:
+            if sample_weight is not None:
+                raise ValueError(
+                    "sample_weight is not supported with partition_wise=True (each partition is learnt where it "
+                    "lies); scatter the data (partition_wise=False) or use class_weight."
+                )
             self._fit_partition_wise(client, X, y)
         else:
-            self._fit_scattered(client, X, y)
+            self._fit_scattered(client, X, y, sample_weight)
         return self
 
     def predict(self, X):
@@ -179,14 +193,16 @@ class _DaskForest:
         per_block = self.trees_per_block or -(-self.n_estimators // 10)
         return [(start, min(start + per_block, self.n_estimators)) for start in range(0, self.n_estimators, per_block)]
 
-    def _fit_scattered(self, client, X, y):
-        X, y = computed(client, X, y)
+    def _fit_scattered(self, client, X, y, sample_weight):
+        X, y, sample_weight = computed(client, X, y, sample_weight)
         X, y = validate_data(self, X, y, dtype="numeric", ensure_all_finite="allow-nan", y_numeric=self._Y_NUMERIC)
         self._check_targets(y)
         settings = resolve_settings(self, *X.shape)
         targets, labels, n_classes = self._encode_targets(y)
+        weights = self._sample_weights(sample_weight, X, targets, labels)
         X = as_module_dtype(X)
         check_splittable(X)
+        X, medians = weighed_medians(X, weights)
         features = learning_features(X, settings)
 
         ranges = self._blocks()
@@ -200,7 +216,9 @@ class _DaskForest:
                 # task needs, though, and scattered data cannot be recomputed:
                 # if the last copy goes down with its worker, the unfinished
                 # blocks are cancelled and learnt again from a new scatter.
-                data = client.scatter([features, labels], broadcast=True, hash=False)
+                data = client.scatter(
+                    [features, labels] + ([] if weights is None else [weights]), broadcast=True, hash=False
+                )
                 futures = []
                 try:
                     with cancelled_on_failure(client, futures):
@@ -227,7 +245,9 @@ class _DaskForest:
                         raise
                 finally:
                     client.cancel(data)
-        self._set_fitted(targets, *self._joined(blocks), upper_medians(X))
+        nodes, importances, votes = self._joined(blocks)
+        self._set_fitted(targets, nodes, importances, medians)
+        self._set_out_of_bag(votes, labels)
 
     def _fit_partition_wise(self, client, X, y):
         X, y, n_features = aligned_partitions(X, y)
@@ -260,10 +280,15 @@ class _DaskForest:
             raise ValueError("X has no samples; every partition is empty.")
         # The classes over all partitions; regression targets are checked
         # where they lie.
-        classes = None
+        classes = class_factors = None
         if self._TASK == "classification":
             classes = np.unique(np.concatenate([summaries[i]["classes"] for i in used]))
             self._check_targets(classes)
+        if getattr(self, "class_weight", None) is not None:
+            counts = np.zeros(len(classes), dtype=np.int64)
+            for i in used:
+                counts[np.searchsorted(classes, summaries[i]["classes"])] += summaries[i]["class_counts"]
+            class_factors = class_weight_factors(self.class_weight, classes, counts)
         if self.n_estimators < len(used):
             raise ValueError(
                 f"n_estimators={self.n_estimators} is less than the {len(used)} non-empty partitions of X, "
@@ -285,6 +310,7 @@ class _DaskForest:
                     last_tree=int(first + size),
                     seed=seed,
                     settings=settings,
+                    class_factors=class_factors,
                     dask_key_name=f"velmot-learn-partition-{fit_id}-{rank}",
                 )
             )
@@ -296,7 +322,9 @@ class _DaskForest:
                 blocks[position] = block
                 progress.update(sizes[position])
         medians = combined_medians([summaries[i] for i in used], n_features)
-        self._set_fitted(classes, *self._joined(blocks), medians)
+        nodes, importances, votes = self._joined(blocks, stacked=True)
+        self._set_fitted(classes, nodes, importances, medians)
+        self._set_out_of_bag(votes, None if votes is None else np.concatenate([block[3] for block in blocks]))
 
     def _checked_partition_size(self, summary, index):
         n_samples = summary["n_samples"]
@@ -346,11 +374,21 @@ class _DaskForest:
             return X.map_blocks(predict_block, forest, method, chunks=(X.chunks[0], (self.n_classes_,)), meta=meta)
         return X.map_partitions(predict_block, forest, method, meta=meta)
 
-    def _joined(self, blocks):
-        """(nodes, mean importances) of blocks of (nodes, importance rows) in
-        tree order."""
-        importances = mean_importances(np.concatenate([rows for _, rows in blocks]))
-        return self._NODES.join([nodes for nodes, _ in blocks]), importances
+    def _joined(self, blocks, stacked=False):
+        """(ForestNodes, mean importances, out-of-bag votes or None) of blocks of
+        (nodes, importance rows, votes, ...) in tree order. Scattered blocks vote
+        on the same samples, so their votes are summed (integers: in any order);
+        partition-wise (stacked) each block votes on its own partition's rows,
+        which follow one another."""
+        importances = mean_importances(np.concatenate([block[1] for block in blocks]))
+        votes = [block[2] for block in blocks]
+        if votes[0] is None:
+            joined = None
+        elif stacked:
+            joined = np.concatenate(votes)
+        else:
+            joined = np.sum(votes, axis=0)
+        return self._NODES.join([block[0] for block in blocks]), importances, joined
 
 
 class RandomForestClassifier(_DaskForest, LocalRandomForestClassifier):
@@ -411,6 +449,15 @@ class RandomForestClassifier(_DaskForest, LocalRandomForestClassifier):
         partition-wise, the same partitions), on any cluster.
     verbose : int, default=0
         Above 0, a progress bar counts the trees of finished blocks.
+    min_samples_split, min_samples_leaf, min_impurity_decrease : default=2, 1, 0.0
+        Growth limits, as in ``velmot.RandomForestClassifier``.
+    oob_score : bool or callable, default=False
+        Out-of-bag estimates. Scattered, the blocks' votes are summed and
+        equal the local estimator's; partition-wise, a sample's out-of-bag
+        trees are those of its own partition that missed it.
+    class_weight : {"balanced", "balanced_subsample"}, dict or None, default=None
+        Class factors of the sample weights, from the class counts of the
+        whole training set (of all partitions, partition-wise).
     partition_wise : bool, default=False
         Learn each block from one partition of X where it lies, instead of
         scattering the whole training set.
@@ -434,6 +481,8 @@ class RandomForestClassifier(_DaskForest, LocalRandomForestClassifier):
     feature_importances_ : ndarray of shape (n_features_in_,)
         Mean over the trees of each tree's normalised impurity decreases,
         as in ``velmot.RandomForestClassifier``.
+    oob_score_, oob_decision_function_
+        With ``oob_score``, as in ``velmot.RandomForestClassifier``.
     trees_ : list of ndarray of shape (5, n_nodes)
         The trees, block after block, in ``velmot.RandomForestClassifier``'s
         encoding.
@@ -468,6 +517,11 @@ class RandomForestClassifier(_DaskForest, LocalRandomForestClassifier):
         n_jobs=None,
         random_state=None,
         verbose=0,
+        min_samples_split=2,
+        min_samples_leaf=1,
+        min_impurity_decrease=0.0,
+        oob_score=False,
+        class_weight=None,
         partition_wise=False,
         trees_per_block=None,
         client=None,
@@ -481,6 +535,11 @@ class RandomForestClassifier(_DaskForest, LocalRandomForestClassifier):
             n_jobs=n_jobs,
             random_state=random_state,
             verbose=verbose,
+            min_samples_split=min_samples_split,
+            min_samples_leaf=min_samples_leaf,
+            min_impurity_decrease=min_impurity_decrease,
+            oob_score=oob_score,
+            class_weight=class_weight,
         )
         self.partition_wise = partition_wise
         self.trees_per_block = trees_per_block
@@ -554,6 +613,9 @@ class RandomForestRegressor(_DaskForest, LocalRandomForestRegressor):
         n_jobs=None,
         random_state=None,
         verbose=0,
+        min_samples_split=2,
+        min_samples_leaf=1,
+        min_impurity_decrease=0.0,
         partition_wise=False,
         trees_per_block=None,
         client=None,
@@ -567,6 +629,9 @@ class RandomForestRegressor(_DaskForest, LocalRandomForestRegressor):
             n_jobs=n_jobs,
             random_state=random_state,
             verbose=verbose,
+            min_samples_split=min_samples_split,
+            min_samples_leaf=min_samples_leaf,
+            min_impurity_decrease=min_impurity_decrease,
         )
         self.partition_wise = partition_wise
         self.trees_per_block = trees_per_block

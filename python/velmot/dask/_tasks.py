@@ -8,6 +8,7 @@ import numpy as np
 from sklearn.utils.validation import check_array
 
 from .._features import as_module_dtype, check_splittable, learning_features, upper_medians
+from .._forest import weighed_medians
 from .._learning import learn_trees, prepare
 from .._regressor import MAX_TARGET
 
@@ -38,7 +39,7 @@ def summarize_partition(X_part, y_part, with_classes=True):
         return {"n_samples": 0}
     return {
         "n_samples": len(y),
-        "classes": np.unique(y) if with_classes else None,
+        **(dict(zip(("classes", "class_counts"), np.unique(y, return_counts=True))) if with_classes else {}),
         "medians": upper_medians(X),
         "present": np.count_nonzero(~np.isnan(X), axis=0) if X.dtype.kind == "f" else np.full(X.shape[1], len(y)),
     }
@@ -51,9 +52,10 @@ def summarize_partition(X_part, y_part, with_classes=True):
 _worker_preparations = {}
 
 
-def learn_block(features, labels, *, n_classes, first_tree, last_tree, seed, settings):
+def learn_block(features, labels, sample_weight=None, *, n_classes, first_tree, last_tree, seed, settings):
     """Trees [first_tree, last_tree) of the forest of ``seed`` from a
-    scattered training set: (ForestNodes, importance rows)."""
+    scattered training set: (ForestNodes, importance rows, out-of-bag votes
+    or None)."""
     key = id(features)
     data = _worker_preparations.get(key)
     if data is None:
@@ -61,14 +63,16 @@ def learn_block(features, labels, *, n_classes, first_tree, last_tree, seed, set
         # Dropped with the matrix, before its id can be reused.
         weakref.finalize(features, _worker_preparations.pop, key, None)
         _worker_preparations[key] = data
-    return learn_trees(data, first_tree=first_tree, last_tree=last_tree, seed=seed, settings=settings)
+    return learn_trees(
+        data, first_tree=first_tree, last_tree=last_tree, seed=seed, settings=settings, sample_weight=sample_weight
+    )
 
 
-def learn_partition(X_part, y_part, classes, *, first_tree, last_tree, seed, settings):
+def learn_partition(X_part, y_part, classes, *, first_tree, last_tree, seed, settings, class_factors=None):
     """Trees [first_tree, last_tree) of the forest of ``seed``, learnt from
-    one partition; ``classes`` None for regression targets."""
+    one partition, and the partition's label codes (targets, for regression:
+    ``classes`` None)."""
     X, y = partition_data(X_part, y_part)
-    features = learning_features(X, settings)
     if classes is None:
         labels = check_array(y, dtype=np.float64, ensure_2d=False)
         if not np.all(np.abs(labels) <= MAX_TARGET):
@@ -77,8 +81,17 @@ def learn_partition(X_part, y_part, classes, *, first_tree, last_tree, seed, set
         # Codes over the global classes: a partition lacking a class still
         # learns with the forest's class count.
         labels = np.searchsorted(classes, y).astype(np.int32)
-    data = prepare(features, labels, n_classes=0 if classes is None else len(classes), settings=settings)
-    return learn_trees(data, first_tree=first_tree, last_tree=last_tree, seed=seed, settings=settings)
+    weights = None if class_factors is None else class_factors[labels]
+    if weights is not None and not np.any(weights > 0):
+        raise ValueError("every sample of a partition weighs 0 under class_weight; weigh its classes above 0.")
+    X, _ = weighed_medians(X, weights)
+    data = prepare(
+        learning_features(X, settings), labels, n_classes=0 if classes is None else len(classes), settings=settings
+    )
+    trees = learn_trees(
+        data, first_tree=first_tree, last_tree=last_tree, seed=seed, settings=settings, sample_weight=weights
+    )
+    return (*trees, labels)
 
 
 def predict_block(block, forest, method):
