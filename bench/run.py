@@ -28,6 +28,10 @@ Workloads (full size; --quick shrinks them):
   W5  regression: make_friedman1 150,000 x 40, noise 1.0; 100,000 training
       and 50,000 predicted rows, 100 trees, 13 features per split, squared
       error; held-out R² and RMSE per library
+  W6  feature-type parity: W2's values (256 levels, and 5 levels per
+      feature) stored as uint8, int32, float32 and float64; Velmot only (the
+      peers convert every type to floating point), fit seconds per type and
+      each over the fastest type's
 Every classification forest: Gini, full depth, bootstrap samples as large as the training
 set (histogram peers: a 63.2% subsample), same seed, 2 threads.
 """
@@ -88,7 +92,11 @@ class Sizes:
 FULL = Sizes(100_000, 50_000, 100, 500, (25_000, 50_000, 100_000, 200_000), 600)
 QUICK = Sizes(4_000, 2_000, 10, 50, (2_000, 4_000, 8_000), 60)
 
-WORKLOADS = ("W0", "W1", "W2", "W3", "W4", "W5")
+WORKLOADS = ("W0", "W1", "W2", "W3", "W4", "W5", "W6")
+# W6 compares Velmot with itself across feature types.
+VELMOT_ONLY_WORKLOADS = ("W6",)
+W6_LEVELS = (256, 5)
+W6_TYPES = ("uint8", "int32", "float32", "float64")
 
 
 @dataclasses.dataclass
@@ -101,12 +109,20 @@ class Case:
     y_test: np.ndarray
     n_trees: int
     features_per_split: int
+    variant: str = ""  # W6: the levels and the type of one case
     task: str = "classification"
 
     @property
     def key(self):
         # W4 at W1's size is W1 itself: the same data, so it is run once.
-        return (self.X_train.dtype.str, self.X_train.shape, self.n_trees, self.workload in ("W3", "W5"), self.task)
+        return (
+            self.X_train.dtype.str,
+            self.X_train.shape,
+            self.n_trees,
+            self.workload in ("W3", "W5"),
+            self.variant,
+            self.task,
+        )
 
 
 # ---------------------------------------------------------------- W0
@@ -196,10 +212,10 @@ def synthetic_pool(sizes):
     return X, y.astype(np.int64), sizes.n_test
 
 
-def quantise_to_bytes(X_train, X_test):
-    """256 levels per feature at the training set's quantiles, so every level
-    is used about equally often."""
-    levels = np.linspace(0, 1, 257)[1:-1]
+def quantise_to_bytes(X_train, X_test, n_levels=256):
+    """n_levels (at most 256) levels per feature at the training set's
+    quantiles, so every level is used about equally often."""
+    levels = np.linspace(0, 1, n_levels + 1)[1:-1]
     train = np.empty(X_train.shape, dtype=np.uint8)
     test = np.empty(X_test.shape, dtype=np.uint8)
     for j in range(X_train.shape[1]):
@@ -211,7 +227,7 @@ def quantise_to_bytes(X_train, X_test):
 
 def build_cases(sizes, workloads):
     cases = []
-    needs_pool = any(w in workloads for w in ("W1", "W2", "W4"))
+    needs_pool = any(w in workloads for w in ("W1", "W2", "W4", "W6"))
     if needs_pool:
         X, y, n_test = synthetic_pool(sizes)
         X_test, y_test = X[-n_test:], y[-n_test:]
@@ -228,6 +244,21 @@ def build_cases(sizes, workloads):
         if "W4" in workloads:
             for n in sizes.scaling:
                 cases.append(Case("W4", f"W4: synthetic {n:,} x 40 float64", X[:n], y[:n], **common))
+        if "W6" in workloads:
+            for n_levels in W6_LEVELS:
+                train_levels, test_levels = quantise_to_bytes(X[: sizes.n_train], X_test, n_levels)
+                for dtype in W6_TYPES:
+                    variant = f"{n_levels} levels, {dtype}"
+                    cases.append(
+                        Case(
+                            "W6",
+                            f"W6: synthetic {shape}, {variant}",
+                            train_levels.astype(dtype),
+                            y[: sizes.n_train],
+                            **{**common, "X_test": test_levels.astype(dtype)},
+                            variant=variant,
+                        )
+                    )
     if "W5" in workloads:
         from sklearn.datasets import make_friedman1
 
@@ -358,9 +389,11 @@ def run_cases(cases, libraries, threads, timeout, omp_wait, on_progress):
         synthetic = case.workload != "W3"
         case_rows = []
         with tempfile.TemporaryDirectory(prefix="velmot-bench-") as case_dir:
-            write_case(case, case_dir, threads, for_r=any(lib.key == "ranger" for lib in libraries))
-            for library in libraries:
-                row = {"workload": case.workload, "n_train": n_train, "library": library.label}
+            case_libraries = [VELMOT] if case.workload in VELMOT_ONLY_WORKLOADS else libraries
+            case_libraries = [lib for lib in case_libraries if lib in libraries]
+            write_case(case, case_dir, threads, for_r=any(lib.key == "ranger" for lib in case_libraries))
+            for library in case_libraries:
+                row = {"workload": case.workload, "variant": case.variant, "n_train": n_train, "library": library.label}
                 if synthetic and timed_out_at.get(library.label, math.inf) <= n_train:
                     outcome = {
                         "status": "skipped",
@@ -508,6 +541,7 @@ def speedup(rows, row, field):
             for r in rows
             if r["library"] == VELMOT.label
             and r["workload"] == row["workload"]
+            and r.get("variant", "") == row.get("variant", "")
             and r["n_train"] == row["n_train"]
             and r["status"] == "ok"
         ),
@@ -529,6 +563,34 @@ def fmt_ratio(ratio):
 def label_of(row, libraries):
     library = next(lib for lib in libraries if lib.label == row["library"])
     return f"{row['library']} (approx.)" if library.approximate else row["library"]
+
+
+def type_parity_lines(rows, cases):
+    """W6: Velmot's fit seconds per feature type on the same values, and each
+    over the fastest type's at the same levels."""
+    fits = {
+        r["variant"]: r["fit_seconds"]
+        for r in rows
+        if r["workload"] == "W6" and r["library"] == VELMOT.label and r["status"] == "ok"
+    }
+    if not fits:
+        return []
+    case = next(c for c in cases if c.workload == "W6")
+    lines = [
+        f"## W6: feature-type parity (synthetic {len(case.X_train):,} x {case.X_train.shape[1]}, Velmot)",
+        "",
+        f"{case.n_trees} trees, {case.features_per_split} features per split; W2's quantised values stored in "
+        "each type. Each cell: fit seconds (over the fastest type's at the same levels).",
+        "",
+        "| levels | " + " | ".join(W6_TYPES) + " |",
+        "| --- | " + " | ".join("---:" for _ in W6_TYPES) + " |",
+    ]
+    for n_levels in W6_LEVELS:
+        seconds = {t: fits.get(f"{n_levels} levels, {t}") for t in W6_TYPES}
+        fastest = min((s for s in seconds.values() if s is not None), default=None)
+        cells = ["" if s is None else f"{fmt_seconds(s)} ({s / fastest:.2f}x)" for s in seconds.values()]
+        lines.append(f"| {n_levels} | " + " | ".join(cells) + " |")
+    return lines + [""]
 
 
 def markdown_report(run, libraries, cases):
@@ -645,6 +707,7 @@ def markdown_report(run, libraries, cases):
                 ),
                 "",
             ]
+    lines += type_parity_lines(rows, cases)
     lines += ["## Libraries", ""]
     for library in libraries:
         row = next((r for r in rows if r["library"] == library.label and r["status"] == "ok"), None)
@@ -729,7 +792,9 @@ def draw_chart(run, libraries, path):
 def parse_arguments(argv):
     parser = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
     parser.add_argument("--quick", action="store_true", help="smaller sizes and forests: under 2 minutes")
-    parser.add_argument("--workloads", default=",".join(WORKLOADS), help="comma-separated subset of W0,W1,W2,W3,W4,W5")
+    parser.add_argument(
+        "--workloads", default=",".join(WORKLOADS), help="comma-separated subset of " + ",".join(WORKLOADS)
+    )
     parser.add_argument(
         "--busy-core", action="store_true", help="W0 with another process spinning on one core all along"
     )

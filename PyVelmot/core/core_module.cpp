@@ -9,15 +9,15 @@
 //   learn(data, criterion, seed, first_tree, last_tree, sample_prop,
 //         features_per_split, max_depth, n_threads, on_progress,
 //         min_leaf_size, min_samples_leaf, min_impurity_decrease,
-//         out_of_bag, sample_weight) -> dict
-//         (criterion "squared_error" for targets, the others for codes; with
-//         out_of_bag, "oob_counts" and for targets "oob_sums": see
-//         out_of_bag_entries)
+//         out_of_bag, sample_weight) -> dict (with out_of_bag, the out-of-bag
+//         estimates: see forest_dict)
+//         (criterion "squared_error" for targets, the others for codes)
 //   predict(forest dict, X, n_classes, n_threads, proba) -> codes or vote fractions
 //   predict_mean(forest dict, X, n_threads) -> a regression forest's predictions
 //   apply(forest dict, X, n_classes, n_threads) -> leaf per sample and tree
 //   decision_path(forest dict, X, n_classes, n_threads) -> (row starts, nodes)
 //         (n_classes 0 for a regression forest)
+//   shap_values(forest dict, X, n_outputs, n_threads) -> Shapley values
 //
 // Library failures arrive as ValueError with the library's own message;
 // element types as TypeError, shapes as ValueError.
@@ -34,7 +34,9 @@
 #include <vector>
 
 #include "array_checks.h"
+#include "forest_view.h"
 #include "released_run.h"
+#include "shap_values.h"
 #include "training_data.h"
 #include "velmot/dataset/native_array_dataset.h"
 #include "velmot/defs/exception.h"
@@ -72,11 +74,11 @@ Velmot::SeededForestOf<L> learn_with(const TrainingData& data, const Velmot::See
 }
 
 // The node arrays and per-tree importances of a forest, with its out-of-bag
-// estimates if it made them: for class codes "oob_votes" (n_samples x
-// n_classes), for targets "oob_counts" (out-of-bag trees per sample) and
-// "oob_sums" (the sums of their predictions).
+// estimates if asked: for class codes "oob_votes" (n_samples x n_classes),
+// for targets "oob_counts" (out-of-bag trees per sample) and "oob_sums"
+// (the sums of their predictions, added in tree order).
 template <class L>
-py::dict forest_dict(Velmot::SeededForestOf<L>& forest, int64_t num_trees, size_t num_features, int64_t num_samples) {
+py::dict forest_dict(Velmot::SeededForestOf<L>& forest, int64_t num_trees, const TrainingData& data, bool out_of_bag) {
   Velmot::NodeArrays<L>& trees = forest.trees;
   py::dict result;
   result["offsets"] = to_numpy(trees.offsets);
@@ -88,11 +90,12 @@ py::dict forest_dict(Velmot::SeededForestOf<L>& forest, int64_t num_trees, size_
   result["count"] = to_numpy(trees.count);
   result["impurity"] = to_numpy(trees.impurity);
   py::array_t<double> importances = to_numpy(forest.tree_importances);
-  result["importances"] = importances.reshape({num_trees, static_cast<int64_t>(num_features)});
-  if (forest.oob_counts.empty()) return result;
+  result["importances"] = importances.reshape({num_trees, static_cast<int64_t>(data.num_features())});
+  if (!out_of_bag) return result;
   py::array_t<int32_t> counts = to_numpy(forest.oob_counts);
   if constexpr (std::is_integral<L>::value) {
-    result["oob_votes"] = counts.reshape({num_samples, static_cast<int64_t>(counts.size()) / num_samples});
+    result["oob_votes"] =
+        counts.reshape({static_cast<int64_t>(data.num_samples()), static_cast<int64_t>(data.num_classes())});
   } else {
     result["oob_counts"] = counts;
     result["oob_sums"] = to_numpy(forest.oob_sums);
@@ -139,7 +142,7 @@ py::dict learn(const TrainingData& data, const std::string& criterion, uint64_t 
     Velmot::SeededRegressionForest forest;
     PyVelmot::core::run_released([&]() { forest = learn_with<double, Velmot::SquaredError>(data, settings, progress); },
                                  progress, on_progress);
-    return forest_dict(forest, last_tree - first_tree, data.num_features(), static_cast<int64_t>(data.num_samples()));
+    return forest_dict(forest, last_tree - first_tree, data, out_of_bag);
   }
   Velmot::SeededForest (*learner)(const TrainingData&, const Velmot::SeededForestSettings&, Velmot::LearningProgress&) =
       nullptr;
@@ -150,46 +153,15 @@ py::dict learn(const TrainingData& data, const std::string& criterion, uint64_t 
 
   Velmot::SeededForest forest;
   PyVelmot::core::run_released([&]() { forest = learner(data, settings, progress); }, progress, on_progress);
-  return forest_dict(forest, last_tree - first_tree, data.num_features(), static_cast<int64_t>(data.num_samples()));
+  return forest_dict(forest, last_tree - first_tree, data, out_of_bag);
 }
 
-// A forest dict's node arrays, viewed in place and checked for their
-// element types and lengths; the leaf values are Value.
-template <class Value>
-Velmot::NodeArraysView<Value> node_arrays_of(const py::dict& forest) {
-  using PyVelmot::core::vector_of;
-  auto entry = [&](const char* name) -> py::array {
-    if (!forest.contains(name)) throw py::value_error(std::string("the forest has no '") + name + "' array");
-    py::array array = py::array::ensure(forest[name]);
-    if (!array) throw py::type_error(std::string("the forest's '") + name + "' entry must be a numpy array");
-    return array;
-  };
-  const py::array offsets = entry("offsets"), left = entry("left"), right = entry("right"), feature = entry("feature"),
-                  threshold = entry("threshold"), value = entry("value");
-  Velmot::NodeArraysView<Value> view;
-  view.offsets = vector_of<int64_t>(offsets, "offsets");
-  view.left = vector_of<int32_t>(left, "left");
-  view.right = vector_of<int32_t>(right, "right");
-  view.feature = vector_of<int32_t>(feature, "feature");
-  view.threshold = vector_of<double>(threshold, "threshold");
-  view.value = vector_of<Value>(value, "value");
-  if (offsets.shape(0) < 1) throw py::value_error("offsets must hold at least one entry");
-  view.num_trees = static_cast<size_t>(offsets.shape(0) - 1);
-  view.num_nodes = static_cast<size_t>(left.shape(0));
-  for (const py::array* row : {&right, &feature, &threshold, &value}) {
-    if (row->shape(0) != left.shape(0)) throw py::value_error("the forest's node arrays differ in length");
-  }
-  return view;
-}
-
-// The samples X (n_samples, n_features) as a data set of F, read in place.
-template <class F>
-Velmot::DisNativeArrayDataSet<F, int> samples_of(const py::array& samples, int64_t num_classes) {
-  static const int placeholder_label = 0;
-  return Velmot::DisNativeArrayDataSet<F, int>(
-      static_cast<const unsigned char*>(samples.data()), &placeholder_label, static_cast<size_t>(samples.shape(0)),
-      static_cast<size_t>(samples.shape(1)), static_cast<size_t>(num_classes), static_cast<size_t>(samples.strides(0)),
-      static_cast<size_t>(samples.strides(1)), 0);
+// A forest dict's node arrays, read in place and checked for walks.
+PyVelmot::core::HeldForest checked_forest(const py::dict& forest, int64_t num_classes) {
+  PyVelmot::core::HeldForest held = PyVelmot::core::forest_arrays_view(forest);
+  if (num_classes < 1 || num_classes > 2147483645) throw py::value_error("n_classes must be in [1, 2147483645]");
+  Velmot::check_forest_arrays(held.view, static_cast<size_t>(num_classes));
+  return held;
 }
 
 // Calls body(value_of) with value_of(i, f) reading sample i's feature f of
@@ -215,16 +187,14 @@ void with_sample_values(const py::array& samples, const Velmot::NodeArraysView<V
 // (n_classes >= 1) or of a regression forest (n_classes 0).
 template <class Walk>
 void with_walkable_forest(const py::dict& forest, int64_t num_classes, int num_threads, Walk&& walk) {
-  if (num_classes < 0 || num_classes > 2147483645) throw py::value_error("n_classes must be in [0, 2147483645]");
   if (num_threads < 1) throw py::value_error("n_threads must be at least 1");
   if (num_classes == 0) {
-    const Velmot::RegressionForestArraysView view = node_arrays_of<double>(forest);
-    Velmot::check_forest_arrays(view, 0);
-    walk(view);
+    const PyVelmot::core::HeldNodeArrays<double> held = PyVelmot::core::forest_arrays_view<double>(forest);
+    Velmot::check_forest_arrays(held.view, 0);
+    walk(held.view);
   } else {
-    const Velmot::ForestArraysView view = node_arrays_of<int32_t>(forest);
-    Velmot::check_forest_arrays(view, static_cast<size_t>(num_classes));
-    walk(view);
+    const PyVelmot::core::HeldForest held = checked_forest(forest, num_classes);
+    walk(held.view);
   }
 }
 
@@ -259,10 +229,9 @@ py::tuple decision_path(const py::dict& forest, const py::array& samples, int64_
 // fractions (proba true: float64, n_samples x n_classes) of a forest of
 // node arrays for X (n_samples, n_features), through the forest predictor.
 py::array predict(const py::dict& forest, const py::array& samples, int64_t num_classes, int num_threads, bool proba) {
-  const Velmot::ForestArraysView view = node_arrays_of<int32_t>(forest);
+  const PyVelmot::core::HeldForest held = checked_forest(forest, num_classes);
+  const Velmot::ForestArraysView& view = held.view;
   PyVelmot::core::require_ndim(samples, "X", 2);
-  if (num_classes < 1 || num_classes > 2147483645) throw py::value_error("n_classes must be in [1, 2147483645]");
-  Velmot::check_forest_arrays(view, static_cast<size_t>(num_classes));
   if (num_threads < 1) throw py::value_error("n_threads must be at least 1");
   const py::ssize_t num_samples = samples.shape(0);
   if (proba && num_samples * num_classes * py::ssize_t(sizeof(double)) > 2147483647) {
@@ -273,7 +242,11 @@ py::array predict(const py::dict& forest, const py::array& samples, int64_t num_
   void* out_data = out.mutable_data();
   PyVelmot::core::with_feature_type(samples, "X", [&](auto type) {
     typedef decltype(type) F;
-    const Velmot::DisNativeArrayDataSet<F, int> data = samples_of<F>(samples, num_classes);
+    const int placeholder_label = 0;
+    const Velmot::DisNativeArrayDataSet<F, int> data(
+        static_cast<const unsigned char*>(samples.data()), &placeholder_label, static_cast<size_t>(num_samples),
+        static_cast<size_t>(samples.shape(1)), static_cast<size_t>(num_classes),
+        static_cast<size_t>(samples.strides(0)), static_cast<size_t>(samples.strides(1)), 0);
     py::gil_scoped_release released;
     omp_set_num_threads(num_threads);
     Velmot::ForestPredictor<int> predictor(static_cast<int>(num_classes));
@@ -295,18 +268,22 @@ py::array predict(const py::dict& forest, const py::array& samples, int64_t num_
 // The predictions of a regression forest of node arrays (float64 leaf
 // values) for X (n_samples, n_features): each the mean of its trees' leaves.
 py::array_t<double> predict_mean(const py::dict& forest, const py::array& samples, int num_threads) {
-  const Velmot::RegressionForestArraysView view = node_arrays_of<double>(forest);
+  const PyVelmot::core::HeldNodeArrays<double> held = PyVelmot::core::forest_arrays_view<double>(forest);
+  Velmot::check_forest_arrays(held.view, 0);
   PyVelmot::core::require_ndim(samples, "X", 2);
   if (num_threads < 1) throw py::value_error("n_threads must be at least 1");
-  Velmot::check_forest_arrays(view, 0);
   py::array_t<double> out(samples.shape(0));
   double* means = out.mutable_data();
   PyVelmot::core::with_feature_type(samples, "X", [&](auto type) {
     typedef decltype(type) F;
-    const Velmot::DisNativeArrayDataSet<F, int> data = samples_of<F>(samples, 0);
+    const int placeholder_label = 0;
+    const Velmot::DisNativeArrayDataSet<F, int> data(
+        static_cast<const unsigned char*>(samples.data()), &placeholder_label, static_cast<size_t>(samples.shape(0)),
+        static_cast<size_t>(samples.shape(1)), 0, static_cast<size_t>(samples.strides(0)),
+        static_cast<size_t>(samples.strides(1)), 0);
     py::gil_scoped_release released;
     omp_set_num_threads(num_threads);
-    Velmot::predict_means(Velmot::flat_forest_of(view), data, means);
+    Velmot::predict_means(Velmot::flat_forest_of(held.view), data, means);
   });
   return out;
 }
@@ -348,4 +325,5 @@ PYBIND11_MODULE(_core, m) {
         "The leaf (node number within its tree) each sample of X reaches in each tree: (n_samples, n_trees).");
   m.def("decision_path", &decision_path, py::arg("forest"), py::arg("X"), py::arg("n_classes"), py::arg("n_threads"),
         "(row starts, forest-wide node numbers) of the nodes each sample of X passes, tree after tree.");
+  PyVelmot::core::bind_shap_values(m);
 }

@@ -1,6 +1,6 @@
 """The scikit-learn classifier over the package's core, and what it shares
-with the regressor (``_regressor``): validation, dtype handling, NaN
-imputation, learning, prediction's preparation and model files."""
+with the regressor (``_regressor``): validation, dtype handling, weights,
+NaN imputation, learning, prediction's preparation and model files."""
 
 from numbers import Integral, Real
 
@@ -19,10 +19,10 @@ from ._model_file import check, float_vector, split_trees, write_model_file
 from ._nodes import ForestNodes
 from ._out_of_bag import out_of_bag_estimates
 from ._settings import MAX_INT32, PAIRS, POOL_SIZE, resolve_settings, thread_count
-from ._weights import class_weight_factors, sample_weights
+from ._weights import sample_weights
 
 # The parameters every forest takes, with their constraints; each task adds
-# its criterion.
+# its criterion and its own.
 FOREST_PARAMETER_CONSTRAINTS = {
     "n_estimators": [Interval(Integral, 1, MAX_INT32, closed="both")],
     "max_features": [
@@ -62,14 +62,14 @@ class ForestEstimator(BaseEstimator):
     """What every velmot forest does the same way, whatever its task.
 
     A task's class gives ``_TASK`` (recorded in model files), ``_NODES``
-    (its node arrays' class), ``_check_targets(y)`` and
+    (its node arrays' class), ``_Y_NUMERIC``, ``_check_targets(y)``,
     ``_encode_targets(y) -> (fitted targets, core labels, n_classes)``,
-    ``_set_task_fitted(targets)``, ``_task_arrays()`` and
-    ``_task_from_model(arrays)`` (the model file's task-specific entries),
-    ``_leaf_classes(targets)`` (the class count leaves are checked
-    against, None for real values), ``_class_factors(targets, labels)``
-    (per-sample class weights or None) and
-    ``_set_out_of_bag(out_of_bag, targets, labels)``.
+    ``_sample_weights(sample_weight, X, targets, labels)``,
+    ``_set_task_fitted(targets)``, ``_set_out_of_bag(out_of_bag, labels)``
+    (its out-of-bag estimates, or None),
+    ``_task_arrays()`` and ``_task_from_model(arrays)`` (the model file's
+    task-specific entries), and ``_leaf_classes(targets)`` (the class count
+    leaves are checked against, None for real values).
     """
 
     _Y_NUMERIC = False
@@ -83,14 +83,16 @@ class ForestEstimator(BaseEstimator):
             Training samples. int32, float64, float32 and uint8 matrices are
             used in place, without a copy; bool is viewed as uint8; other
             integer types become int32 (float64 if a value does not fit),
-            float16 becomes float32 and other numbers float64.
+            float16 becomes float32 and other numbers float64. Asking for
+            every feature at each node (``max_features`` reaching
+            ``n_features``) costs one feature-major copy of X.
         y : array-like of shape (n_samples,)
-            Targets: class labels of any type for a classifier, real values
-            for a regressor.
+            Targets: class labels of any type (numbers, strings, bools) for a
+            classifier, real values for a regressor.
         sample_weight : array-like of shape (n_samples,) or None, default=None
-            Non-negative weights (times ``class_weight``'s for a
-            classifier); each bootstrap draw picks a sample with probability
-            proportional to its weight (see the class description).
+            Non-negative weights (for a classifier, multiplied by
+            ``class_weight``'s); each bootstrap draw picks a sample with
+            probability proportional to its weight.
 
         Returns
         -------
@@ -103,7 +105,7 @@ class ForestEstimator(BaseEstimator):
         # Checks that need the data's shape come before anything is copied.
         settings = resolve_settings(self, *X.shape)
         targets, labels, n_classes = self._encode_targets(y)
-        weights = sample_weights(sample_weight, X, self._class_factors(targets, labels))
+        weights = self._sample_weights(sample_weight, X, targets, labels)
         X = as_module_dtype(X)
         check_splittable(X)
         X, medians = weighed_medians(X, weights)
@@ -118,16 +120,8 @@ class ForestEstimator(BaseEstimator):
             sample_weight=weights,
         )
         self._set_fitted(targets, nodes, importances, medians)
-        self._fit_out_of_bag(out_of_bag, targets, labels)
+        self._set_out_of_bag(out_of_bag, labels)
         return self
-
-    def _fit_out_of_bag(self, out_of_bag, targets, labels):
-        """The out-of-bag attributes of a fit whose learning made out_of_bag
-        (None: the fit has none)."""
-        for name in ("oob_score_", "oob_decision_function_", "oob_prediction_"):
-            self.__dict__.pop(name, None)
-        if out_of_bag is not None:
-            self._set_out_of_bag(out_of_bag, targets, labels)
 
     def _set_fitted(self, targets, nodes, importances, missing_value_fill):
         n_features = self.n_features_in_
@@ -174,6 +168,12 @@ class ForestEstimator(BaseEstimator):
         indicator = csr_matrix((np.ones(len(nodes), dtype=np.int64), nodes, rows), shape=shape)
         return indicator, self.nodes_.offsets.copy()
 
+    def _walk_arguments(self, X):
+        """(forest, samples, n_classes or 0 for real values, n_threads) of a
+        core call that walks the trees over X."""
+        samples, n_threads = self._prepared_samples(X)
+        return self.nodes_.as_dict(), samples, self._leaf_classes(getattr(self, "classes_", None)) or 0, n_threads
+
     def save(self, path):
         """Write the fitted forest to a portable ``.npz`` file, without pickle.
 
@@ -200,20 +200,80 @@ class ForestEstimator(BaseEstimator):
         """
         write_model_file(path, *self._to_model())
 
+    def shap_values(self, X, *, return_expected_value=False):
+        """Exact Shapley values of the forest's output for each sample (TreeSHAP).
+
+        The output is ``predict_proba`` for a classifier, ``predict`` for a
+        regressor (one output).
+
+        Each tree's path-dependent TreeSHAP values, with the in-bag sample
+        counts of its nodes as the data's distribution, averaged over the
+        trees. NaN is filled with the training medians, as in ``predict``.
+
+        Parameters
+        ----------
+        X : array-like of shape (n_samples, n_features)
+            Samples, converted by the same rule as in ``fit``.
+        return_expected_value : bool, default=False
+            Also return the expected value: the output before any feature is
+            known.
+
+        Returns
+        -------
+        values : ndarray of shape (n_samples, n_features, n_outputs)
+            Each feature's contribution to each output (a class's vote
+            fraction; a regressor's one prediction).
+        expected_value : ndarray of shape (n_outputs,)
+            Only with ``return_expected_value``. For every sample,
+            ``expected_value + values.sum(axis=1)`` is the output.
+
+        Examples
+        --------
+        >>> values, base = forest.shap_values(X[:5], return_expected_value=True)  # doctest: +SKIP
+        >>> np.allclose(base + values.sum(axis=1), forest.predict_proba(X[:5]))  # doctest: +SKIP
+        True
+        """
+        from ._shap import expected_value, shap_values
+
+        check_is_fitted(self)
+        X = validate_data(self, X, reset=False, dtype="numeric", ensure_all_finite="allow-nan")
+        samples = fill_missing(as_module_dtype(X), self._missing_value_fill_)
+        values = shap_values(self, samples, threads_for_call(thread_count(self.n_jobs)))
+        return (values, expected_value(self)) if return_expected_value else values
+
+    def to_onnx(self, path):
+        """Write the fitted forest as an ONNX graph (needs ``velmot[onnx]``).
+
+        The graph's input ``X`` is double, shape (n_samples, n_features);
+        it fills NaN with the training medians, sends a value equal to a
+        threshold right, and gives ``label`` and ``probabilities`` (float32
+        vote fractions) as ``predict`` and ``predict_proba`` do, or a
+        regressor's ``prediction``.
+
+        Parameters
+        ----------
+        path : str or path-like
+            The ``.onnx`` file, written through a temporary file and a rename.
+
+        Examples
+        --------
+        >>> forest.to_onnx("forest.onnx")  # doctest: +SKIP
+        >>> session = onnxruntime.InferenceSession("forest.onnx")  # doctest: +SKIP
+        >>> labels, proba = session.run(None, {"X": X.astype(np.float64)})  # doctest: +SKIP
+        """
+        from ._onnx import write_onnx
+
+        check_is_fitted(self)
+        write_onnx(self, path)
+
     def __sklearn_tags__(self):
         tags = super().__sklearn_tags__()
         tags.input_tags.allow_nan = True
         return tags
 
-    def _walk_arguments(self, X):
-        """(forest, samples, n_classes or 0 for real values, n_threads) of a
-        core call that walks the trees over X."""
-        samples, n_threads = self._prepared_samples(X)
-        return self.nodes_.as_dict(), samples, self._leaf_classes(getattr(self, "classes_", None)) or 0, n_threads
-
     def _prepared_samples(self, X):
         """X checked against the fit, in a dtype the core reads, NaN filled,
-        and the thread count of a prediction."""
+        and the thread count of a core call."""
         check_is_fitted(self)
         X = validate_data(self, X, reset=False, dtype="numeric", ensure_all_finite="allow-nan")
         samples = fill_missing(as_module_dtype(X), self._missing_value_fill_)
@@ -473,23 +533,24 @@ class RandomForestClassifier(ClassifierMixin, ForestEstimator):
     def _check_targets(self, y):
         check_classification_targets(y)
 
-    def _class_factors(self, classes, codes):
-        if self.class_weight is None:
-            return None
-        return class_weight_factors(self.class_weight, classes, np.bincount(codes, minlength=len(classes)))[codes]
-
-    def _set_out_of_bag(self, out_of_bag, classes, codes):
-        self.oob_decision_function_, self.oob_score_ = out_of_bag_estimates(
-            out_of_bag["oob_votes"], codes, classes, self.oob_score
-        )
-
     def _encode_targets(self, y):
         classes, codes = np.unique(y, return_inverse=True)
         return classes, np.ascontiguousarray(codes, dtype=np.int32), len(classes)
 
+    def _sample_weights(self, sample_weight, X, classes, codes):
+        return sample_weights(sample_weight, self.class_weight, X, classes, codes)
+
     def _set_task_fitted(self, classes):
         self.classes_ = classes
         self.n_classes_ = len(classes)
+
+    def _set_out_of_bag(self, out_of_bag, codes):
+        for name in ("oob_score_", "oob_decision_function_"):
+            self.__dict__.pop(name, None)
+        if out_of_bag is not None:
+            self.oob_decision_function_, self.oob_score_ = out_of_bag_estimates(
+                out_of_bag["oob_votes"], codes, self.classes_, self.oob_score
+            )
 
     def predict(self, X):
         """Predict the class of each sample by majority vote of the trees.
@@ -541,8 +602,7 @@ class RandomForestClassifier(ClassifierMixin, ForestEstimator):
             return np.log(proba)
 
     def _predict_codes_or_proba(self, X, *, proba):
-        samples, n_threads = self._prepared_samples(X)
-        return _core.predict(self.nodes_.as_dict(), samples, self.n_classes_, n_threads, proba)
+        return _core.predict(*self._walk_arguments(X), proba)
 
     # -- model files -----------------------------------------------------
 

@@ -8,6 +8,7 @@ from . import _core
 from ._forest import FOREST_PARAMETER_CONSTRAINTS, ForestEstimator
 from ._nodes import RegressionNodes
 from ._out_of_bag import out_of_bag_predictions
+from ._weights import sample_weights
 
 # Real targets beyond this magnitude would overflow the squared-error sums.
 MAX_TARGET = 1e100
@@ -23,13 +24,14 @@ class RandomForestRegressor(RegressorMixin, ForestEstimator):
     of its in-bag targets (bootstrap copies counted) and the forest the mean
     of its trees' leaves. Trees are learnt on threads in C++.
 
-    The growth limits, sample weights and out-of-bag estimates are the
-    classifier's (see ``RandomForestClassifier``): bootstrapping is always
-    on; a node whose targets are all equal, or that a limit stops, is a
-    leaf; weights act on the bootstrap draws alone. ``min_impurity_decrease``
-    is measured in squared error, the out-of-bag predictions of each sample
-    are added in tree order (the same for every ``n_jobs``), and the default
-    out-of-bag score is R^2.
+    The growth rules and limits are the classifier's: bootstrapping is
+    always on; a node whose targets are all equal is a leaf, and so is one
+    that ``min_samples_split``, ``min_samples_leaf`` or
+    ``min_impurity_decrease`` (a decrease in total squared error over the
+    training set's size) stops; sample weights weigh the bootstrap draws.
+    Out-of-bag predictions are each sample's mean over the trees whose
+    bootstrap sample missed it, added in tree order (so the same for every
+    ``n_jobs``), and the default out-of-bag score is R^2.
     Missing values (NaN) in X are replaced by each feature's training
     median, at fit and at prediction; infinite values are rejected.
 
@@ -57,17 +59,8 @@ class RandomForestRegressor(RegressorMixin, ForestEstimator):
         ``RandomForestClassifier``.
     verbose : int, default=0
         Above 0, a progress bar is shown while trees are learnt.
-    min_samples_split : int or float, default=2
-        A node with fewer in-bag samples becomes a leaf.
-    min_samples_leaf : int, float or "pairs", default=1
-        The fewest in-bag samples a leaf may hold; "pairs" is the library's
-        own rule, as for the classifier. The default is 1, as in scikit-learn
-        and for the classifier: on 100,000 x 40 Friedman #1 data (100 trees,
-        2 seeds, bench/leaf_rule.py) it gave R^2 0.9247 against 0.9241, for
-        2.7 times as many nodes per tree.
-    min_impurity_decrease : float, default=0.0
-        A split is kept only if its decrease in squared error, divided by
-        the tree's in-bag samples, reaches this value.
+    min_samples_split, min_samples_leaf, min_impurity_decrease
+        As for ``RandomForestClassifier``.
     oob_score : bool or callable, default=False
         Estimate R^2 (or the callable ``score(y_true, y_pred)``) from the
         out-of-bag samples.
@@ -164,16 +157,19 @@ class RandomForestRegressor(RegressorMixin, ForestEstimator):
     def _encode_targets(self, y):
         return None, np.ascontiguousarray(y, dtype=np.float64), 0
 
+    def _sample_weights(self, sample_weight, X, targets, labels):
+        return sample_weights(sample_weight, None, X, None, labels)
+
     def _set_task_fitted(self, targets):
         pass
 
-    def _class_factors(self, targets, labels):
-        return None
-
-    def _set_out_of_bag(self, out_of_bag, targets, labels):
-        self.oob_prediction_, self.oob_score_ = out_of_bag_predictions(
-            out_of_bag["oob_counts"], out_of_bag["oob_sums"], labels, self.oob_score
-        )
+    def _set_out_of_bag(self, out_of_bag, targets):
+        for name in ("oob_score_", "oob_prediction_"):
+            self.__dict__.pop(name, None)
+        if out_of_bag is not None:
+            self.oob_prediction_, self.oob_score_ = out_of_bag_predictions(
+                out_of_bag["oob_counts"], out_of_bag["oob_sums"], targets, self.oob_score
+            )
 
     # -- model files -----------------------------------------------------
 

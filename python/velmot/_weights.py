@@ -26,20 +26,20 @@ def class_weight_factors(class_weight, classes, counts):
     return factors
 
 
-def sample_weights(sample_weight, X, factors=None):
-    """One float64 weight per sample of X: sample_weight times the per-sample
-    class factors, or None when neither is given.
+def sample_weights(sample_weight, class_weight, X, classes, codes):
+    """One float64 weight per sample, or None when neither is given.
 
     ValueError for weights that are negative, NaN, infinite, of the wrong
     shape, or all zero."""
-    if sample_weight is None and factors is None:
+    if sample_weight is None and class_weight is None:
         return None
-    weights = np.ones(len(X))
+    weights = np.ones(len(codes))
     if sample_weight is not None:
         weights = _check_sample_weight(sample_weight, X, dtype=np.float64, ensure_non_negative=True, copy=True)
-    if factors is not None:
+    if class_weight is not None:
         with np.errstate(over="ignore"):
-            weights = weights * factors
+            factors = class_weight_factors(class_weight, classes, np.bincount(codes, minlength=len(classes)))
+            weights = weights * factors[codes]
     if not np.all(np.isfinite(weights)):
         raise ValueError("sample weights times class weights overflow to infinity; use smaller weights.")
     if not np.any(weights > 0):

@@ -1,8 +1,12 @@
-"""The ``velmot`` command: train, predict and inspect from CSV files.
+"""The ``velmot`` command: train, predict and inspect from CSV or Parquet files.
 
     velmot train DATA.csv [--description DATA.desc] [options] -o MODEL.npz
     velmot predict MODEL.npz DATA.csv [--description DATA.desc] [--proba] -o OUT.csv
-    velmot inspect MODEL.npz
+    velmot inspect MODEL.npz [--plot IMPORTANCES.png]
+    velmot export MODEL.npz MODEL.onnx
+
+Data files are read by ``_tables``: a CSV file, or a Parquet file (.parquet,
+.pq) or folder of them, whose column names serve as its header.
 
 A description file (read by the library's own reader) says which CSV column
 holds the class (``class-column``), whether it holds real targets
@@ -31,7 +35,6 @@ import threading
 
 import numpy as np
 
-from ._csv import CsvRows
 from ._description import read_layout
 
 EXIT_FAILURE = 2
@@ -80,10 +83,12 @@ def _same_file(a, b):
         return os.path.realpath(a) == os.path.realpath(b)
 
 
-def _open_csv(path):
-    if not os.path.isfile(path):
+def _open_data(path):
+    from ._tables import open_table
+
+    if not os.path.exists(path):
         raise CommandError(f"data file not found: {path}")
-    return CsvRows(path)
+    return open_table(path)
 
 
 def _encode_classes(fields, layout, path):
@@ -170,26 +175,25 @@ def train(args):
     if layout.task and args.task and layout.task != args.task:
         raise CommandError(f"--task {args.task}, but {args.description} gives label-type {layout.task}")
     regression = (layout.task or args.task) == "regression"
-    with _open_csv(args.data) as rows:
+    if regression and args.class_weight:
+        raise CommandError("--class-weight weighs classes; a regression forest has none")
+    with _open_data(args.data) as rows:
         layout.check_columns(rows.n_columns, args.data)
         class_column = rows.n_columns - 1 if layout.class_column is None else layout.class_column
         weight_column = _set_weight_column_aside(args.weight_column, layout, rows, class_column)
         columns = _feature_columns(layout, rows, class_column)
         header = rows.take_header(columns)
+        feature_names = [layout.feature_names.get(c, header[c].strip() if header else "") for c in columns]
+        class_column_name = header[class_column].strip() if header else ""
+        _refuse_repeated_names([*feature_names, class_column_name], [*columns, class_column], args.data)
         read = columns + ([] if weight_column is None else [weight_column])
-        chunks = list(rows.chunks(PREDICT_CHUNK_ROWS, read, class_column))
-    if not chunks:
+        X, classes, rows_class = rows.training_data(read, class_column)
+    if not len(X):
         raise CommandError(f"{args.data}: the file holds a header but no rows")
-    feature_names = [layout.feature_names.get(c, header[c].strip() if header else "") for c in columns]
-    class_column_name = header[class_column].strip() if header else ""
-    _refuse_repeated_names([*feature_names, class_column_name], [*columns, class_column], args.data)
-    X = np.concatenate([features for features, _ in chunks])
     X, weights = (X, None) if weight_column is None else (X[:, :-1], X[:, -1])
-    fields = [text for _, classes in chunks for text in classes]
-    y, class_names = _targets(fields, args.data) if regression else _encode_classes(fields, layout, args.data)
-    if regression and args.class_weight:
-        raise CommandError("--class-weight weighs classes; a regression forest has none")
-    task_options = {} if regression else {"class_weight": args.class_weight}
+    codes, class_names = _targets(classes, args.data) if regression else _encode_classes(classes, layout, args.data)
+    y = codes[rows_class]
+    task_params = {"oob_score": args.oob} if regression else {"oob_score": args.oob, "class_weight": args.class_weight}
     model = (RandomForestRegressor if regression else RandomForestClassifier)(
         n_estimators=args.trees,
         criterion=args.criterion or ("squared_error" if regression else "gini"),
@@ -197,10 +201,9 @@ def train(args):
         max_depth=args.max_depth,
         n_jobs=args.jobs,
         random_state=args.seed,
-        verbose=0 if args.quiet else 1,
+        verbose=0 if args.quiet or not sys.stderr.isatty() else 1,
         min_samples_leaf=_min_samples_leaf(args.min_samples_leaf),
-        oob_score=args.oob,
-        **task_options,
+        **task_params,
     )
     try:
         model.fit(X, y, sample_weight=weights)
@@ -225,7 +228,7 @@ def _set_weight_column_aside(text, layout, rows, class_column):
         column = int(text)
     else:
         names = {
-            **{field.strip(): c for c, field in enumerate(rows.first)},
+            **{field.strip(): c for c, field in enumerate(rows.first_row)},
             **{n: c for c, n in layout.feature_names.items()},
         }
         if text not in names:
@@ -310,13 +313,13 @@ def predict(args):
         raise CommandError(f"--proba needs a classification model; {args.model} holds a regression forest")
 
     def write(temp):
-        with _open_csv(args.data) as rows, open(temp, "w", newline="", encoding="utf-8") as out:
+        with _open_data(args.data) as rows, open(temp, "w", newline="", encoding="utf-8") as out:
             _set_weight_column_aside(args.weight_column, layout, rows, layout.class_column)
             columns = _columns_to_predict(rows, layout, feature_names, class_column_name)
             writer = csv.writer(out)
             if args.proba:
                 writer.writerow(classes)
-            for features, _ in rows.chunks(PREDICT_CHUNK_ROWS, columns, None):
+            for features in rows.feature_batches(columns, PREDICT_CHUNK_ROWS):
                 if args.proba:
                     writer.writerows(model.predict_proba(features).tolist())
                 elif classes:
@@ -361,6 +364,7 @@ def _columns_to_predict(rows, layout, feature_names, class_column_name):
 
 
 def inspect(args):
+    output = None if args.plot is None else _output_file(args.plot, args.model)
     model, feature_names, class_names, _ = _load_model(args.model)
     trees = model.trees_
     nodes = [tree.shape[1] for tree in trees]
@@ -374,8 +378,27 @@ def inspect(args):
     print(f"depth:    {min(depths)} to {max(depths)}")
     print("\nimportance  feature")
     importances = model.feature_importances_
+    names = [name or f"feature {j} (unnamed)" for j, name in enumerate(feature_names)]
     for j in sorted(range(len(importances)), key=lambda j: (-importances[j], j)):
-        print(f"{importances[j]:10.4f}  {feature_names[j] or f'feature {j} (unnamed)'}")
+        print(f"{importances[j]:10.4f}  {names[j]}")
+    if output is not None:
+        from ._plots import plot_importances
+
+        try:
+            plot_importances(output, importances, names)
+        except ImportError as error:
+            raise CommandError(str(error)) from None
+
+
+def export(args):
+    from ._onnx import write_onnx
+
+    output = _output_file(args.output, args.model)
+    model, _, class_names, _ = _load_model(args.model)
+    try:
+        write_onnx(model, output, [class_names[int(code)] for code in getattr(model, "classes_", ())] or None)
+    except ImportError as error:
+        raise CommandError(str(error)) from None
 
 
 def _depth(tree):
@@ -402,7 +425,7 @@ def build_parser():
     commands = parser.add_subparsers(dest="command", required=True)
 
     p = commands.add_parser("train", help="learn a forest from a CSV file and save it")
-    p.add_argument("data", help="CSV file of training rows")
+    p.add_argument("data", help="CSV file, Parquet file or folder of training rows")
     p.add_argument("--description", help="description file naming the class column, ignored columns and names")
     p.add_argument("--trees", type=int, default=100, help="number of trees (default 100)")
     p.add_argument("--task", choices=["classification", "regression"], help="without a description's label-type")
@@ -412,9 +435,9 @@ def build_parser():
         help="features tried per split: sqrt, log2, all, N or a fraction (default sqrt; all for regression)",
     )
     p.add_argument("--max-depth", type=int, default=None, help="depth limit (default: none)")
-    p.add_argument("--jobs", type=int, default=None, help="threads (-1: all cores)")
+    p.add_argument("--jobs", type=int, default=-1, help="threads (default -1: all cores)")
     p.add_argument("--seed", type=int, default=None, help="seed, for a reproducible forest")
-    p.add_argument("--quiet", action="store_true", help="no progress bar")
+    p.add_argument("--quiet", action="store_true", help="no progress bar (shown only on a terminal)")
     p.add_argument("--min-samples-leaf", default="1", help="fewest in-bag samples per leaf: N, a fraction or pairs")
     p.add_argument("--class-weight", choices=["balanced"], help="weigh classes inversely to their frequency")
     p.add_argument("--weight-column", help="column of sample weights (a column number or name), not a feature")
@@ -424,7 +447,7 @@ def build_parser():
 
     p = commands.add_parser("predict", help="predict the classes of a CSV file's rows")
     p.add_argument("model", help="model file written by velmot train")
-    p.add_argument("data", help="CSV file of rows to predict")
+    p.add_argument("data", help="CSV file, Parquet file or folder of rows to predict")
     p.add_argument("--description", help="description file of the CSV file")
     p.add_argument("--proba", action="store_true", help="write one probability per class instead of the class")
     p.add_argument("--weight-column", help="column to leave out, as in velmot train")
@@ -433,7 +456,13 @@ def build_parser():
 
     p = commands.add_parser("inspect", help="summarise a model file")
     p.add_argument("model", help="model file written by velmot train")
+    p.add_argument("--plot", help="also draw the feature importances to this file (.png, .svg, .pdf)")
     p.set_defaults(run=inspect)
+
+    p = commands.add_parser("export", help="write a model file as an ONNX graph")
+    p.add_argument("model", help="model file written by velmot train")
+    p.add_argument("output", help="ONNX file to write (.onnx); its label output gives the class names")
+    p.set_defaults(run=export)
     return parser
 
 

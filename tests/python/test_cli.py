@@ -239,3 +239,12 @@ def test_weights_oob_and_leaf_size_reach_the_forest(tmp_path, capsys):
     assert run("predict", tmp_path / "weight.npz", data, "--weight-column", "weight", "-o", tmp_path / "p.csv") == 0
     assert "not a feature column" in fails(capsys, "train", data, "--weight-column", 6, "-o", tmp_path / "m.npz")
     assert "names no column" in fails(capsys, "train", data, "--weight-column", "mass", "-o", tmp_path / "m.npz")
+
+
+def test_inspect_plots_the_importances_or_says_what_is_missing(iris_model, tmp_path, capsys, monkeypatch):
+    assert run("inspect", iris_model, "--plot", tmp_path / "i.png") == 0
+    assert (tmp_path / "i.png").read_bytes().startswith(b"\x89PNG")
+    assert "must name a picture format" in fails(capsys, "inspect", iris_model, "--plot", tmp_path / "i.txt")
+    monkeypatch.setitem(sys.modules, "matplotlib.figure", None)
+    assert "pip install 'velmot[plot]'" in fails(capsys, "inspect", iris_model, "--plot", tmp_path / "j.png")
+    assert leftovers(tmp_path) == [] and not (tmp_path / "j.png").exists()

@@ -41,7 +41,7 @@ def best_split(X, y, weight, items, f, n, mean, total):
     best, where, left = total * total / n, (f, pairs[0][0], pairs[0][0]), 0.0
     for k in range(len(pairs) - 1):
         left += 1.0 * (pairs[k][1] - mean)
-        if n > 2 and pairs[k][0] != pairs[k + 1][0]:
+        if pairs[k][0] != pairs[k + 1][0]:
             score = left * left / (k + 1) + (total - left) * (total - left) / (n - k - 1)
             if best < score:
                 best, where = score, (f, pairs[k][0], pairs[k + 1][0])
@@ -72,7 +72,7 @@ def reference_tree(X, y, seed, k):
         left = [i for i in items if X[i, f] < threshold]
         right = [i for i in items if not X[i, f] < threshold]
         rows[node][3] = threshold
-        if sum(weight[left]) > 1 and sum(weight[right]) > 1:
+        if left and right:  # min_samples_leaf=1: children of one sample or more
             rows[node][:3], rows[node][4] = [len(rows), len(rows) + 1, f], -2.0
             queue.extend([(len(rows), left), (len(rows) + 1, right)])
             rows += [[-1, -1, -1, np.nan, 0.0, 0], [-1, -1, -1, np.nan, 0.0, 0]]
@@ -85,9 +85,7 @@ def test_trees_equal_an_independent_squared_error_learner(kind):
     X = rng.randint(0, 4, size=(40, 3)).astype(float) if kind == "ties" else rng.normal(size=(40, 3))
     X[:, 0] += 3 * np.sign(X[:, 0])  # a gap around the step at 0
     y = {"constant": np.full(40, 3.25), "step": np.where(X[:, 0] < 0, -2.0, 5.5)}.get(kind, np.round(X[:, 0] + 2, 2))
-    forest = RandomForestRegressor(n_estimators=4, max_features=None, min_samples_leaf="pairs", random_state=7).fit(
-        X, y
-    )
+    forest = RandomForestRegressor(n_estimators=4, max_features=None, random_state=7).fit(X, y)
     nodes, importances = forest.nodes_, []
     rows = np.column_stack([nodes.left, nodes.right, nodes.feature, nodes.threshold, nodes.value, nodes.count])
     for k in range(4):

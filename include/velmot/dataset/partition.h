@@ -76,8 +76,8 @@ size_t partition_by_value(S& sample, size_t feature_index, size_t begin, size_t 
 }
 
 // The same for a ranked feature, given the first rank whose value is not
-// below the threshold (among the ranks present in the range): reads 4-byte
-// ranks instead of values, from the instance-major copy where a small node
+// below the threshold (among the ranks present in the range): reads ranks
+// (1 to 4 bytes) instead of values, from the instance-major copy where a small node
 // gains by it (FeatureRanks::rows_serve).
 template <class S, class F>
 size_t partition_by_rank(S& sample, const FeatureRanks<F>& ranks, size_t feature_index, size_t begin, size_t end,
@@ -89,9 +89,10 @@ size_t partition_by_rank(S& sample, const FeatureRanks<F>& ranks, size_t feature
       return rank_of[i * stride] < first_right_rank;
     });
   }
-  const uint32_t* rank_of = ranks.ranks(feature_index);
-  return partition_positions(sample, begin, end,
-                             [rank_of, first_right_rank](uint64_t i) { return rank_of[i] < first_right_rank; });
+  return ranks.visit_ranks(feature_index, [&](const auto* rank_of) {
+    return partition_positions(sample, begin, end,
+                               [rank_of, first_right_rank](uint64_t i) { return rank_of[i] < first_right_rank; });
+  });
 }
 
 }  // namespace Velmot

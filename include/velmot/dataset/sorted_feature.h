@@ -160,7 +160,7 @@ public:
     form = in_buffer;
     ranks = sample.ranks;
     const size_t n = end - begin;
-    if constexpr (std::is_floating_point<F>::value) {
+    if constexpr (learns_with_ranks<F, L>()) {
       if (ranks != nullptr && ranks->has_ranks(feature_index)) {
         if (n <= 1) return false;
         if constexpr (std::is_integral<L>::value) {
@@ -169,7 +169,9 @@ public:
               return gather_and_sort_packed(sample, ranks->row_ranks(feature_index), begin, n, packed_ranks,
                                             ranks->row_stride());
             }
-            return gather_and_sort_packed(sample, ranks->ranks(feature_index), begin, n, packed_ranks);
+            return ranks->visit_ranks(feature_index, [&](const auto* column) {
+              return gather_and_sort_packed(sample, column, begin, n, packed_ranks);
+            });
           }
         }
         return gather_and_sort_ranks(sample, feature_index, begin, n);
@@ -336,9 +338,13 @@ private:
   // (rank, label) of a ranked feature with real labels, a copy per
   // instance. False for a constant feature.
   bool gather_and_sort_ranks(const Sample& sample, size_t feature_index, size_t begin, size_t n) {
+    return ranks->visit_ranks(feature_index,
+                              [&](const auto* rank_of) { return gather_and_sort_ranks(sample, rank_of, begin, n); });
+  }
+  template <class Rank>
+  bool gather_and_sort_ranks(const Sample& sample, const Rank* rank_of, size_t begin, size_t n) {
     const size_t copies = sample.weight_of(begin, begin + n);
     rank_sort.prepare(copies);
-    const uint32_t* rank_of = ranks->ranks(feature_index);
     uint32_t* key = rank_sort.key.data();
     L* label = rank_sort.label.data();
     const uint64_t* position = sample.indices.data() + begin;

@@ -133,10 +133,10 @@ std::vector<Node<typename D::label_type>*> learn_forest(const D& data,
   const size_t num_importances = feature_importances.size();
   learn_forest_detail::check_forest_input(data, forest_size, sample_prop, num_importances, compute_feature_importances);
 
-  // Ranks of the floating-point features, shared by all trees: nodes then
-  // sort small integers instead of values (same order, same trees).
+  // Ranks of the features, shared by all trees: nodes then sort small
+  // integers instead of values (same order, same trees).
   FeatureRanks<typename D::feature_type>& ranks = reusable.ranks;
-  if constexpr (std::is_floating_point<typename D::feature_type>::value) {
+  if constexpr (learns_with_ranks<typename D::feature_type, typename D::label_type>()) {
     if (!reusable.made && forest_size > 0) {
       // Only a speed-up: without memory for it, nodes sort values instead.
       try {

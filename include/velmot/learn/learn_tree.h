@@ -217,15 +217,24 @@ size_t partition_by_winner(const RangeDataSet<IndexedDataSet<D>>& range, const S
 
 }  // namespace learn_tree_detail
 
+// A grower's node observer that ignores every node.
+struct IgnoreNodes {
+  template <class A>
+  void operator()(const A&) const {}
+};
+
 // learn_tree without its checks of the input, for callers that checked it
 // once per call (learn_forest, whose check covers every tree's sample),
 // under any growth limits (learn/growth_limits.h). Every random choice
-// draws from `random`.
-template <class D, class Criterion>
+// draws from `random`. on_node(statistics) sees each node's label
+// statistics (NodeLabels::statistics(): a histogram, or squared-error sums;
+// empty for an empty node) once, in the order nodes are processed:
+// breadth-first, the numbering of the tree arrays.
+template <class D, class Criterion, class OnNode = IgnoreNodes>
 Node<typename D::label_type>* grow_tree(const IndexedDataSet<D>& data, int fte_per_split, int max_depth,
                                         const GrowthLimits& limits, const Criterion& criteria,
                                         bool compute_feature_importances, std::vector<double>& feature_importances,
-                                        XorShiftRNG& random) {
+                                        XorShiftRNG& random, OnNode on_node = OnNode()) {
   typedef typename D::label_type L;
   typedef typename D::feature_type F;
   typedef IndexedDataSet<D> I;
@@ -254,11 +263,12 @@ Node<typename D::label_type>* grow_tree(const IndexedDataSet<D>& data, int fte_p
       Node<L>* node = task.node;
       RangeDataSet<I> range(&indexed_data, static_cast<size_t>(task.begin_i), static_cast<size_t>(task.end_i));
 
+      labels.count(range);
+      on_node(labels.statistics());
       if (range.get_num_instances() == 0) {
         node->set_label(static_cast<L>(-2));
         continue;
       }
-      labels.count(range);
       // The node's instances, repeats included.
       const size_t n = labels.total();
       if (labels.is_pure() || limits.too_small(n)) {

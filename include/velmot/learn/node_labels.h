@@ -6,15 +6,17 @@
 // classification criteria, squared-error sums for SquaredError. The grower
 // is written once over this interface:
 //   count(range)            the node's statistics over its range (weights
-//                           counted); called on a non-empty range;
+//                           counted), empty for an empty range;
+//   statistics()            those statistics, for the node observers
+//                           (learn/node_statistics.h);
 //   total()                 the node's instances, repeats included;
 //   is_pure()               no split can help: the node becomes a leaf;
 //   leaf_value(random)      a leaf's label (classes: the most frequent,
 //                           ties broken at random; squared error: the mean,
 //                           no draw);
 //   begin_search(criteria)  once per node, before its features' sweeps;
-//   best_split(input, criteria, limit)  one feature's FeatureSplit
-//                           (learn/sweep.h) under the leaf limit;
+//   best_split(input, criteria, limit)  one feature's FeatureSplit under a
+//                           leaf limit (learn/sweep.h);
 //   improvement(impurity, criteria)  the winner's decrease, at least 0;
 //   importance_credit(g, n)  what a split of improvement g over n instances
 //                           adds to its feature's importance;
@@ -26,6 +28,8 @@
 #include <algorithm>
 #include <cstddef>
 
+#include "velmot/learn/growth_limits.h"
+#include "velmot/learn/squared_error_sides.h"
 #include "velmot/learn/sweep.h"
 #include "velmot/stats/criteria.h"
 #include "velmot/stats/label_accumulator.h"
@@ -45,6 +49,7 @@ public:
     counts.set_num_classes(static_cast<int>(range.get_num_classes()));
     counts.add_weighted_count(range);
   }
+  const NominalLabelPriorAccumulator<int>& statistics() const { return counts; }
   size_t total() const { return counts.get_total_count(); }
   bool is_pure() const { return static_cast<size_t>(counts.get_mode().second) == counts.get_total_count(); }
   template <class RNG>
@@ -77,6 +82,7 @@ public:
   void count(const R& range) {
     stats.count(range);
   }
+  const SquaredErrorStatistics& statistics() const { return stats; }
   size_t total() const { return stats.total(); }
   bool is_pure() const { return stats.is_constant(); }
   template <class RNG>

@@ -18,10 +18,10 @@
 // take(counts, sums): the votes (n x classes) and no sums, or the trees per
 // instance and the sums.
 //
-// A tree's out-of-bag instances go down it as its in-bag ones do for the
-// node statistics (send_down_tree, learn/node_statistics.h): slice by slice,
+// A tree's out-of-bag instances go down it slice by slice (send_down_tree),
 // each column read forwards, over the values the grower saw.
 
+#include <algorithm>
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -33,9 +33,52 @@
 #include <vector>
 
 #include "velmot/learn/forest_arrays.h"
-#include "velmot/learn/node_statistics.h"
 
 namespace Velmot {
+
+// Sends the instances position[0 .. n) (ascending, distinct; weight[p] goes
+// with position[p], and weight may be empty) down the one tree in `tree`
+// (node arrays of any leaf value), node by node in its breadth-first order: visit(node, first, last) sees
+// the node's slice [first, last) of position and weight before the node's
+// split partitions it stably (a value below the threshold goes left), so
+// every slice stays ascending and each column is read forwards.
+template <class Tree, class D, class Visit>
+void send_down_tree(const Tree& tree, const D& data, std::vector<uint32_t>& position, std::vector<uint32_t>& weight,
+                    Visit&& visit) {
+  const size_t num_nodes = tree.num_nodes();
+  const bool weighted = !weight.empty();
+  std::vector<size_t> begin(num_nodes, 0), end(num_nodes, 0);
+  end[0] = position.size();
+  std::vector<uint32_t> spare_position(position.size()), spare_weight(weighted ? position.size() : 0);
+  for (size_t node = 0; node < num_nodes; ++node) {
+    const size_t first = begin[node], last = end[node];
+    visit(node, first, last);
+    const int32_t left = tree.left[node], right = tree.right[node];
+    if (left < 0 || right < 0) continue;
+    const auto* column = data.column(static_cast<size_t>(tree.feature[node]));
+    const double threshold = tree.threshold[node];
+    size_t kept = first, sent = 0;
+    for (size_t p = first; p < last; ++p) {
+      if (threshold > static_cast<double>(column[position[p]])) {
+        if (weighted) weight[kept] = weight[p];
+        position[kept++] = position[p];
+      } else {
+        if (weighted) spare_weight[sent] = weight[p];
+        spare_position[sent++] = position[p];
+      }
+    }
+    std::copy(spare_position.begin(), spare_position.begin() + static_cast<std::ptrdiff_t>(sent),
+              position.begin() + static_cast<std::ptrdiff_t>(kept));
+    if (weighted) {
+      std::copy(spare_weight.begin(), spare_weight.begin() + static_cast<std::ptrdiff_t>(sent),
+                weight.begin() + static_cast<std::ptrdiff_t>(kept));
+    }
+    begin[static_cast<size_t>(left)] = first;
+    end[static_cast<size_t>(left)] = kept;
+    begin[static_cast<size_t>(right)] = kept;
+    end[static_cast<size_t>(right)] = last;
+  }
+}
 
 namespace out_of_bag_detail {
 

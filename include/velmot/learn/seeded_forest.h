@@ -13,14 +13,15 @@
 // workers one at a time (for_each_index, defs/parallel.h: a dynamic
 // schedule, since trees differ in size, and a forked child runs the
 // workers' shares on the calling thread); for each
-// tree draw its sample, grow it with learn_tree, flatten it into
-// ForestArrays and add its in-bag counts and impurities (and, if asked, its
-// out-of-bag estimates); record its normalised importances. Trees are joined in
-// tree order after the region.
+// tree draw its sample, grow it with learn_tree while recording its nodes'
+// in-bag counts and impurities, flatten it into ForestArrays (and, if asked,
+// add its out-of-bag estimates); record its normalised importances. Trees
+// are joined in tree order after the region.
 //
 // Labels: class codes (L = int) under a classification criterion, or real
 // targets (L = double) under SquaredError; a regression forest's leaves
-// hold their mean targets and its nodes their mean squared errors.
+// hold their mean targets and its nodes their mean squared errors, and its
+// out-of-bag estimates are sums of predictions (learn/out_of_bag.h).
 //
 // Progress: trees_done grows by one per finished tree; setting cancel makes
 // the workers skip the trees they have not started (the result is then
@@ -121,17 +122,6 @@ void check_seeded_forest_input(const TrainingSet<F, L>& set, const SeededForestS
   }
 }
 
-// The statistics of one grown tree's nodes.
-template <class D, class Index, class Criterion>
-void fill_tree_statistics(NodeArrays<int>& tree, const D& data, const std::vector<Index>& indices, const Criterion&) {
-  fill_node_statistics(tree, data, indices, impurity_measure_of<Criterion>());
-}
-template <class D, class Index>
-void fill_tree_statistics(NodeArrays<double>& tree, const D& data, const std::vector<Index>& indices,
-                          const SquaredError&) {
-  fill_node_statistics(tree, data, indices);
-}
-
 template <class F, class L, class Criterion>
 SeededForestOf<L> learn_seeded_forest(const TrainingSet<F, L>& set, const SeededForestSettings& settings,
                                       const Criterion& criteria, LearningProgress& progress) {
@@ -153,12 +143,16 @@ SeededForestOf<L> learn_seeded_forest(const TrainingSet<F, L>& set, const Seeded
     IndexedDataSet<D> sample = weighted_subset_iid(&data, settings.sample_prop, draws, rng);
     sample.ranks = &set.ranks;
     std::vector<double> importances(nf, 0.0);
+    // Regression nodes are measured by their mean squared error, whatever the measure.
+    NodeStatistics statistics(impurity_measure_of<Criterion>());
     std::unique_ptr<Node<L>> root(grow_tree(sample, settings.fte_per_split, settings.max_depth, settings.limits,
-                                            criteria, true, importances, rng));
+                                            criteria, true, importances, rng,
+                                            [&statistics](const auto& node) { statistics(node); }));
     NodeArrays<L>& tree = trees[static_cast<size_t>(j)];
     tree = flatten_tree(*root);
     root.reset();
-    fill_tree_statistics(tree, data, sample.indices, criteria);
+    tree.count.swap(statistics.count);
+    tree.impurity.swap(statistics.impurity);
     if (oob) oob->add_tree(j, tree, data, sample.indices);
     std::copy(importances.begin(), importances.end(), forest.tree_importances.begin() + j * static_cast<int64_t>(nf));
     progress.trees_done.fetch_add(1, std::memory_order_relaxed);

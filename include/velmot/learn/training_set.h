@@ -3,15 +3,14 @@
 
 // TrainingSet: a training set as learning reads it, prepared once and then
 // shared read-only by any number of trees: the features copied into the
-// library's columns, missing values imputed, and (for floating-point
-// features) ranked, with the instance-major copy of the ranks where the
+// library's columns, missing values imputed, and (for floating-point and
+// int features) ranked, with the instance-major copy of the ranks where the
 // rank table outgrows the cache (the same preparation learn_forest makes).
 //
 // The ranks only speed learning up: without memory for them, nodes sort
 // values, and the trees are the same.
 
 #include <new>
-#include <type_traits>
 
 #include "velmot/dataset/dataset.h"
 #include "velmot/dataset/feature_ranks.h"
@@ -31,7 +30,7 @@ template <class F, class L, class Source>
 void prepare_training_set(TrainingSet<F, L>& set, const Source& source) {
   set.data.copy_from(source);
   set.data.impute();
-  if constexpr (std::is_floating_point<F>::value) {
+  if constexpr (learns_with_ranks<F, int>()) {
     try {
       set.ranks = FeatureRanks<F>(set.data);
     } catch (const std::bad_alloc&) {

@@ -26,7 +26,7 @@ from .._forest import weighed_medians
 from .._learning import forest_seed, mean_importances
 from .._regressor import RandomForestRegressor as LocalRandomForestRegressor
 from .._settings import MAX_SAMPLES, resolve_settings
-from .._weights import class_weight_factors, sample_weights
+from .._weights import class_weight_factors
 from ._cluster import cancelled_on_failure, computed, finished, lost
 from ._partitions import aligned_partitions, combined_medians, delayed_partitions, is_dask_dataframe
 from ._tasks import learn_block, learn_partition, predict_block, summarize_partition
@@ -51,6 +51,7 @@ _FITTED_ATTRIBUTES = (
     "oob_prediction_",
     "_missing_value_fill_",
 )
+
 
 _DASK_PARAMETER_CONSTRAINTS = {
     "partition_wise": ["boolean"],
@@ -77,9 +78,9 @@ class _DaskForest:
             Class labels or targets. Partition-wise, a Dask collection with
             X's partitions (a numpy vector is split like a Dask array X).
         sample_weight : array-like of shape (n_samples,) or None, default=None
-            Sample weights, as for the local estimator; only when scattering
-            (partition-wise, ``class_weight`` applies but sample weights are
-            refused).
+            Sample weights, as in the local estimator; only
+            when scattering (partition-wise, ``class_weight`` applies but
+            sample weights are refused).
 
         Returns
         -------
@@ -199,7 +200,7 @@ class _DaskForest:
         self._check_targets(y)
         settings = resolve_settings(self, *X.shape)
         targets, labels, n_classes = self._encode_targets(y)
-        weights = sample_weights(sample_weight, X, self._class_factors(targets, labels))
+        weights = self._sample_weights(sample_weight, X, targets, labels)
         X = as_module_dtype(X)
         check_splittable(X)
         X, medians = weighed_medians(X, weights)
@@ -245,9 +246,9 @@ class _DaskForest:
                         raise
                 finally:
                     client.cancel(data)
-        nodes, importances, out_of_bag = self._joined(blocks)
+        nodes, importances, votes = self._joined(blocks)
         self._set_fitted(targets, nodes, importances, medians)
-        self._fit_out_of_bag(out_of_bag, targets, labels)
+        self._set_out_of_bag(votes, labels)
 
     def _fit_partition_wise(self, client, X, y):
         X, y, n_features = aligned_partitions(X, y)
@@ -280,11 +281,10 @@ class _DaskForest:
             raise ValueError("X has no samples; every partition is empty.")
         # The classes over all partitions; regression targets are checked
         # where they lie.
-        classes = None
+        classes = class_factors = None
         if self._TASK == "classification":
             classes = np.unique(np.concatenate([summaries[i]["classes"] for i in used]))
             self._check_targets(classes)
-        class_factors = None
         if getattr(self, "class_weight", None) is not None:
             counts = np.zeros(len(classes), dtype=np.int64)
             for i in used:
@@ -323,9 +323,9 @@ class _DaskForest:
                 blocks[position] = block
                 progress.update(sizes[position])
         medians = combined_medians([summaries[i] for i in used], n_features)
-        nodes, importances, out_of_bag = self._joined(blocks, stacked=True)
+        nodes, importances, votes = self._joined(blocks, stacked=True)
         self._set_fitted(classes, nodes, importances, medians)
-        self._fit_out_of_bag(out_of_bag, classes, np.concatenate([block[3] for block in blocks]))
+        self._set_out_of_bag(votes, None if votes is None else np.concatenate([block[3] for block in blocks]))
 
     def _checked_partition_size(self, summary, index):
         n_samples = summary["n_samples"]
@@ -590,7 +590,7 @@ class RandomForestRegressor(_DaskForest, LocalRandomForestRegressor):
     local estimator's under an int ``random_state``, on any cluster) or
     partition-wise. Its parameters are the local regressor's, plus
     ``partition_wise``, ``trees_per_block`` and ``client`` as for the
-    classifier. Scattered, ``oob_prediction_`` sums the blocks' sums in
+    classifier. Scattered, ``oob_prediction_`` adds the blocks' sums in
     block order, so it equals the local estimator's up to rounding.
 
     Examples

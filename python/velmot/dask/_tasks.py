@@ -39,7 +39,7 @@ def summarize_partition(X_part, y_part, with_classes=True):
         return {"n_samples": 0}
     return {
         "n_samples": len(y),
-        **dict(zip(("classes", "class_counts"), np.unique(y, return_counts=True) if with_classes else (None, None))),
+        **(dict(zip(("classes", "class_counts"), np.unique(y, return_counts=True))) if with_classes else {}),
         "medians": upper_medians(X),
         "present": np.count_nonzero(~np.isnan(X), axis=0) if X.dtype.kind == "f" else np.full(X.shape[1], len(y)),
     }
@@ -70,8 +70,8 @@ def learn_block(features, labels, sample_weight=None, *, n_classes, first_tree, 
 
 def learn_partition(X_part, y_part, classes, *, first_tree, last_tree, seed, settings, class_factors=None):
     """Trees [first_tree, last_tree) of the forest of ``seed``, learnt from
-    one partition, and its labels (codes over ``classes``, or targets when
-    ``classes`` is None)."""
+    one partition, and the partition's label codes (targets, for regression:
+    ``classes`` None)."""
     X, y = partition_data(X_part, y_part)
     if classes is None:
         labels = check_array(y, dtype=np.float64, ensure_2d=False)

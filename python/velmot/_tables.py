@@ -1,0 +1,306 @@
+"""Data files for the command line, read through pyarrow: CSV files, and
+Parquet files or folders of them (chosen by the extension .parquet or .pq,
+or by the path being a folder).
+
+CSV files are parsed on all cores, feature columns straight to float64;
+the rows of ``_csv.CsvRows`` stay the rule for what a CSV file means. That
+reader decides about the header, and whenever pyarrow refuses a file or
+reads something that reader might read otherwise (a spelling of NaN other
+than the missing-value words, an infinite value, a class that is blank, a
+very long field, a row count pyarrow did not expect), the file is read again
+by the row reader, which either reads it as before or names the line that
+is wrong. A well-formed file therefore costs one fast pass, a malformed one
+also the slow pass that finds its line.
+
+A Parquet file has column names and types: feature columns must be numbers
+(integers, floats or bools; nulls are missing values), and the class column
+may be of any type, taken as text. Training keeps the features' own element
+type when they all share one that the library learns on (float64, float32,
+int32, uint8) and have no nulls; otherwise they become float64.
+"""
+
+import csv
+import os
+
+import numpy as np
+
+from ._csv import MISSING, CsvRows
+
+PARQUET_SUFFIXES = (".parquet", ".pq")
+# Bytes of CSV text per record batch when predicting: each batch is one
+# numpy matrix, so this bounds the memory prediction needs.
+_BATCH_BYTES = 1 << 22
+_NATIVE_TYPES = ("double", "float", "int32", "uint8")
+
+
+def _memory_pool():
+    """The C library's allocator, which hands freed memory back to the
+    system: pyarrow's default pool keeps the table's pages after it is
+    freed, and they would stay resident through the whole fit. Made the
+    default too, for the buffers pyarrow's readers allocate on their own
+    (the command line is the only user of this module in its process)."""
+    import pyarrow as pa
+
+    pa.set_memory_pool(pa.system_memory_pool())
+    return pa.system_memory_pool()
+
+
+def _release_memory():
+    _memory_pool().release_unused()
+
+
+class _Unsure(Exception):
+    """pyarrow's reading may differ from the row reader's: read the rows."""
+
+
+def open_table(path):
+    """The table of a data file: ParquetTable or CsvTable by its name."""
+    _memory_pool()
+    if os.path.isdir(path) or path.lower().endswith(PARQUET_SUFFIXES):
+        return ParquetTable(path)
+    return CsvTable(path)
+
+
+def _column_name(c):
+    return f"f{c}"  # pyarrow's name for a CSV column without a header
+
+
+class CsvTable:
+    """A CSV file: its first row (a header or not) and its columns."""
+
+    def __init__(self, path):
+        self.path = path
+        self._rows = CsvRows(path)
+        self.n_columns = self._rows.n_columns
+
+    @property
+    def first_row(self):
+        return self._rows.first
+
+    def take_header(self, feature_columns):
+        return self._rows.take_header(feature_columns)
+
+    def training_data(self, feature_columns, class_column):
+        """(features float64 (n, k) in column-major order, class texts of the
+        distinct classes, each row's index into them)."""
+        import pyarrow as pa
+        import pyarrow.csv as pacsv
+
+        try:
+            table = pacsv.read_csv(
+                self.path, **self._arrow_options(feature_columns, use_threads=True), memory_pool=_memory_pool()
+            )
+            if table.num_columns != self.n_columns:
+                raise _Unsure
+            features = np.empty((table.num_rows, len(feature_columns)), order="F")
+            for k, c in enumerate(feature_columns):
+                features[:, k] = _checked_floats(table.column(_column_name(c)))
+            _check_fields(table, feature_columns)
+            classes, inverse = _class_texts(table.column(_column_name(class_column)))
+            if "" in classes:
+                raise _Unsure
+        except (pa.ArrowException, _Unsure):
+            return self._read_rows(feature_columns, class_column)
+        finally:
+            table = None
+            _release_memory()
+        return features, classes, inverse
+
+    def _read_rows(self, feature_columns, class_column):
+        chunks = list(self._rows.chunks(1 << 16, feature_columns, class_column))
+        features = np.concatenate([chunk for chunk, _ in chunks]) if chunks else np.empty((0, len(feature_columns)))
+        classes, inverse = np.unique([text for _, texts in chunks for text in texts], return_inverse=True)
+        return np.asfortranarray(features), classes.tolist(), inverse
+
+    def feature_batches(self, feature_columns, rows_per_batch):
+        """Yields float64 (n, k) matrices of the data rows in order, a batch
+        at a time, so that files larger than memory can be read."""
+        import pyarrow as pa
+        import pyarrow.csv as pacsv
+
+        done = 0
+        try:
+            reader = pacsv.open_csv(
+                self.path, **self._arrow_options(feature_columns, use_threads=False), memory_pool=_memory_pool()
+            )
+            for batch in reader:
+                if batch.num_columns != self.n_columns:
+                    raise _Unsure
+                _check_fields(batch, feature_columns)
+                features = np.empty((batch.num_rows, len(feature_columns)))
+                for k, c in enumerate(feature_columns):
+                    features[:, k] = _checked_floats(batch.column(_column_name(c)))
+                for start in range(0, len(features), rows_per_batch):
+                    yield features[start : start + rows_per_batch]
+                done += len(features)
+            return
+        except (pa.ArrowException, _Unsure):
+            pass
+        # The row reader reads the file again: rows already yielded are
+        # passed over, and the first it reads otherwise names its line.
+        for chunk, _ in self._rows.chunks(rows_per_batch, feature_columns, None):
+            skip = min(done, len(chunk))
+            done -= skip
+            if skip < len(chunk):
+                yield chunk[skip:]
+
+    def _arrow_options(self, feature_columns, *, use_threads):
+        import pyarrow as pa
+        import pyarrow.csv as pacsv
+
+        types = {_column_name(c): pa.string() for c in range(self.n_columns)}
+        types.update({_column_name(c): pa.float64() for c in feature_columns})
+        return {
+            "read_options": pacsv.ReadOptions(
+                use_threads=use_threads,
+                block_size=None if use_threads else _BATCH_BYTES,
+                skip_rows=0 if self._rows.header is None else 1,
+                autogenerate_column_names=True,
+            ),
+            # A quoted field may hold line ends, as the row reader allows.
+            "parse_options": pacsv.ParseOptions(newlines_in_values=True),
+            "convert_options": pacsv.ConvertOptions(
+                column_types=types, null_values=sorted(MISSING), strings_can_be_null=False, check_utf8=True
+            ),
+        }
+
+    def close(self):
+        self._rows.close()
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *exc):
+        self.close()
+
+
+def _checked_floats(column):
+    """The column as float64, missing values NaN; _Unsure where pyarrow read
+    a NaN it was not told to (the row reader refuses some spellings of it)
+    or an infinite value (refused, with its line)."""
+    values = column.to_numpy(zero_copy_only=False)
+    if np.count_nonzero(~np.isfinite(values)) != column.null_count:
+        raise _Unsure
+    return values
+
+
+def _check_fields(table, feature_columns):
+    """_Unsure if a text field reaches the row reader's field size limit."""
+    import pyarrow.compute as pc
+
+    for c in set(range(table.num_columns)) - set(feature_columns):
+        longest = pc.max(pc.utf8_length(table.column(_column_name(c)))).as_py()
+        if longest is not None and longest >= csv.field_size_limit():
+            raise _Unsure
+
+
+def _class_texts(column):
+    """The distinct class texts, white space stripped, and each row's index
+    into them."""
+    import pyarrow.compute as pc
+
+    distinct = pc.unique(column)
+    codes = np.asarray(pc.index_in(column, value_set=distinct))
+    texts = [text.strip() for text in distinct.to_pylist()]
+    return texts, codes
+
+
+class ParquetTable:
+    """A Parquet file, or a folder of Parquet files read as one table."""
+
+    def __init__(self, path):
+        import pyarrow as pa
+        import pyarrow.dataset as ds
+
+        self.path = path
+        try:
+            self._data = ds.dataset(path, format="parquet")
+        except (pa.ArrowException, OSError) as error:
+            raise ValueError(f"{path}: not a Parquet file or folder of them ({error})") from None
+        self._names = self._data.schema.names
+        self.n_columns = len(self._names)
+        if self.n_columns == 0:
+            raise ValueError(f"{path}: the file holds no columns")
+
+    @property
+    def first_row(self):
+        return self._names
+
+    def take_header(self, feature_columns):
+        import pyarrow as pa
+
+        for c in feature_columns:
+            kind = self._data.schema.field(c).type
+            if not (pa.types.is_integer(kind) or pa.types.is_floating(kind) or pa.types.is_boolean(kind)):
+                raise ValueError(f"{self.path}: column {c} ({self._names[c]!r}) holds {kind}, not numbers")
+        return self._names
+
+    def _read(self, columns):
+        import pyarrow as pa
+
+        try:
+            return self._data.to_table(columns=[self._names[c] for c in columns], memory_pool=_memory_pool())
+        except pa.ArrowException as error:
+            raise ValueError(f"{self.path}: {error}") from None
+
+    def training_data(self, feature_columns, class_column):
+        """As CsvTable.training_data, in the features' own type where the
+        library learns on it."""
+        import pyarrow.compute as pc
+
+        table = self._read([*feature_columns, class_column])
+        kinds = {str(table.schema.field(k).type) for k in range(len(feature_columns))}
+        native = len(kinds) == 1 and kinds <= set(_NATIVE_TYPES)
+        dtype = (
+            table.column(0).type.to_pandas_dtype()
+            if native and all(table.column(k).null_count == 0 for k in range(len(feature_columns)))
+            else np.float64
+        )
+        features = np.empty((table.num_rows, len(feature_columns)), dtype=dtype, order="F")
+        for k, c in enumerate(feature_columns):
+            features[:, k] = self._numbers(table.column(k), c, 0)
+        classes = table.column(len(feature_columns))
+        if classes.null_count:
+            row = int(np.flatnonzero(np.asarray(pc.is_null(classes)))[0])
+            raise ValueError(f"{self.path} row {row + 1}: the class (column {class_column}) is empty")
+        texts, inverse = _class_texts(pc.cast(classes, "string"))
+        if "" in texts:
+            row = int(np.flatnonzero(np.asarray(inverse) == texts.index(""))[0])
+            raise ValueError(f"{self.path} row {row + 1}: the class (column {class_column}) is empty")
+        del table, classes
+        _release_memory()
+        return features, texts, inverse
+
+    def feature_batches(self, feature_columns, rows_per_batch):
+        import pyarrow as pa
+
+        done = 0
+        try:
+            columns = [self._names[c] for c in feature_columns]
+            for batch in self._data.to_batches(columns=columns, memory_pool=_memory_pool()):
+                features = np.empty((batch.num_rows, len(feature_columns)))
+                for k, c in enumerate(feature_columns):
+                    features[:, k] = self._numbers(batch.column(k), c, done)
+                for start in range(0, len(features), rows_per_batch):
+                    yield features[start : start + rows_per_batch]
+                done += len(features)
+        except pa.ArrowException as error:
+            raise ValueError(f"{self.path}: {error}") from None
+
+    def _numbers(self, column, c, first_row):
+        values = column.to_numpy(zero_copy_only=False)
+        if values.dtype.kind == "f":
+            infinite = np.flatnonzero(np.isinf(values))
+            if len(infinite):
+                row = first_row + int(infinite[0]) + 1
+                raise ValueError(f"{self.path} row {row}, column {c}: infinite values are not allowed")
+        return values
+
+    def close(self):
+        pass
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *exc):
+        self.close()

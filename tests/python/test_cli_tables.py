@@ -1,0 +1,96 @@
+"""The command line's data files through pyarrow: CSV and Parquet."""
+
+import numpy as np
+import pyarrow as pa
+import pyarrow.parquet as pq
+import pytest
+
+from test_cli import fails, leftovers, run
+from velmot import _tables, load
+
+HEADER = b"a,b,c,kind\n"
+
+
+def rows(n=300):
+    rng = np.random.default_rng(5)
+    X = rng.normal(size=(n, 3)).round(3)
+    kinds = np.where(X[:, 0] + X[:, 1] > 0, '" up"', "down")  # a quoted class with a space: stripped
+    lines = [f"{x[0]},{'NA' if i % 17 == 0 else x[1]},{x[2]},{k}" for i, (x, k) in enumerate(zip(X, kinds))]
+    return [line.encode() for line in lines]
+
+
+def as_parquet(csv_path, target):
+    import pyarrow.csv as pacsv
+
+    table = pacsv.read_csv(csv_path, convert_options=pacsv.ConvertOptions(null_values=["NA"]))
+    if target.suffix:
+        pq.write_table(table, target)
+    else:  # a folder of files, rows in the files' name order
+        target.mkdir()
+        for k, start in enumerate(range(0, table.num_rows, 128)):
+            pq.write_table(table.slice(start, 128), target / f"part-{k}.parquet")
+    return target
+
+
+@pytest.mark.parametrize("variant", ["bom crlf trailing", "parquet", "parquet folder"])
+def test_csv_and_parquet_give_the_same_forest_as_the_row_reader(tmp_path, monkeypatch, variant):
+    plain = tmp_path / "plain.csv"
+    plain.write_bytes(HEADER + b"\n".join(rows()) + b"\n")
+    expected, model = tmp_path / "expected.npz", tmp_path / "m.npz"
+    with monkeypatch.context() as patch:  # the row reader alone
+        patch.setattr(_tables.CsvTable, "training_data", _tables.CsvTable._read_rows)
+        assert run("train", plain, "--trees", 10, "--seed", 4, "-o", expected) == 0
+    if variant == "bom crlf trailing":
+        data = tmp_path / "d.csv"
+        data.write_bytes(b"\xef\xbb\xbf" + HEADER.replace(b"\n", b"\r\n") + b"\r\n".join(rows()) + b"\r\n\r\n")
+    else:
+        data = as_parquet(plain, tmp_path / ("d.parquet" if variant == "parquet" else "d"))
+    # Well-formed files never need the row reader.
+    monkeypatch.setattr(_tables.CsvTable, "_read_rows", None)
+    assert run("train", data, "--trees", 10, "--seed", 4, "-o", model) == 0
+    np.testing.assert_equal(load(model).nodes_.as_dict(), load(expected).nodes_.as_dict())
+    out, reference = tmp_path / "o.csv", tmp_path / "r.csv"
+    assert run("predict", model, data, "--proba", "-o", out) == 0
+    assert run("predict", expected, plain, "--proba", "-o", reference) == 0
+    assert out.read_text() == reference.read_text()
+
+
+@pytest.mark.parametrize(
+    "late_row, message",
+    [
+        (b"1,-nan,2,up", None),  # pyarrow reads it otherwise: the row reader goes on from there
+        (b"1,2,up", "line 702: expected 4 fields, found 3"),
+        (b"1,nan(1),2,up", "line 702, column 1: 'nan(1)' is not a number"),
+        (b"1,1e999,2,up", "line 702, column 1: infinite values are not allowed"),
+    ],
+)
+def test_prediction_streams_and_a_late_bad_row_names_its_line(tmp_path, capsys, monkeypatch, late_row, message):
+    monkeypatch.setattr(_tables, "_BATCH_BYTES", 4096)
+    body = rows(1000)
+    train, model = tmp_path / "t.csv", tmp_path / "m.npz"
+    train.write_bytes(HEADER + b"\n".join(body))
+    assert run("train", train, "--trees", 5, "--seed", 1, "-o", model) == 0
+    data, out, reference = tmp_path / "d.csv", tmp_path / "o.csv", tmp_path / "r.csv"
+    data.write_bytes(HEADER + b"\n".join(body[:700] + [late_row] + body[701:]))
+    if message:
+        assert message in fails(capsys, "predict", model, data, "-o", out)
+        assert not out.exists() and leftovers(tmp_path) == []
+    else:
+        assert run("predict", model, data, "--proba", "-o", out) == 0
+        data.write_bytes(data.read_bytes().replace(b"-nan", b"nan"))
+        assert run("predict", model, data, "--proba", "-o", reference) == 0
+        assert out.read_text() == reference.read_text()
+
+
+@pytest.mark.parametrize(
+    "columns, message",
+    [
+        ({"a": [1.0, np.inf], "y": ["u", "v"]}, "row 2, column 0: infinite values are not allowed"),
+        ({"a": ["1", "2"], "y": ["u", "v"]}, "column 0 ('a') holds string, not numbers"),
+        ({"a": [1.0, 2.0], "y": ["u", None]}, "row 2: the class (column 1) is empty"),
+    ],
+)
+def test_bad_parquet_exits_2_with_one_line(tmp_path, capsys, columns, message):
+    pq.write_table(pa.table(columns), tmp_path / "d.pq")
+    assert message in fails(capsys, "train", tmp_path / "d.pq", "-o", tmp_path / "m.npz")
+    assert not (tmp_path / "m.npz").exists()
