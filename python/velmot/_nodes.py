@@ -55,9 +55,13 @@ class ForestNodes:
         return {field.name: getattr(self, field.name) for field in fields(self)}
 
     def tree_arrays(self):
-        """The trees in the five-row float64 encoding of ``trees_``."""
-        rows = np.vstack([self.left, self.right, self.feature, self.threshold, self.value]).astype(np.float64)
-        return [np.ascontiguousarray(rows[:, begin:end]) for begin, end in zip(self.offsets[:-1], self.offsets[1:])]
+        """The trees in the five-row float64 encoding of ``trees_``.
+
+        Each tree is converted on its own: a forest-wide (5, n_nodes) copy
+        first would add twice the trees' size to a fit's peak memory."""
+        rows = (self.left, self.right, self.feature, self.threshold, self.value)
+        bounds = zip(self.offsets[:-1], self.offsets[1:])
+        return [np.array([row[begin:end] for row in rows], dtype=np.float64) for begin, end in bounds]
 
     @classmethod
     def from_tree_arrays(cls, trees):
