@@ -5,9 +5,11 @@ wall time and peak memory of the whole command beside the fit's own time.
 
 --baseline names a folder holding another ``velmot`` package (for example
 the previous command line beside this build's compiled modules); its CSV
-run is measured in the same session, for a before/after ratio. Every run
-uses all cores, 20 trees and seed 0; the machine's load average is printed
-with the figures, since a shared machine moves them.
+run is measured in the same session, for a before/after ratio, with its
+own default --jobs and with all cores. Every run learns 20 trees under seed
+0; the fit alone uses all cores, as the command does by default. The
+machine's load average is printed with the figures, since a shared machine
+moves them.
 """
 
 import argparse
@@ -53,19 +55,42 @@ def measured(command, pythonpath=None):
 
 
 def fit_alone(parquet_path):
-    """Prints the seconds of the fit alone on the data's float64 matrix, read
-    from Parquet before the clock starts."""
-    import pyarrow.parquet as pq
-
+    """Prints the seconds of the fit alone, the matrix's and the forest's
+    MiB, and the resident MiB before the data is read (the interpreter and
+    its libraries)."""
     import velmot
+    from velmot._tables import open_table
 
-    table = pq.read_table(parquet_path)
-    X = np.column_stack([table.column(j).to_numpy() for j in range(N_FEATURES)])
-    y = table.column(N_FEATURES).to_numpy(zero_copy_only=False)
-    del table
+    columns = list(range(N_FEATURES))
+    before = resident_mib()
+    with open_table(str(parquet_path)) as table:
+        table.take_header(columns)
+        X, _, codes = table.training_data(columns, N_FEATURES)
     start = time.perf_counter()
-    velmot.RandomForestClassifier(N_TREES, n_jobs=-1, random_state=0).fit(X, y)
-    print(time.perf_counter() - start, X.nbytes / 2**20)
+    forest = velmot.RandomForestClassifier(N_TREES, n_jobs=-1, random_state=0).fit(X, codes)
+    seconds = time.perf_counter() - start
+    forest_bytes = sum(a.nbytes for a in forest.nodes_.as_dict().values()) + sum(t.nbytes for t in forest.trees_)
+    print(seconds, X.nbytes / 2**20, forest_bytes / 2**20, before)
+
+
+def reading_seconds(csv_path):
+    """Seconds to read the training matrix and classes: the row reader, then
+    pyarrow."""
+    from velmot._tables import CsvTable
+
+    columns, seconds = list(range(N_FEATURES)), []
+    for read in (CsvTable._read_rows, CsvTable.training_data):
+        with CsvTable(str(csv_path)) as table:
+            table.take_header(columns)
+            start = time.perf_counter()
+            read(table, columns, N_FEATURES)
+            seconds.append(time.perf_counter() - start)
+    return seconds
+
+
+def resident_mib():
+    with open("/proc/self/statm") as statm:
+        return int(statm.read().split()[1]) * os.sysconf("SC_PAGE_SIZE") / 2**20
 
 
 def main():
@@ -79,19 +104,25 @@ def main():
     args.folder.mkdir(parents=True, exist_ok=True)
     csv_path, parquet_path = make_data(args.folder)
     print(f"load average before: {os.getloadavg()[0]:.2f}; CSV {csv_path.stat().st_size / 2**20:.0f} MiB")
+    rows, arrow = reading_seconds(csv_path)
+    print(f"reading the CSV file: row reader {rows:.2f} s, pyarrow {arrow:.2f} s ({rows / arrow:.1f} times as fast)")
     wall, peak, out = measured([sys.executable, __file__, "--fit-alone", str(parquet_path)])
-    fit, matrix = map(float, out.split())
+    fit, matrix, forest, interpreter = map(float, out.split())
     print(
-        f"fit alone: {fit:.2f} s on a {matrix:.0f} MiB float64 matrix; "
-        f"its process {wall:.2f} s, peak RSS {peak:.0f} MiB"
+        f"fit alone: {fit:.2f} s; matrix {matrix:.0f} MiB, forest {forest:.0f} MiB, interpreter and libraries "
+        f"{interpreter:.0f} MiB; target peak {interpreter + 2 * matrix + forest:.0f} MiB (2 x matrix + forest); "
+        f"the fit's process (Parquet read, fit): peak RSS {peak:.0f} MiB"
     )
-    runs = [("CSV", csv_path, None), ("Parquet", parquet_path, None)]
+    # (name, data, package folder, threads: None for the command's default)
+    runs = [("CSV", csv_path, None, None), ("Parquet", parquet_path, None, None)]
     if args.baseline:
-        runs.insert(0, ("CSV, baseline", csv_path, args.baseline))
-    for name, data, pythonpath in runs:
+        runs[:0] = [("CSV, baseline", csv_path, args.baseline, None), ("CSV, baseline", csv_path, args.baseline, -1)]
+    for name, data, pythonpath, jobs in runs:
         command = [sys.executable, "-m", "velmot", "train", str(data), "--trees", str(N_TREES), "--seed", "0"]
-        wall, peak, _ = measured([*command, "--jobs", "-1", "--quiet", "-o", str(args.folder / "m.npz")], pythonpath)
-        print(f"{name:14} wall {wall:6.2f} s (fit + {wall - fit:5.2f} s)  peak RSS {peak:6.0f} MiB")
+        command += [] if jobs is None else ["--jobs", str(jobs)]
+        wall, peak, _ = measured([*command, "--quiet", "-o", str(args.folder / "m.npz")], pythonpath)
+        threads = "default --jobs" if jobs is None else f"--jobs {jobs}"
+        print(f"{name:14} {threads:15} wall {wall:6.2f} s (fit + {wall - fit:5.2f} s)  peak RSS {peak:6.0f} MiB")
     print(f"load average after: {os.getloadavg()[0]:.2f}")
 
 

@@ -12,6 +12,7 @@ from sklearn.utils.multiclass import check_classification_targets
 from sklearn.utils.validation import check_is_fitted, validate_data
 
 from . import _core
+from ._export_explain import ExportExplainMixin
 from ._features import as_module_dtype, check_splittable, fill_missing, learning_features, upper_medians
 from ._fork import threads_for_call
 from ._learning import CRITERION_NAMES, learn_forest
@@ -57,7 +58,7 @@ FOREST_PARAMETER_CONSTRAINTS = {
 }
 
 
-class ForestEstimator(BaseEstimator):
+class ForestEstimator(ExportExplainMixin, BaseEstimator):
     """What every velmot forest does the same way, whatever its task.
 
     A task's class gives ``_TASK`` (recorded in model files), ``_NODES``
@@ -155,72 +156,6 @@ class ForestEstimator(BaseEstimator):
         """
         write_model_file(path, *self._to_model())
 
-    def shap_values(self, X, *, return_expected_value=False):
-        """Exact Shapley values of the forest's output for each sample (TreeSHAP).
-
-        The output is ``predict_proba`` for a classifier, ``predict`` for a
-        regressor (one output).
-
-        Each tree's path-dependent TreeSHAP values, with the in-bag sample
-        counts of its nodes as the data's distribution, averaged over the
-        trees. NaN is filled with the training medians, as in ``predict``.
-
-        Parameters
-        ----------
-        X : array-like of shape (n_samples, n_features)
-            Samples, converted by the same rule as in ``fit``.
-        return_expected_value : bool, default=False
-            Also return the expected value: the output before any feature is
-            known.
-
-        Returns
-        -------
-        values : ndarray of shape (n_samples, n_features, n_outputs)
-            Each feature's contribution to each output (a class's vote
-            fraction; a regressor's one prediction).
-        expected_value : ndarray of shape (n_outputs,)
-            Only with ``return_expected_value``. For every sample,
-            ``expected_value + values.sum(axis=1)`` is the output.
-
-        Examples
-        --------
-        >>> values, base = forest.shap_values(X[:5], return_expected_value=True)  # doctest: +SKIP
-        >>> np.allclose(base + values.sum(axis=1), forest.predict_proba(X[:5]))  # doctest: +SKIP
-        True
-        """
-        from ._shap import expected_value, shap_values
-
-        check_is_fitted(self)
-        X = validate_data(self, X, reset=False, dtype="numeric", ensure_all_finite="allow-nan")
-        samples = fill_missing(as_module_dtype(X), self._missing_value_fill_)
-        values = shap_values(self, samples, threads_for_call(thread_count(self.n_jobs)))
-        return (values, expected_value(self)) if return_expected_value else values
-
-    def to_onnx(self, path):
-        """Write the fitted forest as an ONNX graph (needs ``velmot[onnx]``).
-
-        The graph's input ``X`` is double, shape (n_samples, n_features);
-        it fills NaN with the training medians, sends a value equal to a
-        threshold right, and gives ``label`` and ``probabilities`` (float32
-        vote fractions) as ``predict`` and ``predict_proba`` do, or a
-        regressor's ``prediction``.
-
-        Parameters
-        ----------
-        path : str or path-like
-            The ``.onnx`` file, written through a temporary file and a rename.
-
-        Examples
-        --------
-        >>> forest.to_onnx("forest.onnx")  # doctest: +SKIP
-        >>> session = onnxruntime.InferenceSession("forest.onnx")  # doctest: +SKIP
-        >>> labels, proba = session.run(None, {"X": X.astype(np.float64)})  # doctest: +SKIP
-        """
-        from ._onnx import write_onnx
-
-        check_is_fitted(self)
-        write_onnx(self, path)
-
     def __sklearn_tags__(self):
         tags = super().__sklearn_tags__()
         tags.input_tags.allow_nan = True
@@ -233,6 +168,12 @@ class ForestEstimator(BaseEstimator):
         X = validate_data(self, X, reset=False, dtype="numeric", ensure_all_finite="allow-nan")
         samples = fill_missing(as_module_dtype(X), self._missing_value_fill_)
         return samples, threads_for_call(thread_count(self.n_jobs))
+
+    def _walk_arguments(self, X):
+        """(forest, samples, n_classes (0 for a regressor), n_threads) of a
+        core call over X."""
+        samples, n_threads = self._prepared_samples(X)
+        return self.nodes_.as_dict(), samples, getattr(self, "n_classes_", 0), n_threads
 
     # -- model files -----------------------------------------------------
 
@@ -593,11 +534,6 @@ class RandomForestClassifier(ClassifierMixin, ForestEstimator):
         shape = (len(rows) - 1, int(self.nodes_.offsets[-1]))
         indicator = csr_matrix((np.ones(len(nodes), dtype=np.int64), nodes, rows), shape=shape)
         return indicator, self.nodes_.offsets.copy()
-
-    def _walk_arguments(self, X):
-        """(forest, samples, n_classes, n_threads) of a core call over X."""
-        samples, n_threads = self._prepared_samples(X)
-        return self.nodes_.as_dict(), samples, self.n_classes_, n_threads
 
     def _predict_codes_or_proba(self, X, *, proba):
         return _core.predict(*self._walk_arguments(X), proba)

@@ -33,20 +33,20 @@ _BATCH_BYTES = 1 << 22
 _NATIVE_TYPES = ("double", "float", "int32", "uint8")
 
 
-def _memory_pool():
-    """The C library's allocator, which hands freed memory back to the
-    system: pyarrow's default pool keeps the table's pages after it is
-    freed, and they would stay resident through the whole fit. Made the
-    default too, for the buffers pyarrow's readers allocate on their own
-    (the command line is the only user of this module in its process)."""
+def _use_system_allocator():
+    """Makes the C library's allocator pyarrow's default: pyarrow's own pool
+    keeps a table's pages after the table is freed, and they would stay
+    resident through the whole fit. (The command line is the only user of
+    pyarrow in its process.)"""
     import pyarrow as pa
 
     pa.set_memory_pool(pa.system_memory_pool())
-    return pa.system_memory_pool()
 
 
 def _release_memory():
-    _memory_pool().release_unused()
+    import pyarrow as pa
+
+    pa.default_memory_pool().release_unused()
 
 
 class _Unsure(Exception):
@@ -55,7 +55,7 @@ class _Unsure(Exception):
 
 def open_table(path):
     """The table of a data file: ParquetTable or CsvTable by its name."""
-    _memory_pool()
+    _use_system_allocator()
     if os.path.isdir(path) or path.lower().endswith(PARQUET_SUFFIXES):
         return ParquetTable(path)
     return CsvTable(path)
@@ -87,9 +87,7 @@ class CsvTable:
         import pyarrow.csv as pacsv
 
         try:
-            table = pacsv.read_csv(
-                self.path, **self._arrow_options(feature_columns, use_threads=True), memory_pool=_memory_pool()
-            )
+            table = pacsv.read_csv(self.path, **self._arrow_options(feature_columns, use_threads=True))
             if table.num_columns != self.n_columns:
                 raise _Unsure
             features = np.empty((table.num_rows, len(feature_columns)), order="F")
@@ -120,9 +118,7 @@ class CsvTable:
 
         done = 0
         try:
-            reader = pacsv.open_csv(
-                self.path, **self._arrow_options(feature_columns, use_threads=False), memory_pool=_memory_pool()
-            )
+            reader = pacsv.open_csv(self.path, **self._arrow_options(feature_columns, use_threads=False))
             for batch in reader:
                 if batch.num_columns != self.n_columns:
                     raise _Unsure
@@ -227,19 +223,21 @@ class ParquetTable:
         return self._names
 
     def take_header(self, feature_columns):
+        return self._names
+
+    def _check_numbers(self, feature_columns):
         import pyarrow as pa
 
         for c in feature_columns:
             kind = self._data.schema.field(c).type
             if not (pa.types.is_integer(kind) or pa.types.is_floating(kind) or pa.types.is_boolean(kind)):
                 raise ValueError(f"{self.path}: column {c} ({self._names[c]!r}) holds {kind}, not numbers")
-        return self._names
 
     def _read(self, columns):
         import pyarrow as pa
 
         try:
-            return self._data.to_table(columns=[self._names[c] for c in columns], memory_pool=_memory_pool())
+            return self._data.to_table(columns=[self._names[c] for c in columns])
         except pa.ArrowException as error:
             raise ValueError(f"{self.path}: {error}") from None
 
@@ -248,6 +246,7 @@ class ParquetTable:
         library learns on it."""
         import pyarrow.compute as pc
 
+        self._check_numbers(feature_columns)
         table = self._read([*feature_columns, class_column])
         kinds = {str(table.schema.field(k).type) for k in range(len(feature_columns))}
         native = len(kinds) == 1 and kinds <= set(_NATIVE_TYPES)
@@ -274,10 +273,11 @@ class ParquetTable:
     def feature_batches(self, feature_columns, rows_per_batch):
         import pyarrow as pa
 
+        self._check_numbers(feature_columns)
         done = 0
         try:
             columns = [self._names[c] for c in feature_columns]
-            for batch in self._data.to_batches(columns=columns, memory_pool=_memory_pool()):
+            for batch in self._data.to_batches(columns=columns):
                 features = np.empty((batch.num_rows, len(feature_columns)))
                 for k, c in enumerate(feature_columns):
                     features[:, k] = self._numbers(batch.column(k), c, done)

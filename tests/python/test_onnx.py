@@ -4,6 +4,7 @@ import numpy as np
 import onnxruntime
 import pytest
 
+import velmot
 from test_cli import EXAMPLES, IRIS, read_rows, run
 from velmot import RandomForestClassifier
 
@@ -49,3 +50,15 @@ def test_velmot_export_labels_with_the_class_names(tmp_path):
     X = np.array([row[1:5] for row in read_rows(EXAMPLES / "iris.csv")[1:]], dtype=np.float64)
     label, _ = session(graph).run(None, {"X": X})
     assert label.tolist() == [row[0] for row in read_rows(out)]
+
+
+@pytest.mark.skipif(not hasattr(velmot, "RandomForestRegressor"), reason="no regressor in this build")
+def test_a_regressor_graph_predicts_the_mean_of_its_leaves(tmp_path):
+    rng = np.random.default_rng(4)
+    X = rng.normal(size=(300, 3)).round(1)
+    y = 2 * X[:, 0] + rng.normal(size=300)
+    X[::7, 1] = np.nan
+    forest = velmot.RandomForestRegressor(5, random_state=0).fit(X, y)
+    forest.to_onnx(tmp_path / "r.onnx")
+    (prediction,) = session(tmp_path / "r.onnx").run(None, {"X": X})
+    np.testing.assert_allclose(prediction[:, 0], forest.predict(X), rtol=1e-6, atol=1e-6)  # float32

@@ -15,7 +15,7 @@ ESTIMATORS = [
 
 
 def output(forest, X):
-    return forest.predict_proba(X) if hasattr(forest, "classes_") else forest.predict(X)[:, None]
+    return forest.predict_proba(X) if hasattr(forest, "classes_") else forest.predict(X)
 
 
 def known_features_value(forest, x, known):
@@ -53,7 +53,7 @@ def test_shap_values_are_shapley_values_and_add_up_to_the_output(estimator):
                 weight[len(S)] * (known_features_value(small, x, S | {i}) - known_features_value(small, x, S))
                 for S in subsets
             )
-            np.testing.assert_allclose(phi[i], expected, atol=1e-12)
+            np.testing.assert_allclose(phi[i], expected.reshape(np.shape(phi[i])), atol=1e-12)
     forest = estimator(20, random_state=0, n_jobs=2).fit(X, y)
     values, base = forest.shap_values(X, return_expected_value=True)
     np.testing.assert_allclose(base + values.sum(axis=1), output(forest, X), rtol=0, atol=1e-6)
