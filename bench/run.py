@@ -25,11 +25,14 @@ Workloads (full size; --quick shrinks them):
   W4  W1's shape at 25k, 50k, 100k and 200k training instances (fit scaling);
       then Velmot's W4 fits again in 5 rounds of every size (--growth-rounds),
       whose medians give a growth exponent steadier than one fit per size
+  W5  regression: make_friedman1 150,000 x 40, noise 1.0; 100,000 training
+      and 50,000 predicted rows, 100 trees, 13 features per split, squared
+      error; held-out R² and RMSE per library
   W6  feature-type parity: W2's values (256 levels, and 5 levels per
       feature) stored as uint8, int32, float32 and float64; Velmot only (the
       peers convert every type to floating point), fit seconds per type and
       each over the fastest type's
-Every forest: Gini, full depth, bootstrap samples as large as the training
+Every classification forest: Gini, full depth, bootstrap samples as large as the training
 set (histogram peers: a 63.2% subsample), same seed, 2 threads.
 """
 
@@ -89,7 +92,7 @@ class Sizes:
 FULL = Sizes(100_000, 50_000, 100, 500, (25_000, 50_000, 100_000, 200_000), 600)
 QUICK = Sizes(4_000, 2_000, 10, 50, (2_000, 4_000, 8_000), 60)
 
-WORKLOADS = ("W0", "W1", "W2", "W3", "W4", "W6")
+WORKLOADS = ("W0", "W1", "W2", "W3", "W4", "W5", "W6")
 # W6 compares Velmot with itself across feature types.
 VELMOT_ONLY_WORKLOADS = ("W6",)
 W6_LEVELS = (256, 5)
@@ -107,11 +110,19 @@ class Case:
     n_trees: int
     features_per_split: int
     variant: str = ""  # W6: the levels and the type of one case
+    task: str = "classification"
 
     @property
     def key(self):
         # W4 at W1's size is W1 itself: the same data, so it is run once.
-        return (self.X_train.dtype.str, self.X_train.shape, self.n_trees, self.workload == "W3", self.variant)
+        return (
+            self.X_train.dtype.str,
+            self.X_train.shape,
+            self.n_trees,
+            self.workload in ("W3", "W5"),
+            self.variant,
+            self.task,
+        )
 
 
 # ---------------------------------------------------------------- W0
@@ -248,6 +259,13 @@ def build_cases(sizes, workloads):
                             variant=variant,
                         )
                     )
+    if "W5" in workloads:
+        from sklearn.datasets import make_friedman1
+
+        n = sizes.n_train
+        X, y = make_friedman1(n_samples=n + sizes.n_test, n_features=40, noise=1.0, random_state=SEED)
+        title = f"W5: regression, Friedman #1 {n:,} x 40 float64"
+        cases.append(Case("W5", title, X[:n], y[:n], X[n:], y[n:], sizes.trees, 13, task="regression"))
     if "W3" in workloads:
         from sklearn.datasets import load_digits
         from sklearn.model_selection import train_test_split
@@ -277,7 +295,8 @@ def write_case(case, directory, threads, for_r):
         "features_per_split": case.features_per_split,
         "n_threads": threads,
         "seed": SEED,
-        "n_classes": len(np.unique(case.y_train)),
+        "task": case.task,
+        "n_classes": len(np.unique(case.y_train)) if case.task == "classification" else 0,
         "n_features": case.X_train.shape[1],
         "n_train": case.X_train.shape[0],
         "n_test": case.X_test.shape[0],
@@ -291,7 +310,10 @@ def write_case(case, directory, threads, for_r):
         # Column-major float64 and int32, as R's readBin fills a matrix.
         np.ascontiguousarray(case.X_train.T, dtype="<f8").tofile(os.path.join(directory, "X_train.f64"))
         np.ascontiguousarray(case.X_test.T, dtype="<f8").tofile(os.path.join(directory, "X_test.f64"))
-        case.y_train.astype("<i4").tofile(os.path.join(directory, "y_train.i32"))
+        if case.task == "regression":
+            case.y_train.astype("<f8").tofile(os.path.join(directory, "y_train.f64"))
+        else:
+            case.y_train.astype("<i4").tofile(os.path.join(directory, "y_train.i32"))
         with open(os.path.join(directory, "config.txt"), "w") as f:
             f.writelines(f"{key} {value}\n" for key, value in config.items())
 
@@ -320,7 +342,7 @@ def run_library(library, case_dir, threads, timeout, omp_wait):
     result_path = os.path.join(case_dir, f"result_{library.key}.json")
     if library.key == "ranger":
         command = ["Rscript", os.path.join(PEERS_DIR, "ranger.R"), case_dir, result_path]
-        predictions_path = os.path.join(case_dir, "pred_ranger.i32")
+        predictions_path = os.path.join(case_dir, "pred_ranger.bin")
     else:
         command = [sys.executable, os.path.join(PEERS_DIR, "harness.py"), library.key, case_dir, result_path]
         predictions_path = os.path.join(case_dir, f"pred_{library.key}.npy")
@@ -340,8 +362,8 @@ def run_library(library, case_dir, threads, timeout, omp_wait):
         result = json.load(f)
     if predictions_path.endswith(".npy"):
         predictions = np.load(predictions_path)
-    else:
-        predictions = np.fromfile(predictions_path, dtype="<i4")
+    else:  # ranger writes float64 targets or int32 classes
+        predictions = np.fromfile(predictions_path, dtype="<f8" if result.get("task") == "regression" else "<i4")
     result["status"] = "ok"
     return result, predictions
 
@@ -381,11 +403,18 @@ def run_cases(cases, libraries, threads, timeout, omp_wait, on_progress):
                     outcome = run_library(library, case_dir, threads, timeout, omp_wait)
                 if isinstance(outcome, tuple):
                     result, predictions = outcome
-                    row.update(result, accuracy=float(np.mean(predictions == case.y_test)))
+                    if case.task == "regression":
+                        error = predictions - case.y_test
+                        r2 = 1 - float(np.sum(error**2) / np.sum((case.y_test - case.y_test.mean()) ** 2))
+                        row.update(result, r2=r2, rmse=float(np.sqrt(np.mean(error**2))))
+                        quality = f"R² {row['r2']:.4f}   RMSE {row['rmse']:.4f}"
+                    else:
+                        row.update(result, accuracy=float(np.mean(predictions == case.y_test)))
+                        quality = f"accuracy {row['accuracy']:.4f}"
                     print(
                         f"  {library.label:<22} fit {row['fit_seconds']:8.2f} s"
                         f"   predict {row['predict_seconds']:7.3f} s"
-                        f"   fit peak {row['fit_peak_rss_mib']:7.0f} MiB   accuracy {row['accuracy']:.4f}",
+                        f"   fit peak {row['fit_peak_rss_mib']:7.0f} MiB   {quality}",
                         flush=True,
                     )
                 else:
@@ -602,11 +631,12 @@ def markdown_report(run, libraries, cases):
     ]
     if "small_data_latency" in run:
         lines += small_data_markdown(run["small_data_latency"], run.get("busy_core", False))
-    for workload in ("W1", "W2", "W3"):
+    for workload in ("W1", "W2", "W3", "W5"):
         case_rows = [r for r in rows if r["workload"] == workload]
         if not case_rows:
             continue
         case = next(c for c in cases if c.workload == workload)
+        quality = "R² | RMSE" if case.task == "regression" else "accuracy"
         lines += [
             f"## {case.title}",
             "",
@@ -615,18 +645,19 @@ def markdown_report(run, libraries, cases):
                 f"{len(case.X_test):,} held-out instances predicted."
             ),
             "",
-            "| library | fit (s) | predict (s) | fit peak RSS (MiB) | accuracy "
+            f"| library | fit (s) | predict (s) | fit peak RSS (MiB) | {quality} "
             "| Velmot fit speed-up | Velmot predict speed-up |",
-            "| --- | ---: | ---: | ---: | ---: | ---: | ---: |",
+            "| --- | ---: | ---: | ---: | ---: | ---: | ---: |" + (" ---: |" if case.task == "regression" else ""),
         ]
         for row in case_rows:
             name = label_of(row, libraries)
             if row["status"] != "ok":
                 lines.append(f"| {name} | {row['status']} | | | | | |")
                 continue
+            scores = f"{row['r2']:.4f} | {row['rmse']:.4f}" if case.task == "regression" else f"{row['accuracy']:.4f}"
             lines.append(
                 f"| {name} | {fmt_seconds(row['fit_seconds'])} | {fmt_seconds(row['predict_seconds'])} | "
-                f"{row['fit_peak_rss_mib']:.0f} | {row['accuracy']:.4f} | "
+                f"{row['fit_peak_rss_mib']:.0f} | {scores} | "
                 f"{fmt_ratio(speedup(rows, row, 'fit_seconds'))} | {fmt_ratio(speedup(rows, row, 'predict_seconds'))} |"
             )
         lines.append("")

@@ -3,16 +3,22 @@
 // package checks parameters before calling; this layer checks only what
 // it needs to stay memory-safe and says what is wrong.
 //
-//   TrainingData(X, y, n_classes, n_threads)      X: (n_features, n_samples)
+//   TrainingData(X, y, n_classes, n_threads)      X: (n_features, n_samples);
+//                                                 y: int32 codes, or float64
+//                                                 targets with n_classes 0
 //   learn(data, criterion, seed, first_tree, last_tree, sample_prop,
 //         features_per_split, max_depth, n_threads, on_progress,
 //         min_leaf_size, min_samples_leaf, min_impurity_decrease,
-//         out_of_bag, sample_weight) -> dict (with out_of_bag: "oob_votes", n_samples x n_classes)
+//         out_of_bag, sample_weight) -> dict (with out_of_bag, the out-of-bag
+//         estimates: see forest_dict)
+//         (criterion "squared_error" for targets, the others for codes)
 //   PreparedForest(forest dict, n_classes)        checked and laid out once
 //   predict(forest dict or PreparedForest, X, n_classes, n_threads, proba)
 //       -> codes or vote fractions
+//   predict_mean(forest dict, X, n_threads) -> a regression forest's predictions
 //   apply(forest dict, X, n_classes, n_threads) -> leaf per sample and tree
 //   decision_path(forest dict, X, n_classes, n_threads) -> (row starts, nodes)
+//         (n_classes 0 for a regression forest)
 //   shap_values(forest dict, X, n_outputs, n_threads) -> Shapley values
 //
 // Library failures arrive as ValueError with the library's own message;
@@ -27,6 +33,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include "array_checks.h"
@@ -38,6 +45,7 @@
 #include "velmot/defs/exception.h"
 #include "velmot/learn/forest_arrays_layout.h"
 #include "velmot/learn/forest_classifier.h"
+#include "velmot/learn/forest_regressor.h"
 #include "velmot/learn/forest_walk.h"
 #include "velmot/learn/seeded_forest.h"
 
@@ -54,10 +62,48 @@ py::array_t<T> to_numpy(std::vector<T>& values) {
   return array;
 }
 
-template <class Criterion>
-Velmot::SeededForest learn_with(const TrainingData& data, const Velmot::SeededForestSettings& settings,
-                                Velmot::LearningProgress& progress) {
-  return data.visit([&](const auto& set) { return Velmot::learn_seeded_forest(set, settings, Criterion(), progress); });
+// Learns with Criterion when the data's labels are L (int codes for the
+// classification criteria, double targets for squared error).
+template <class L, class Criterion>
+Velmot::SeededForestOf<L> learn_with(const TrainingData& data, const Velmot::SeededForestSettings& settings,
+                                     Velmot::LearningProgress& progress) {
+  return data.visit([&](const auto& set) -> Velmot::SeededForestOf<L> {
+    if constexpr (std::is_same<typename std::decay_t<decltype(set.data)>::label_type, L>::value) {
+      return Velmot::learn_seeded_forest(set, settings, Criterion(), progress);
+    } else {
+      throw py::value_error("criterion 'squared_error' needs float64 targets, the others int32 class codes");
+    }
+  });
+}
+
+// The node arrays and per-tree importances of a forest, with its out-of-bag
+// estimates if asked: for class codes "oob_votes" (n_samples x n_classes),
+// for targets "oob_counts" (out-of-bag trees per sample) and "oob_sums"
+// (the sums of their predictions, added in tree order).
+template <class L>
+py::dict forest_dict(Velmot::SeededForestOf<L>& forest, int64_t num_trees, const TrainingData& data, bool out_of_bag) {
+  Velmot::NodeArrays<L>& trees = forest.trees;
+  py::dict result;
+  result["offsets"] = to_numpy(trees.offsets);
+  result["left"] = to_numpy(trees.left);
+  result["right"] = to_numpy(trees.right);
+  result["feature"] = to_numpy(trees.feature);
+  result["threshold"] = to_numpy(trees.threshold);
+  result["value"] = to_numpy(trees.value);
+  result["count"] = to_numpy(trees.count);
+  result["impurity"] = to_numpy(trees.impurity);
+  py::array_t<double> importances = to_numpy(forest.tree_importances);
+  result["importances"] = importances.reshape({num_trees, static_cast<int64_t>(data.num_features())});
+  if (!out_of_bag) return result;
+  py::array_t<int32_t> counts = to_numpy(forest.oob_counts);
+  if constexpr (std::is_integral<L>::value) {
+    result["oob_votes"] =
+        counts.reshape({static_cast<int64_t>(data.num_samples()), static_cast<int64_t>(data.num_classes())});
+  } else {
+    result["oob_counts"] = counts;
+    result["oob_sums"] = to_numpy(forest.oob_sums);
+  }
+  return result;
 }
 
 // The growth limits count in-bag samples (learn/growth_limits.h); their
@@ -94,35 +140,23 @@ py::dict learn(const TrainingData& data, const std::string& criterion, uint64_t 
   const double draws =
       sample_prop * static_cast<double>(data.num_samples()) * static_cast<double>(last_tree - first_tree);
   settings.num_threads = draws < one_thread_draws ? 1 : num_threads;
+  Velmot::LearningProgress progress;
+  if (criterion == "squared_error") {
+    Velmot::SeededRegressionForest forest;
+    PyVelmot::core::run_released([&]() { forest = learn_with<double, Velmot::SquaredError>(data, settings, progress); },
+                                 progress, on_progress);
+    return forest_dict(forest, last_tree - first_tree, data, out_of_bag);
+  }
   Velmot::SeededForest (*learner)(const TrainingData&, const Velmot::SeededForestSettings&, Velmot::LearningProgress&) =
       nullptr;
-  if (criterion == "gini") learner = learn_with<Velmot::TwoSplitGiniImpurity>;
-  if (criterion == "infogain") learner = learn_with<Velmot::TwoSplitInfoGain>;
-  if (criterion == "gainratio") learner = learn_with<Velmot::TwoSplitGainRatio>;
-  if (learner == nullptr) throw py::value_error("criterion must be 'gini', 'infogain' or 'gainratio'");
+  if (criterion == "gini") learner = learn_with<int, Velmot::TwoSplitGiniImpurity>;
+  if (criterion == "infogain") learner = learn_with<int, Velmot::TwoSplitInfoGain>;
+  if (criterion == "gainratio") learner = learn_with<int, Velmot::TwoSplitGainRatio>;
+  if (learner == nullptr) throw py::value_error("criterion must be 'gini', 'infogain', 'gainratio' or 'squared_error'");
 
-  Velmot::LearningProgress progress;
   Velmot::SeededForest forest;
   PyVelmot::core::run_released([&]() { forest = learner(data, settings, progress); }, progress, on_progress);
-
-  Velmot::ForestArrays& trees = forest.trees;
-  py::dict result;
-  result["offsets"] = to_numpy(trees.offsets);
-  result["left"] = to_numpy(trees.left);
-  result["right"] = to_numpy(trees.right);
-  result["feature"] = to_numpy(trees.feature);
-  result["threshold"] = to_numpy(trees.threshold);
-  result["value"] = to_numpy(trees.value);
-  result["count"] = to_numpy(trees.count);
-  result["impurity"] = to_numpy(trees.impurity);
-  py::array_t<double> importances = to_numpy(forest.tree_importances);
-  result["importances"] = importances.reshape({last_tree - first_tree, static_cast<int64_t>(data.num_features())});
-  if (out_of_bag) {
-    py::array_t<int32_t> votes = to_numpy(forest.oob_votes);
-    result["oob_votes"] =
-        votes.reshape({static_cast<int64_t>(data.num_samples()), static_cast<int64_t>(data.num_classes())});
-  }
-  return result;
+  return forest_dict(forest, last_tree - first_tree, data, out_of_bag);
 }
 
 // A forest dict's node arrays, read in place and checked for walks.
@@ -136,8 +170,8 @@ PyVelmot::core::HeldForest checked_forest(const py::dict& forest, int64_t num_cl
 // Calls body(value_of) with value_of(i, f) reading sample i's feature f of
 // X (n_samples, n_features, any strides) as a double, after checking that
 // the forest's splits test features X has.
-template <class Body>
-void with_sample_values(const py::array& samples, const Velmot::ForestArraysView& view, Body&& body) {
+template <class Value, class Body>
+void with_sample_values(const py::array& samples, const Velmot::NodeArraysView<Value>& view, Body&& body) {
   PyVelmot::core::require_ndim(samples, "X", 2);
   Velmot::check_walk_features(view, static_cast<size_t>(samples.shape(1)));
   const auto* base = static_cast<const unsigned char*>(samples.data());
@@ -152,16 +186,31 @@ void with_sample_values(const py::array& samples, const Velmot::ForestArraysView
   });
 }
 
+// Calls walk(view) with the checked node arrays of a classification forest
+// (n_classes >= 1) or of a regression forest (n_classes 0).
+template <class Walk>
+void with_walkable_forest(const py::dict& forest, int64_t num_classes, int num_threads, Walk&& walk) {
+  if (num_threads < 1) throw py::value_error("n_threads must be at least 1");
+  if (num_classes == 0) {
+    const PyVelmot::core::HeldNodeArrays<double> held = PyVelmot::core::forest_arrays_view<double>(forest);
+    Velmot::check_forest_arrays(held.view, 0);
+    walk(held.view);
+  } else {
+    const PyVelmot::core::HeldForest held = checked_forest(forest, num_classes);
+    walk(held.view);
+  }
+}
+
 // The leaf each sample of X reaches in each tree: int32, (n_samples, n_trees).
 py::array_t<int32_t> apply(const py::dict& forest, const py::array& samples, int64_t num_classes, int num_threads) {
-  const PyVelmot::core::HeldForest held = checked_forest(forest, num_classes);
-  if (num_threads < 1) throw py::value_error("n_threads must be at least 1");
   py::array_t<int32_t> leaves;
-  with_sample_values(samples, held.view, [&](const auto& value_of) {
-    leaves = py::array_t<int32_t>({samples.shape(0), static_cast<py::ssize_t>(held.view.num_trees)});
-    int32_t* out = leaves.mutable_data();
-    py::gil_scoped_release released;
-    Velmot::find_leaves(held.view, static_cast<size_t>(samples.shape(0)), value_of, num_threads, out);
+  with_walkable_forest(forest, num_classes, num_threads, [&](const auto& view) {
+    with_sample_values(samples, view, [&](const auto& value_of) {
+      leaves = py::array_t<int32_t>({samples.shape(0), static_cast<py::ssize_t>(view.num_trees)});
+      int32_t* out = leaves.mutable_data();
+      py::gil_scoped_release released;
+      Velmot::find_leaves(view, static_cast<size_t>(samples.shape(0)), value_of, num_threads, out);
+    });
   });
   return leaves;
 }
@@ -169,12 +218,12 @@ py::array_t<int32_t> apply(const py::dict& forest, const py::array& samples, int
 // Every sample's nodes, as (row starts, forest-wide node numbers) of a
 // sparse indicator matrix.
 py::tuple decision_path(const py::dict& forest, const py::array& samples, int64_t num_classes, int num_threads) {
-  const PyVelmot::core::HeldForest held = checked_forest(forest, num_classes);
-  if (num_threads < 1) throw py::value_error("n_threads must be at least 1");
   Velmot::DecisionPaths paths;
-  with_sample_values(samples, held.view, [&](const auto& value_of) {
-    py::gil_scoped_release released;
-    paths = Velmot::find_decision_paths(held.view, static_cast<size_t>(samples.shape(0)), value_of, num_threads);
+  with_walkable_forest(forest, num_classes, num_threads, [&](const auto& view) {
+    with_sample_values(samples, view, [&](const auto& value_of) {
+      py::gil_scoped_release released;
+      paths = Velmot::find_decision_paths(view, static_cast<size_t>(samples.shape(0)), value_of, num_threads);
+    });
   });
   return py::make_tuple(to_numpy(paths.rows), to_numpy(paths.nodes));
 }
@@ -246,6 +295,29 @@ py::array predict(const py::object& forest, const py::array& samples, int64_t nu
   return out;
 }
 
+// The predictions of a regression forest of node arrays (float64 leaf
+// values) for X (n_samples, n_features): each the mean of its trees' leaves.
+py::array_t<double> predict_mean(const py::dict& forest, const py::array& samples, int num_threads) {
+  const PyVelmot::core::HeldNodeArrays<double> held = PyVelmot::core::forest_arrays_view<double>(forest);
+  Velmot::check_forest_arrays(held.view, 0);
+  PyVelmot::core::require_ndim(samples, "X", 2);
+  if (num_threads < 1) throw py::value_error("n_threads must be at least 1");
+  py::array_t<double> out(samples.shape(0));
+  double* means = out.mutable_data();
+  PyVelmot::core::with_feature_type(samples, "X", [&](auto type) {
+    typedef decltype(type) F;
+    const int placeholder_label = 0;
+    const Velmot::DisNativeArrayDataSet<F, int> data(
+        static_cast<const unsigned char*>(samples.data()), &placeholder_label, static_cast<size_t>(samples.shape(0)),
+        static_cast<size_t>(samples.shape(1)), 0, static_cast<size_t>(samples.strides(0)),
+        static_cast<size_t>(samples.strides(1)), 0);
+    py::gil_scoped_release released;
+    omp_set_num_threads(num_threads);
+    Velmot::predict_means(Velmot::flat_forest_of(held.view), data, means);
+  });
+  return out;
+}
+
 }  // namespace
 
 PYBIND11_MODULE(_core, m) {
@@ -280,6 +352,8 @@ PYBIND11_MODULE(_core, m) {
   m.def("predict", &predict, py::arg("forest"), py::arg("X"), py::arg("n_classes"), py::arg("n_threads"),
         py::arg("proba"),
         "Class codes (or, with proba, vote fractions) of a forest of node arrays for X (n_samples, n_features).");
+  m.def("predict_mean", &predict_mean, py::arg("forest"), py::arg("X"), py::arg("n_threads"),
+        "The mean leaf value of a regression forest of node arrays for each sample of X (n_samples, n_features).");
   m.def("apply", &apply, py::arg("forest"), py::arg("X"), py::arg("n_classes"), py::arg("n_threads"),
         "The leaf (node number within its tree) each sample of X reaches in each tree: (n_samples, n_trees).");
   m.def("decision_path", &decision_path, py::arg("forest"), py::arg("X"), py::arg("n_classes"), py::arg("n_threads"),

@@ -10,22 +10,33 @@ namespace PyVelmot::core {
 
 TrainingData::TrainingData(const py::array& features, const py::array& labels, int64_t num_classes, int num_threads) {
   require_ndim(features, "X", 2);
-  const int32_t* codes = vector_of<int32_t>(labels, "y");
+  const bool targets = num_classes == 0;
   if (labels.shape(0) != features.shape(1)) {
     throw py::value_error("y has " + std::to_string(labels.shape(0)) + " labels for " +
                           std::to_string(features.shape(1)) + " samples (X is n_features x n_samples)");
   }
-  if (num_classes < 1 || num_classes > 2147483645) throw py::value_error("n_classes must be in [1, 2147483645]");
+  if (num_classes < 0 || num_classes > 2147483645) {
+    throw py::value_error("n_classes must be in [1, 2147483645], or 0 for real targets");
+  }
   if (num_threads < 1) throw py::value_error("n_threads must be at least 1");
   num_features_ = static_cast<size_t>(features.shape(0));
   num_samples_ = static_cast<size_t>(features.shape(1));
   num_classes_ = static_cast<size_t>(num_classes);
+  if (targets) {
+    prepare(features, vector_of<double>(labels, "y"), num_threads);
+  } else {
+    prepare(features, vector_of<int32_t>(labels, "y"), num_threads);
+  }
+}
+
+template <class L>
+void TrainingData::prepare(const py::array& features, const L* labels, int num_threads) {
   with_feature_type(features, "X", [&](auto type) {
     typedef decltype(type) F;
-    auto set = std::make_shared<Velmot::TrainingSet<F>>();
-    const Velmot::DisNativeArrayDataSet<F, int> native(
-        static_cast<const unsigned char*>(features.data()), codes, num_samples_, num_features_, num_classes_,
-        static_cast<size_t>(features.strides(1)), static_cast<size_t>(features.strides(0)), sizeof(int32_t));
+    auto set = std::make_shared<Velmot::TrainingSet<F, L>>();
+    const Velmot::DisNativeArrayDataSet<F, L> native(
+        static_cast<const unsigned char*>(features.data()), labels, num_samples_, num_features_, num_classes_,
+        static_cast<size_t>(features.strides(1)), static_cast<size_t>(features.strides(0)), sizeof(L));
     Velmot::LearningProgress no_progress;
     // Small sets are prepared on one thread: a team's start and closing
     // barrier would cost more than the work, and far more where another

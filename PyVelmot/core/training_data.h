@@ -3,8 +3,9 @@
 
 // TrainingData: a training set prepared once (copied, imputed, ranked) for
 // any number of learning calls, in whichever of the four feature types its
-// matrix holds. Immutable after construction, so calls from several Python
-// threads may share one.
+// matrix holds, with int32 class codes or float64 targets (regression).
+// Immutable after construction, so calls from several Python threads may
+// share one.
 
 #include <pybind11/numpy.h>
 #include <pybind11/pybind11.h>
@@ -21,12 +22,14 @@ namespace py = pybind11;
 class TrainingData {
 public:
   // features: (n_features, n_samples), any strides; labels: int32 codes in
-  // [0, n_classes). Preparation runs with the GIL released on n_threads.
+  // [0, n_classes), or float64 targets with n_classes 0. Preparation runs
+  // with the GIL released on n_threads.
   TrainingData(const py::array& features, const py::array& labels, int64_t num_classes, int num_threads);
 
   size_t num_features() const { return num_features_; }
   size_t num_samples() const { return num_samples_; }
   size_t num_classes() const { return num_classes_; }
+  bool is_regression() const { return set_.index() >= 4; }
 
   template <class Body>
   decltype(auto) visit(Body&& body) const {
@@ -34,8 +37,15 @@ public:
   }
 
 private:
+  template <class L>
+  void prepare(const py::array& features, const L* labels, int num_threads);
+
+  // Class codes first, then real targets.
   std::variant<std::shared_ptr<Velmot::TrainingSet<int>>, std::shared_ptr<Velmot::TrainingSet<double>>,
-               std::shared_ptr<Velmot::TrainingSet<float>>, std::shared_ptr<Velmot::TrainingSet<unsigned char>>>
+               std::shared_ptr<Velmot::TrainingSet<float>>, std::shared_ptr<Velmot::TrainingSet<unsigned char>>,
+               std::shared_ptr<Velmot::TrainingSet<int, double>>, std::shared_ptr<Velmot::TrainingSet<double, double>>,
+               std::shared_ptr<Velmot::TrainingSet<float, double>>,
+               std::shared_ptr<Velmot::TrainingSet<unsigned char, double>>>
       set_;
   size_t num_features_ = 0;
   size_t num_samples_ = 0;

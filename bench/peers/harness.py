@@ -65,7 +65,9 @@ def main(peer_name, case_dir, result_path):
     predictions = peer.predict(model, X_test)
     predict_seconds = time.perf_counter() - start
 
-    np.save(os.path.join(case_dir, f"pred_{peer_name}.npy"), np.asarray(predictions).astype(np.int64))
+    regression = config.get("task") == "regression"
+    predicted = np.asarray(predictions).astype(np.float64 if regression else np.int64)
+    np.save(os.path.join(case_dir, f"pred_{peer_name}.npy"), predicted)
     result = {
         "fit_seconds": fit_seconds,
         # CPU of all the process's threads: on a shared machine, steadier
@@ -75,6 +77,7 @@ def main(peer_name, case_dir, result_path):
         "fit_peak_rss_mib": fit_peak_rss / 1024,
         "rss_before_fit_mib": rss_before_fit / 1024,
         "peak_is_fit_only": peak_was_reset,
+        "task": config.get("task", "classification"),
         **peer.describe(),
     }
     if hasattr(peer, "mean_path_length"):

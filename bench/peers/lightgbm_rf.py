@@ -11,7 +11,8 @@ def describe():
 
 
 def fit(X, y, config):
-    forest = lightgbm.LGBMClassifier(
+    regression = config.get("task") == "regression"
+    forest = (lightgbm.LGBMRegressor if regression else lightgbm.LGBMClassifier)(
         boosting_type="rf",
         n_estimators=config["n_trees"],
         # Full depth: a tree cannot have more leaves than sampled rows, and

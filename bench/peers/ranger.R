@@ -34,8 +34,14 @@ reset_peak_rss <- function() {
 }
 
 X_train <- read_matrix("X_train.f64", config$n_train)
-y_train <- factor(readBin(file.path(case_dir, "y_train.i32"), "integer",
-                          n = config$n_train, size = 4, endian = "little"))
+regression <- file.exists(file.path(case_dir, "y_train.f64"))
+if (regression) {
+  y_train <- readBin(file.path(case_dir, "y_train.f64"), "double",
+                     n = config$n_train, size = 8, endian = "little")
+} else {
+  y_train <- factor(readBin(file.path(case_dir, "y_train.i32"), "integer",
+                            n = config$n_train, size = 4, endian = "little"))
+}
 X_test <- read_matrix("X_test.f64", config$n_test)
 
 invisible(gc())
@@ -44,7 +50,7 @@ peak_was_reset <- reset_peak_rss()
 start <- proc.time()[["elapsed"]]
 forest <- ranger(x = X_train, y = y_train,
                  num.trees = config$n_trees, mtry = config$features_per_split,
-                 splitrule = "gini", min.node.size = 1, max.depth = 0,
+                 splitrule = if (regression) "variance" else "gini", min.node.size = 1, max.depth = 0,
                  replace = TRUE, sample.fraction = 1,
                  importance = "none", write.forest = TRUE,
                  num.threads = config$n_threads, seed = config$seed,
@@ -56,13 +62,18 @@ start <- proc.time()[["elapsed"]]
 predictions <- predict(forest, data = X_test, num.threads = config$n_threads)$predictions
 predict_seconds <- proc.time()[["elapsed"]] - start
 
-con <- file(file.path(case_dir, "pred_ranger.i32"), "wb")
-writeBin(as.integer(as.character(predictions)), con, size = 4, endian = "little")
+con <- file(file.path(case_dir, "pred_ranger.bin"), "wb")
+if (regression) {
+  writeBin(as.double(predictions), con, size = 8, endian = "little")
+} else {
+  writeBin(as.integer(as.character(predictions)), con, size = 4, endian = "little")
+}
 close(con)
 
 writeLines(sprintf(paste0(
   '{"fit_seconds": %.6f, "predict_seconds": %.6f, "fit_peak_rss_mib": %.3f, ',
-  '"rss_before_fit_mib": %.3f, "peak_is_fit_only": %s, "version": "%s", "method": "exact"}'),
+  '"rss_before_fit_mib": %.3f, "peak_is_fit_only": %s, "version": "%s", "method": "exact", "task": "%s"}'),
   fit_seconds, predict_seconds, fit_peak_rss / 1024, rss_before_fit / 1024,
-  tolower(as.character(peak_was_reset)), as.character(packageVersion("ranger"))),
+  tolower(as.character(peak_was_reset)), as.character(packageVersion("ranger")),
+  if (regression) "regression" else "classification"),
   result_path)

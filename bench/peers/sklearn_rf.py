@@ -1,7 +1,8 @@
-"""scikit-learn's RandomForestClassifier: exact splits, Gini, bootstrap."""
+"""scikit-learn's random forests: exact splits, Gini or squared error,
+bootstrap."""
 
 import sklearn
-from sklearn.ensemble import RandomForestClassifier
+from sklearn.ensemble import RandomForestClassifier, RandomForestRegressor
 
 
 def describe():
@@ -9,9 +10,10 @@ def describe():
 
 
 def fit(X, y, config):
-    forest = RandomForestClassifier(
+    regression = config.get("task") == "regression"
+    forest = (RandomForestRegressor if regression else RandomForestClassifier)(
         n_estimators=config["n_trees"],
-        criterion="gini",
+        criterion="squared_error" if regression else "gini",
         max_features=config["features_per_split"],
         max_depth=None,
         min_samples_split=2,

@@ -4,7 +4,7 @@ approximate; on byte data the bins hold single values."""
 
 from importlib import metadata
 
-from sklearnex.ensemble import RandomForestClassifier
+from sklearnex.ensemble import RandomForestClassifier, RandomForestRegressor
 
 
 def describe():
@@ -12,9 +12,10 @@ def describe():
 
 
 def fit(X, y, config):
-    forest = RandomForestClassifier(
+    regression = config.get("task") == "regression"
+    forest = (RandomForestRegressor if regression else RandomForestClassifier)(
         n_estimators=config["n_trees"],
-        criterion="gini",
+        criterion="squared_error" if regression else "gini",
         max_features=config["features_per_split"],
         max_depth=None,
         min_samples_split=2,

@@ -10,9 +10,10 @@ def describe():
 
 
 def fit(X, y, config):
-    forest = velmot.RandomForestClassifier(
+    regression = config.get("task") == "regression"
+    forest = (velmot.RandomForestRegressor if regression else velmot.RandomForestClassifier)(
         n_estimators=config["n_trees"],
-        criterion="gini",
+        criterion="squared_error" if regression else "gini",
         max_features=config["features_per_split"],
         max_depth=None,
         max_samples=None,  # a bootstrap sample as large as the training set

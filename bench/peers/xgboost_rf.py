@@ -11,7 +11,8 @@ def describe():
 
 
 def fit(X, y, config):
-    forest = xgboost.XGBRFClassifier(
+    regression = config.get("task") == "regression"
+    forest = (xgboost.XGBRFRegressor if regression else xgboost.XGBRFClassifier)(
         n_estimators=config["n_trees"],
         tree_method="hist",
         grow_policy="lossguide",

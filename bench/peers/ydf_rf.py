@@ -20,7 +20,7 @@ def _columns(X):
 def fit(X, y, config):
     learner = ydf.RandomForestLearner(
         label="label",
-        task=ydf.Task.CLASSIFICATION,
+        task=ydf.Task.REGRESSION if config.get("task") == "regression" else ydf.Task.CLASSIFICATION,
         num_trees=config["n_trees"],
         num_candidate_attributes=config["features_per_split"],
         max_depth=-1,  # ydf's default for forests is 16
@@ -39,6 +39,8 @@ def fit(X, y, config):
 
 def predict(model, X):
     probabilities = model.predict(_columns(X))
+    if model.task() == ydf.Task.REGRESSION:
+        return probabilities
     classes = np.array([int(c) for c in model.label_classes()])
     if probabilities.ndim == 1:  # two classes: the probability of the second
         return classes[(probabilities >= 0.5).astype(int)]

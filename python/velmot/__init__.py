@@ -8,7 +8,8 @@
 
 from ._forest import RandomForestClassifier
 from ._persistence import load
+from ._regressor import RandomForestRegressor
 
 __version__ = "0.1.0"
 
-__all__ = ["RandomForestClassifier", "load", "__version__"]
+__all__ = ["RandomForestClassifier", "RandomForestRegressor", "load", "__version__"]

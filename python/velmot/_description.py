@@ -53,6 +53,8 @@ class Layout:
     class_names: dict = field(default_factory=dict)  # code -> name
     path: str | None = None
     commands: list = field(default_factory=list)  # (line number, keyword, arguments)
+    # "regression" or "classification" as label-type gives it, else None.
+    task: str | None = None
 
     def feature_columns(self, n_columns, class_column):
         return [c for c in range(n_columns) if c != class_column and c not in self.ignored]
@@ -96,6 +98,14 @@ def read_layout(path):
         class_names=dict(description["labels"]),
         path=path,
         commands=commands,
+        task=next(
+            (
+                ("regression" if words[0] == "regression" else "classification")
+                for _, keyword, words in commands
+                if keyword == "label-type"
+            ),
+            None,
+        ),
     )
 
 
@@ -138,16 +148,12 @@ def _commands(text, path):
 
 
 def _check_meaning(commands, path):
-    """Refuses what the command line cannot honour: regression, and a class
+    """Refuses what the command line cannot honour: a class
     code or column given two names (the reader keeps the last name and loses
     the first without a word). A class name given two codes is refused here
     too, so that the message has its line."""
     given = {}
     for number, keyword, words in commands:
-        if keyword == "label-type" and words[0] == "regression":
-            raise ValueError(
-                f"{path} line {number}: label-type regression is not supported yet: velmot learns classifiers only"
-            )
         if keyword in ("label", "feature-name"):
             what = "class code" if keyword == "label" else "column"
             name = given.setdefault((keyword, int(words[0])), words[1])

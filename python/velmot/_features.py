@@ -69,6 +69,15 @@ def feature_major_with_constant_row(X):
     return out
 
 
+def learning_features(X, settings):
+    """The feature-major matrix a fit learns from: with a constant row when
+    every feature is asked for under a classification criterion, whose
+    all-features search would not end (the squared-error search does)."""
+    if settings.all_features and settings.criterion != "squared_error":
+        return feature_major_with_constant_row(X)
+    return feature_major(X)
+
+
 def upper_medians(X):
     """Per-column value that replaces NaN at prediction, fixed at fit time.
 

@@ -1,4 +1,6 @@
-"""The scikit-learn estimator over the compiled module."""
+"""The scikit-learn classifier over the package's core, and what it shares
+with the regressor (``_regressor``): validation, dtype handling, weights,
+NaN imputation, learning, prediction's preparation and model files."""
 
 from numbers import Integral, Real
 
@@ -11,14 +13,7 @@ from sklearn.utils.validation import check_is_fitted, validate_data
 
 from . import _core
 from ._export_explain import ExportExplainMixin
-from ._features import (
-    as_module_dtype,
-    check_splittable,
-    feature_major,
-    feature_major_with_constant_row,
-    fill_missing,
-    upper_medians,
-)
+from ._features import as_module_dtype, check_splittable, fill_missing, learning_features, upper_medians
 from ._fork import threads_for_call
 from ._learning import CRITERION_NAMES, learn_forest
 from ._model_file import check, float_vector, split_trees, write_model_file
@@ -27,8 +22,273 @@ from ._out_of_bag import out_of_bag_estimates
 from ._settings import MAX_INT32, PAIRS, POOL_SIZE, resolve_settings, thread_count
 from ._weights import sample_weights
 
+# The parameters every forest takes, with their constraints; each task adds
+# its criterion and its own.
+FOREST_PARAMETER_CONSTRAINTS = {
+    "n_estimators": [Interval(Integral, 1, MAX_INT32, closed="both")],
+    "max_features": [
+        StrOptions({"sqrt", "log2"}),
+        Interval(Integral, 1, None, closed="left"),
+        Interval(RealNotInt, 0.0, 1.0, closed="right"),
+        None,
+    ],
+    "max_depth": [Interval(Integral, 1, None, closed="left"), None],
+    "max_samples": [
+        Interval(Integral, 1, None, closed="left"),
+        Interval(RealNotInt, 0.0, 1.0, closed="right"),
+        None,
+    ],
+    "n_jobs": [
+        Interval(Integral, 1, POOL_SIZE, closed="both"),
+        Interval(Integral, None, -1, closed="right"),
+        None,
+    ],
+    "random_state": ["random_state"],
+    "verbose": ["verbose"],
+    "min_samples_split": [
+        Interval(Integral, 2, None, closed="left"),
+        Interval(RealNotInt, 0.0, 1.0, closed="right"),
+    ],
+    "min_samples_leaf": [
+        Interval(Integral, 1, None, closed="left"),
+        Interval(RealNotInt, 0.0, 1.0, closed="neither"),
+        StrOptions({PAIRS}),
+    ],
+    "min_impurity_decrease": [Interval(Real, 0.0, None, closed="left")],
+    "oob_score": ["boolean", callable],
+}
 
-class RandomForestClassifier(ClassifierMixin, ExportExplainMixin, BaseEstimator):
+
+class ForestEstimator(ExportExplainMixin, BaseEstimator):
+    """What every velmot forest does the same way, whatever its task.
+
+    A task's class gives ``_TASK`` (recorded in model files), ``_NODES``
+    (its node arrays' class), ``_Y_NUMERIC``, ``_check_targets(y)``,
+    ``_encode_targets(y) -> (fitted targets, core labels, n_classes)``,
+    ``_sample_weights(sample_weight, X, targets, labels)``,
+    ``_set_task_fitted(targets)``, ``_set_out_of_bag(out_of_bag, labels)``
+    (its out-of-bag estimates, or None),
+    ``_task_arrays()`` and ``_task_from_model(arrays)`` (the model file's
+    task-specific entries), and ``_leaf_classes(targets)`` (the class count
+    leaves are checked against, None for real values).
+    """
+
+    _Y_NUMERIC = False
+
+    def fit(self, X, y, sample_weight=None):
+        """Learn the forest from the training set (X, y).
+
+        Parameters
+        ----------
+        X : array-like of shape (n_samples, n_features)
+            Training samples. int32, float64, float32 and uint8 matrices are
+            used in place, without a copy; bool is viewed as uint8; other
+            integer types become int32 (float64 if a value does not fit),
+            float16 becomes float32 and other numbers float64. Asking for
+            every feature at each node (``max_features`` reaching
+            ``n_features``) costs one feature-major copy of X.
+        y : array-like of shape (n_samples,)
+            Targets: class labels of any type (numbers, strings, bools) for a
+            classifier, real values for a regressor.
+        sample_weight : array-like of shape (n_samples,) or None, default=None
+            Non-negative weights (for a classifier, multiplied by
+            ``class_weight``'s); each bootstrap draw picks a sample with
+            probability proportional to its weight.
+
+        Returns
+        -------
+        self : estimator
+            The fitted estimator.
+        """
+        self._validate_params()
+        X, y = validate_data(self, X, y, dtype="numeric", ensure_all_finite="allow-nan", y_numeric=self._Y_NUMERIC)
+        self._check_targets(y)
+        # Checks that need the data's shape come before anything is copied.
+        settings = resolve_settings(self, *X.shape)
+        targets, labels, n_classes = self._encode_targets(y)
+        weights = self._sample_weights(sample_weight, X, targets, labels)
+        X = as_module_dtype(X)
+        check_splittable(X)
+        X, medians = weighed_medians(X, weights)
+        nodes, importances, out_of_bag = learn_forest(
+            learning_features(X, settings),
+            labels,
+            n_classes=n_classes,
+            n_trees=self.n_estimators,
+            settings=settings,
+            random_state=self.random_state,
+            verbose=self.verbose,
+            sample_weight=weights,
+        )
+        self._set_fitted(targets, nodes, importances, medians)
+        self._set_out_of_bag(out_of_bag, labels)
+        return self
+
+    def _set_fitted(self, targets, nodes, importances, missing_value_fill):
+        n_features = self.n_features_in_
+        self._set_task_fitted(targets)
+        self.nodes_ = nodes
+        self.trees_ = nodes.tree_arrays()
+        self.feature_importances_ = np.zeros(n_features) if importances is None else np.array(importances[:n_features])
+        self._missing_value_fill_ = missing_value_fill
+
+    def apply(self, X):
+        """The leaf each sample reaches in each tree.
+
+        Parameters
+        ----------
+        X : array-like of shape (n_samples, n_features)
+            Samples, converted by the same rule as in ``fit``.
+
+        Returns
+        -------
+        leaves : ndarray of shape (n_samples, n_estimators)
+            Node numbers within each tree, as ``nodes_`` and ``trees_``
+            number them (breadth-first from the root at 0).
+        """
+        return _core.apply(*self._walk_arguments(X))
+
+    def decision_path(self, X):
+        """The nodes each sample passes through, in every tree.
+
+        Parameters
+        ----------
+        X : array-like of shape (n_samples, n_features)
+            Samples, converted by the same rule as in ``fit``.
+
+        Returns
+        -------
+        indicator : scipy.sparse.csr_matrix of shape (n_samples, n_nodes)
+            1 where the sample passes through the node; columns are the
+            forest's nodes, tree after tree.
+        n_nodes_ptr : ndarray of shape (n_estimators + 1,)
+            Tree k's nodes are the columns ``n_nodes_ptr[k]:n_nodes_ptr[k + 1]``.
+        """
+        rows, nodes = _core.decision_path(*self._walk_arguments(X))
+        shape = (len(rows) - 1, int(self.nodes_.offsets[-1]))
+        indicator = csr_matrix((np.ones(len(nodes), dtype=np.int64), nodes, rows), shape=shape)
+        return indicator, self.nodes_.offsets.copy()
+
+    def _walk_arguments(self, X):
+        """(forest, samples, n_classes or 0 for real values, n_threads) of a
+        core call that walks the trees over X."""
+        samples, n_threads = self._prepared_samples(X)
+        return self.nodes_.as_dict(), samples, self._leaf_classes(getattr(self, "classes_", None)) or 0, n_threads
+
+    def save(self, path):
+        """Write the fitted forest to a portable ``.npz`` file, without pickle.
+
+        Parameters
+        ----------
+        path : str, path-like or binary file object
+            Destination; written exactly there, no suffix is added. A path
+            is written through a temporary file in the same folder and a
+            rename, so a failed save leaves any previous file intact.
+
+        Notes
+        -----
+        Class labels and feature names are stored as plain numpy arrays
+        (object arrays of strings come back as numpy string arrays). A
+        RandomState instance given as ``random_state`` cannot be stored and is
+        saved as None, and a callable ``oob_score`` as True; the trees
+        themselves are saved exactly. Out-of-bag estimates are not saved.
+
+        Examples
+        --------
+        >>> import velmot
+        >>> forest.save("forest.npz")  # doctest: +SKIP
+        >>> velmot.load("forest.npz").predict(X)  # doctest: +SKIP
+        """
+        write_model_file(path, *self._to_model())
+
+    def __sklearn_tags__(self):
+        tags = super().__sklearn_tags__()
+        tags.input_tags.allow_nan = True
+        return tags
+
+    def _prepared_samples(self, X):
+        """X checked against the fit, in a dtype the core reads, NaN filled,
+        and the thread count of a core call."""
+        check_is_fitted(self)
+        X = validate_data(self, X, reset=False, dtype="numeric", ensure_all_finite="allow-nan")
+        samples = fill_missing(as_module_dtype(X), self._missing_value_fill_)
+        return samples, threads_for_call(thread_count(self.n_jobs))
+
+    # -- model files -----------------------------------------------------
+
+    @classmethod
+    def _model_entries(cls):
+        return (
+            "nodes",
+            "tree_sizes",
+            "node_counts",
+            "node_impurities",
+            "feature_importances",
+            "feature_names",
+            "missing_value_fill",
+        )
+
+    def _to_model(self):
+        """(arrays, metadata) of a model file holding this fitted forest."""
+        check_is_fitted(self)
+        arrays = {
+            **self._task_arrays(),
+            "nodes": np.concatenate(self.trees_, axis=1),
+            "tree_sizes": np.array([tree.shape[1] for tree in self.trees_], dtype=np.int64),
+            "node_counts": self.nodes_.count,
+            "node_impurities": self.nodes_.impurity,
+            "feature_importances": np.asarray(self.feature_importances_, dtype=np.float64),
+            "missing_value_fill": np.asarray(self._missing_value_fill_, dtype=np.float64),
+        }
+        if self._missing_value_fill_ is None:
+            del arrays["missing_value_fill"]
+        if hasattr(self, "feature_names_in_"):
+            arrays["feature_names"] = _without_objects(self.feature_names_in_, "feature names")
+        metadata = {"task": self._TASK, "params": _json_params(self.get_params()), "n_features_in": self.n_features_in_}
+        return arrays, metadata
+
+    @classmethod
+    def _from_model(cls, arrays, metadata):
+        """The fitted forest of a model file's checked arrays and metadata."""
+        task = metadata.get("task", "classification")
+        if task != cls._TASK:
+            raise ValueError(f"the file holds a {task} forest, not a {cls._TASK} one; read it with velmot.load")
+        for name in ("nodes", "tree_sizes", "feature_importances"):
+            check(name in arrays, f"missing {name}")
+        params, n_features = metadata["params"], metadata["n_features_in"]
+        check(set(params) == set(cls._get_param_names()), "unexpected estimator parameters")
+        forest = cls(**params)
+        try:
+            forest._validate_params()
+        except (ValueError, TypeError) as error:
+            raise ValueError(f"damaged velmot forest file: {error}") from None
+        targets = cls._task_from_model(arrays)
+        trees = split_trees(arrays["nodes"], arrays["tree_sizes"], n_features, cls._leaf_classes(targets))
+        check(len(trees) == forest.n_estimators, "the number of trees differs from n_estimators")
+        forest.n_features_in_ = n_features
+        if "feature_names" in arrays:
+            names = arrays["feature_names"]
+            check(names.ndim == 1 and len(names) == n_features and names.dtype.kind == "U", "bad feature_names")
+            forest.feature_names_in_ = names.astype(object)
+        importances = float_vector(arrays["feature_importances"], n_features, "feature_importances")
+        nodes = cls._NODES.from_tree_arrays(trees)
+        # Files written without node statistics leave them unknown.
+        if "node_counts" in arrays or "node_impurities" in arrays:
+            total = nodes.offsets[-1]
+            counts = arrays.get("node_counts", np.empty(0))
+            check(counts.dtype == np.int64 and counts.shape == (total,), f"node_counts must be {total} int64 values")
+            check(bool(np.all(counts >= 0)), "a node count is negative")
+            impurities = float_vector(arrays.get("node_impurities", np.empty(0)), total, "node_impurities")
+            nodes = cls._NODES(**{**nodes.as_dict(), "count": counts, "impurity": impurities})
+        fill = arrays.get("missing_value_fill")
+        forest._set_fitted(
+            targets, nodes, None, None if fill is None else float_vector(fill, n_features, "missing_value_fill")
+        )
+        forest.feature_importances_ = importances
+        return forest
+
+
+class RandomForestClassifier(ClassifierMixin, ForestEstimator):
     """A random forest classifier: bootstrapped, fully grown binary trees.
 
     Each tree is learnt from its own bootstrap sample; at every node a random
@@ -167,40 +427,12 @@ class RandomForestClassifier(ClassifierMixin, ExportExplainMixin, BaseEstimator)
     """
 
     _parameter_constraints = {
-        "n_estimators": [Interval(Integral, 1, MAX_INT32, closed="both")],
-        "criterion": [StrOptions(set(CRITERION_NAMES))],
-        "max_features": [
-            StrOptions({"sqrt", "log2"}),
-            Interval(Integral, 1, None, closed="left"),
-            Interval(RealNotInt, 0.0, 1.0, closed="right"),
-            None,
-        ],
-        "max_depth": [Interval(Integral, 1, None, closed="left"), None],
-        "max_samples": [
-            Interval(Integral, 1, None, closed="left"),
-            Interval(RealNotInt, 0.0, 1.0, closed="right"),
-            None,
-        ],
-        "n_jobs": [
-            Interval(Integral, 1, POOL_SIZE, closed="both"),
-            Interval(Integral, None, -1, closed="right"),
-            None,
-        ],
-        "random_state": ["random_state"],
-        "verbose": ["verbose"],
-        "min_samples_split": [
-            Interval(Integral, 2, None, closed="left"),
-            Interval(RealNotInt, 0.0, 1.0, closed="right"),
-        ],
-        "min_samples_leaf": [
-            Interval(Integral, 1, None, closed="left"),
-            Interval(RealNotInt, 0.0, 1.0, closed="neither"),
-            StrOptions({PAIRS}),
-        ],
-        "min_impurity_decrease": [Interval(Real, 0.0, None, closed="left")],
-        "oob_score": ["boolean", callable],
+        **FOREST_PARAMETER_CONSTRAINTS,
+        "criterion": [StrOptions(set(CRITERION_NAMES) - {"squared_error"})],
         "class_weight": [StrOptions({"balanced", "balanced_subsample"}), dict, None],
     }
+    _TASK = "classification"
+    _NODES = ForestNodes
 
     def __init__(
         self,
@@ -233,70 +465,26 @@ class RandomForestClassifier(ClassifierMixin, ExportExplainMixin, BaseEstimator)
         self.oob_score = oob_score
         self.class_weight = class_weight
 
-    def fit(self, X, y, sample_weight=None):
-        """Learn the forest from the training set (X, y).
-
-        Parameters
-        ----------
-        X : array-like of shape (n_samples, n_features)
-            Training samples. int32, float64, float32 and uint8 matrices are
-            used in place, without a copy; bool is viewed as uint8; other
-            integer types become int32 (float64 if a value does not fit),
-            float16 becomes float32 and other numbers float64. Asking for
-            every feature at each node (``max_features`` reaching
-            ``n_features``) costs one feature-major copy of X.
-        y : array-like of shape (n_samples,)
-            Class labels of any type: numbers, strings, bools.
-        sample_weight : array-like of shape (n_samples,) or None, default=None
-            Non-negative weights, multiplied by ``class_weight``'s; each
-            bootstrap draw picks a sample with probability proportional to
-            its weight (see the class description).
-
-        Returns
-        -------
-        self : RandomForestClassifier
-            The fitted estimator.
-        """
-        self._validate_params()
-        X, y = validate_data(self, X, y, dtype="numeric", ensure_all_finite="allow-nan")
+    def _check_targets(self, y):
         check_classification_targets(y)
-        # Checks that need the data's shape come before anything is copied.
-        settings = resolve_settings(self, *X.shape)
-        classes, codes = np.unique(y, return_inverse=True)
-        weights = sample_weights(sample_weight, self.class_weight, X, classes, codes)
-        X = as_module_dtype(X)
-        check_splittable(X)
-        X, medians = weighed_medians(X, weights)
-        features = feature_major_with_constant_row(X) if settings.all_features else feature_major(X)
-        nodes, importances, votes = learn_forest(
-            features,
-            np.ascontiguousarray(codes, dtype=np.int32),
-            n_classes=len(classes),
-            n_trees=self.n_estimators,
-            settings=settings,
-            random_state=self.random_state,
-            verbose=self.verbose,
-            sample_weight=weights,
-        )
-        self._set_fitted(classes, nodes, importances, medians)
-        self._set_out_of_bag(votes, codes)
-        return self
 
-    def _set_fitted(self, classes, nodes, importances, missing_value_fill):
-        n_features = self.n_features_in_
+    def _encode_targets(self, y):
+        classes, codes = np.unique(y, return_inverse=True)
+        return classes, np.ascontiguousarray(codes, dtype=np.int32), len(classes)
+
+    def _sample_weights(self, sample_weight, X, classes, codes):
+        return sample_weights(sample_weight, self.class_weight, X, classes, codes)
+
+    def _set_task_fitted(self, classes):
         self.classes_ = classes
         self.n_classes_ = len(classes)
-        self.nodes_ = nodes
-        self.trees_ = nodes.tree_arrays()
-        self.feature_importances_ = np.zeros(n_features) if importances is None else np.array(importances[:n_features])
-        self._missing_value_fill_ = missing_value_fill
 
-    def _set_out_of_bag(self, votes, codes):
+    def _set_out_of_bag(self, out_of_bag, codes):
         for name in ("oob_score_", "oob_decision_function_"):
             self.__dict__.pop(name, None)
-        if votes is not None:
+        if out_of_bag is not None:
             self.oob_decision_function_, self.oob_score_ = out_of_bag_estimates(
-                votes, codes, self.classes_, self.oob_score
+                out_of_bag["oob_votes"], codes, self.classes_, self.oob_score
             )
 
     def predict(self, X):
@@ -348,160 +536,31 @@ class RandomForestClassifier(ClassifierMixin, ExportExplainMixin, BaseEstimator)
         with np.errstate(divide="ignore"):
             return np.log(proba)
 
-    def apply(self, X):
-        """The leaf each sample reaches in each tree.
-
-        Parameters
-        ----------
-        X : array-like of shape (n_samples, n_features)
-            Samples, converted by the same rule as in ``fit``.
-
-        Returns
-        -------
-        leaves : ndarray of shape (n_samples, n_estimators)
-            Node numbers within each tree, as ``nodes_`` and ``trees_``
-            number them (breadth-first from the root at 0).
-        """
-        return _core.apply(*self._walk_arguments(X))
-
-    def decision_path(self, X):
-        """The nodes each sample passes through, in every tree.
-
-        Parameters
-        ----------
-        X : array-like of shape (n_samples, n_features)
-            Samples, converted by the same rule as in ``fit``.
-
-        Returns
-        -------
-        indicator : scipy.sparse.csr_matrix of shape (n_samples, n_nodes)
-            1 where the sample passes through the node; columns are the
-            forest's nodes, tree after tree.
-        n_nodes_ptr : ndarray of shape (n_estimators + 1,)
-            Tree k's nodes are the columns ``n_nodes_ptr[k]:n_nodes_ptr[k + 1]``.
-        """
-        rows, nodes = _core.decision_path(*self._walk_arguments(X))
-        shape = (len(rows) - 1, int(self.nodes_.offsets[-1]))
-        indicator = csr_matrix((np.ones(len(nodes), dtype=np.int64), nodes, rows), shape=shape)
-        return indicator, self.nodes_.offsets.copy()
-
-    def save(self, path):
-        """Write the fitted forest to a portable ``.npz`` file, without pickle.
-
-        Parameters
-        ----------
-        path : str, path-like or binary file object
-            Destination; written exactly there, no suffix is added. A path
-            is written through a temporary file in the same folder and a
-            rename, so a failed save leaves any previous file intact.
-
-        Notes
-        -----
-        Class labels and feature names are stored as plain numpy arrays
-        (object arrays of strings come back as numpy string arrays). A
-        RandomState instance given as ``random_state`` cannot be stored and is
-        saved as None, and a callable ``oob_score`` as True; the trees
-        themselves are saved exactly. Out-of-bag estimates are not saved.
-
-        Examples
-        --------
-        >>> import velmot
-        >>> forest.save("forest.npz")  # doctest: +SKIP
-        >>> velmot.load("forest.npz").predict(X)  # doctest: +SKIP
-        """
-        write_model_file(path, *self._to_model())
-
-    def __sklearn_tags__(self):
-        tags = super().__sklearn_tags__()
-        tags.input_tags.allow_nan = True
-        return tags
-
-    def _walk_arguments(self, X):
-        """(forest, samples, n_classes, n_threads) of a core call over X."""
-        check_is_fitted(self)
-        X = validate_data(self, X, reset=False, dtype="numeric", ensure_all_finite="allow-nan")
-        samples = fill_missing(as_module_dtype(X), self._missing_value_fill_)
-        return self.nodes_.as_dict(), samples, self.n_classes_, threads_for_call(thread_count(self.n_jobs))
-
     def _predict_codes_or_proba(self, X, *, proba):
         _, samples, n_classes, n_threads = self._walk_arguments(X)
         return _core.predict(self.nodes_.prepared(n_classes), samples, n_classes, n_threads, proba)
 
     # -- model files -----------------------------------------------------
 
-    _TASK = "classification"
+    @classmethod
+    def _model_entries(cls):
+        return ("classes", *super()._model_entries())
+
+    def _task_arrays(self):
+        return {"classes": _without_objects(self.classes_, "class labels")}
 
     @staticmethod
-    def _model_entries():
-        return (
-            "classes",
-            "nodes",
-            "tree_sizes",
-            "node_counts",
-            "node_impurities",
-            "feature_importances",
-            "feature_names",
-            "missing_value_fill",
-        )
-
-    def _to_model(self):
-        """(arrays, metadata) of a model file holding this fitted forest."""
-        check_is_fitted(self)
-        arrays = {
-            "classes": _without_objects(self.classes_, "class labels"),
-            "nodes": np.concatenate(self.trees_, axis=1),
-            "tree_sizes": np.array([tree.shape[1] for tree in self.trees_], dtype=np.int64),
-            "node_counts": self.nodes_.count,
-            "node_impurities": self.nodes_.impurity,
-            "feature_importances": np.asarray(self.feature_importances_, dtype=np.float64),
-            "missing_value_fill": np.asarray(self._missing_value_fill_, dtype=np.float64),
-        }
-        if self._missing_value_fill_ is None:
-            del arrays["missing_value_fill"]
-        if hasattr(self, "feature_names_in_"):
-            arrays["feature_names"] = _without_objects(self.feature_names_in_, "feature names")
-        metadata = {"task": self._TASK, "params": _json_params(self.get_params()), "n_features_in": self.n_features_in_}
-        return arrays, metadata
-
-    @classmethod
-    def _from_model(cls, arrays, metadata):
-        """The fitted forest of a model file's checked arrays and metadata."""
-        for name in ("classes", "nodes", "tree_sizes", "feature_importances"):
-            check(name in arrays, f"missing {name}")
-        params, n_features = metadata["params"], metadata["n_features_in"]
-        check(set(params) == set(cls._get_param_names()), "unexpected estimator parameters")
-        forest = cls(**params)
-        try:
-            forest._validate_params()
-        except (ValueError, TypeError) as error:
-            raise ValueError(f"damaged velmot forest file: {error}") from None
+    def _task_from_model(arrays):
+        check("classes" in arrays, "missing classes")
         classes = arrays["classes"]
         check(classes.ndim == 1 and len(classes) >= 1, "classes must be a non-empty vector")
         check(classes.dtype.kind in "biufUS", "classes must be numbers, bools or strings")
         check(np.array_equal(np.unique(classes), classes), "classes must be sorted and distinct")
-        trees = split_trees(arrays["nodes"], arrays["tree_sizes"], n_features, len(classes))
-        check(len(trees) == forest.n_estimators, "the number of trees differs from n_estimators")
-        forest.n_features_in_ = n_features
-        if "feature_names" in arrays:
-            names = arrays["feature_names"]
-            check(names.ndim == 1 and len(names) == n_features and names.dtype.kind == "U", "bad feature_names")
-            forest.feature_names_in_ = names.astype(object)
-        importances = float_vector(arrays["feature_importances"], n_features, "feature_importances")
-        nodes = ForestNodes.from_tree_arrays(trees)
-        # Files written without node statistics leave them unknown.
-        if "node_counts" in arrays or "node_impurities" in arrays:
-            total = nodes.offsets[-1]
-            counts = arrays.get("node_counts", np.empty(0))
-            check(counts.dtype == np.int64 and counts.shape == (total,), f"node_counts must be {total} int64 values")
-            check(bool(np.all(counts >= 0)), "a node count is negative")
-            impurities = float_vector(arrays.get("node_impurities", np.empty(0)), total, "node_impurities")
-            nodes = ForestNodes(**{**nodes.as_dict(), "count": counts, "impurity": impurities})
-        fill = arrays.get("missing_value_fill")
-        forest._set_fitted(
-            classes, nodes, None, None if fill is None else float_vector(fill, n_features, "missing_value_fill")
-        )
-        forest.feature_importances_ = importances
-        return forest
+        return classes
+
+    @staticmethod
+    def _leaf_classes(classes):
+        return len(classes)
 
 
 def weighed_medians(X, weights):

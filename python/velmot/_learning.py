@@ -17,13 +17,14 @@ from tqdm import tqdm
 
 from . import _core
 from ._fork import threads_for_call
-from ._nodes import ForestNodes
+from ._nodes import ForestNodes, RegressionNodes
 
 CRITERION_NAMES = {
     "gini": "gini",
     "entropy": "infogain",
     "log_loss": "infogain",
     "gain_ratio": "gainratio",
+    "squared_error": "squared_error",
 }
 
 
@@ -41,14 +42,17 @@ def prepare(features, labels, *, n_classes, settings):
     """The training set prepared once for any number of learning calls.
 
     ``features`` is feature-major in one of the four element types,
-    ``labels`` int32 codes below n_classes."""
+    ``labels`` int32 codes below n_classes, or float64 targets with
+    n_classes 0."""
     return _core.TrainingData(features, labels, n_classes, threads_for_call(settings.n_threads))
 
 
 def learn_trees(data, *, first_tree, last_tree, seed, settings, on_progress=None, sample_weight=None):
     """Trees [first_tree, last_tree) of the forest of ``seed``: (ForestNodes,
     per-tree importance rows, NaN rows for trees without an informative
-    split, out-of-bag votes per sample and class or None)."""
+    split, out-of-bag estimates or None: {"oob_votes": per sample and class}
+    for classes, {"oob_counts": trees per sample, "oob_sums": their
+    predictions summed in tree order} for targets)."""
     result = _core.learn(
         data,
         criterion=CRITERION_NAMES[settings.criterion],
@@ -64,16 +68,17 @@ def learn_trees(data, *, first_tree, last_tree, seed, settings, on_progress=None
         sample_weight=sample_weight,
     )
     importances = result.pop("importances")
-    votes = result.pop("oob_votes", None)
-    return ForestNodes(**result), importances, votes
+    out_of_bag = {name: result.pop(name) for name in ("oob_votes", "oob_counts", "oob_sums") if name in result}
+    nodes = RegressionNodes if settings.criterion == "squared_error" else ForestNodes
+    return nodes(**result), importances, out_of_bag or None
 
 
 def learn_forest(features, labels, *, n_classes, n_trees, settings, random_state, verbose, sample_weight=None):
     """Learn n_trees trees in one call: (ForestNodes, importances or None,
-    out-of-bag votes or None)."""
+    out-of-bag estimates or None)."""
     data = prepare(features, labels, n_classes=n_classes, settings=settings)
     with tqdm(total=n_trees, unit="tree", desc="Learning trees", disable=verbose <= 0) as progress:
-        nodes, rows, votes = learn_trees(
+        nodes, rows, out_of_bag = learn_trees(
             data,
             first_tree=0,
             last_tree=n_trees,
@@ -82,7 +87,7 @@ def learn_forest(features, labels, *, n_classes, n_trees, settings, random_state
             on_progress=(lambda done: progress.update(done - progress.n)) if verbose > 0 else None,
             sample_weight=sample_weight,
         )
-    return nodes, mean_importances(rows), votes
+    return nodes, mean_importances(rows), out_of_bag
 
 
 def mean_importances(rows):

@@ -163,6 +163,9 @@ def float_vector(array, length, what):
 def split_trees(nodes, tree_sizes, n_features, n_classes):
     """Split the node table into trees after checking what the module trusts.
 
+    ``n_classes`` None: the leaves hold real values (regression), which must
+    be finite.
+
     Every column is a leaf (no children) or a split (two children); a child's
     column lies after its parent's within the same tree and every non-root
     column is the child of exactly one node, so each tree is reachable from
@@ -177,7 +180,8 @@ def split_trees(nodes, tree_sizes, n_features, n_classes):
     total = nodes.shape[1]
     check(int(tree_sizes.sum()) == total, "tree sizes do not add up to the node count")
 
-    integral_rows = nodes[[LEFT, RIGHT, FEATURE, LABEL]]
+    integral_rows = nodes[[LEFT, RIGHT, FEATURE] if n_classes is None else [LEFT, RIGHT, FEATURE, LABEL]]
+    check(n_classes is not None or bool(np.all(np.isfinite(nodes[LABEL]))), "non-finite leaf value")
     check(bool(np.all(np.isfinite(integral_rows))), "non-finite child, feature or label")
     check(bool(np.all(integral_rows == np.trunc(integral_rows))), "fractional child, feature or label")
 
@@ -207,5 +211,6 @@ def split_trees(nodes, tree_sizes, n_features, n_classes):
     check(bool(np.all((feature[split] >= 0) & (feature[split] < n_features))), "a split feature is out of range")
     check(bool(np.all(label[split] == -2)), "a split node does not carry the split label -2")
     check(bool(np.all(feature[leaf] == -1)), "a leaf carries a feature index")
-    check(bool(np.all((label[leaf] >= 0) & (label[leaf] < n_classes))), "a leaf label is not below the class count")
+    if n_classes is not None:
+        check(bool(np.all((label[leaf] >= 0) & (label[leaf] < n_classes))), "a leaf label is not below the class count")
     return [np.ascontiguousarray(nodes[:, start : start + size]) for start, size in zip(starts, tree_sizes)]

@@ -48,8 +48,11 @@ class ForestNodes:
     count: np.ndarray
     impurity: np.ndarray
 
+    # A leaf's value: a class index here, a mean target in RegressionNodes.
+    _VALUE_DTYPE = np.int32
+
     def __post_init__(self):
-        for name, dtype in _DTYPES.items():
+        for name, dtype in {**_DTYPES, "value": self._VALUE_DTYPE}.items():
             object.__setattr__(self, name, np.ascontiguousarray(getattr(self, name), dtype=dtype))
 
     @property
@@ -70,9 +73,13 @@ class ForestNodes:
         return prepared
 
     def tree_arrays(self):
-        """The trees in the five-row float64 encoding of ``trees_``."""
-        rows = np.vstack([self.left, self.right, self.feature, self.threshold, self.value]).astype(np.float64)
-        return [np.ascontiguousarray(rows[:, begin:end]) for begin, end in zip(self.offsets[:-1], self.offsets[1:])]
+        """The trees in the five-row float64 encoding of ``trees_``.
+
+        Each tree is converted on its own: a forest-wide (5, n_nodes) copy
+        first would add twice the trees' size to a fit's peak memory."""
+        rows = (self.left, self.right, self.feature, self.threshold, self.value)
+        bounds = zip(self.offsets[:-1], self.offsets[1:])
+        return [np.array([row[begin:end] for row in rows], dtype=np.float64) for begin, end in bounds]
 
     @classmethod
     def from_tree_arrays(cls, trees):
@@ -89,3 +96,11 @@ class ForestNodes:
         starts = np.concatenate([[0], np.cumsum(sizes[:-1], dtype=np.int64)])
         offsets = np.concatenate([[0]] + [part.offsets[1:] + start for part, start in zip(parts, starts)])
         return cls(offsets, *(np.concatenate([getattr(part, name) for part in parts]) for name in list(_DTYPES)[1:]))
+
+
+@dataclass(frozen=True, eq=False)
+class RegressionNodes(ForestNodes):
+    """A regression forest's nodes: ``value`` is a leaf's mean in-bag target
+    (float64; -2 at a split), ``impurity`` the node's mean squared error."""
+
+    _VALUE_DTYPE = np.float64

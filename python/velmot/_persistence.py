@@ -7,8 +7,9 @@ estimator's task, and loading picks the class from it.
 
 from ._forest import RandomForestClassifier
 from ._model_file import check, read_model_file, write_model_file
+from ._regressor import RandomForestRegressor
 
-ESTIMATORS = {"classification": RandomForestClassifier}
+ESTIMATORS = {"classification": RandomForestClassifier, "regression": RandomForestRegressor}
 
 # Files written before the task was recorded hold classifiers.
 _DEFAULT_TASK = "classification"
@@ -51,8 +52,9 @@ def load(path):
 
     Returns
     -------
-    forest : RandomForestClassifier
-        A fitted estimator that predicts exactly as the saved one did.
+    forest : RandomForestClassifier or RandomForestRegressor
+        A fitted estimator of the task the file records, which predicts
+        exactly as the saved one did.
 
     Raises
     ------

@@ -70,7 +70,7 @@ def resolve_settings(estimator, n_samples, n_features):
         min_leaf_size=_samples(estimator.min_samples_split, n_samples, least=2) - 1,
         min_samples_leaf=0 if estimator.min_samples_leaf == PAIRS else _samples(estimator.min_samples_leaf, n_samples),
         min_impurity_decrease=float(estimator.min_impurity_decrease),
-        out_of_bag=bool(estimator.oob_score),
+        out_of_bag=bool(getattr(estimator, "oob_score", False)),
     )
 
 

@@ -9,7 +9,9 @@ Data files are read by ``_tables``: a CSV file, or a Parquet file (.parquet,
 .pq) or folder of them, whose column names serve as its header.
 
 A description file (read by the library's own reader) says which CSV column
-holds the class (``class-column``), which columns to drop (``ignore``), the
+holds the class (``class-column``), whether it holds real targets
+(``label-type regression``: a regression forest is learnt; without a
+description, ``--task regression`` asks for one), which columns to drop (``ignore``), the
 names of features (``feature-name``, by CSV column number) and of classes
 (``label CODE NAME``). Without one, the last column is the class and every
 other column a feature. A header line is optional: a first line with a
@@ -124,12 +126,13 @@ _ZIP_SIGNATURE = b"PK"
 def _save_model(model, path, feature_names, class_names, class_column_name):
     from ._persistence import save_forest
 
+    codes = getattr(model, "classes_", ())  # a regressor has no classes
     save_forest(
         model,
         path,
         extra={
             _FEATURE_NAMES_KEY: np.array(feature_names, dtype=str),
-            _CLASS_NAMES_KEY: np.array([class_names[int(code)] for code in model.classes_], dtype=str),
+            _CLASS_NAMES_KEY: np.array([class_names[int(code)] for code in codes], dtype=str),
             _CLASS_COLUMN_KEY: np.array(class_column_name, dtype=str),
         },
     )
@@ -150,13 +153,13 @@ def _load_model(path):
         raise CommandError(str(error) if path in str(error) else f"{path}: {error}") from None
     shapes = {
         _FEATURE_NAMES_KEY: (model.n_features_in_,),
-        _CLASS_NAMES_KEY: model.classes_.shape,
+        _CLASS_NAMES_KEY: (len(getattr(model, "classes_", ())),),
         _CLASS_COLUMN_KEY: (),
     }
     for key, shape in shapes.items():
         if extra[key].dtype.kind != "U" or extra[key].shape != shape:
             raise CommandError(f"{path}: damaged model file ({key} has the wrong shape or type)")
-    class_names = dict(zip((int(code) for code in model.classes_), extra[_CLASS_NAMES_KEY].tolist()))
+    class_names = dict(zip((int(code) for code in getattr(model, "classes_", ())), extra[_CLASS_NAMES_KEY].tolist()))
     return model, extra[_FEATURE_NAMES_KEY].tolist(), class_names, str(extra[_CLASS_COLUMN_KEY])
 
 
@@ -165,10 +168,15 @@ def _load_model(path):
 
 
 def train(args):
-    from velmot import RandomForestClassifier
+    from velmot import RandomForestClassifier, RandomForestRegressor
 
     output = _output_file(args.output, args.data, args.description)
     layout = read_layout(args.description)
+    if layout.task and args.task and layout.task != args.task:
+        raise CommandError(f"--task {args.task}, but {args.description} gives label-type {layout.task}")
+    regression = (layout.task or args.task) == "regression"
+    if regression and args.class_weight:
+        raise CommandError("--class-weight weighs classes; a regression forest has none")
     with _open_data(args.data) as rows:
         layout.check_columns(rows.n_columns, args.data)
         class_column = rows.n_columns - 1 if layout.class_column is None else layout.class_column
@@ -183,19 +191,19 @@ def train(args):
     if not len(X):
         raise CommandError(f"{args.data}: the file holds a header but no rows")
     X, weights = (X, None) if weight_column is None else (X[:, :-1], X[:, -1])
-    codes, class_names = _encode_classes(classes, layout, args.data)
+    codes, class_names = _targets(classes, args.data) if regression else _encode_classes(classes, layout, args.data)
     y = codes[rows_class]
-    model = RandomForestClassifier(
+    task_params = {"oob_score": args.oob} if regression else {"oob_score": args.oob, "class_weight": args.class_weight}
+    model = (RandomForestRegressor if regression else RandomForestClassifier)(
         n_estimators=args.trees,
-        criterion=args.criterion,
-        max_features=_max_features(args.max_features),
+        criterion=args.criterion or ("squared_error" if regression else "gini"),
+        max_features=_max_features(args.max_features or ("all" if regression else "sqrt")),
         max_depth=args.max_depth,
         n_jobs=args.jobs,
         random_state=args.seed,
         verbose=0 if args.quiet or not sys.stderr.isatty() else 1,
         min_samples_leaf=_min_samples_leaf(args.min_samples_leaf),
-        oob_score=args.oob,
-        class_weight=args.class_weight,
+        **task_params,
     )
     try:
         model.fit(X, y, sample_weight=weights)
@@ -207,7 +215,7 @@ def train(args):
         file=sys.stderr,
     )
     if args.oob:
-        print(f"out-of-bag accuracy: {model.oob_score_:.4f}")
+        print(f"out-of-bag {'R^2' if regression else 'accuracy'}: {model.oob_score_:.4f}")
 
 
 def _set_weight_column_aside(text, layout, rows, class_column):
@@ -233,6 +241,23 @@ def _set_weight_column_aside(text, layout, rows, class_column):
         )
     layout.ignored.add(column)
     return column
+
+
+def _targets(fields, path):
+    """Real targets of the class column's fields, and no class names."""
+    try:
+        return np.array([float(text) for text in fields]), {}
+    except ValueError:
+        bad = next(text for text in fields if not _is_number(text))
+        raise CommandError(f"{path}: target {bad!r} is not a number (label-type regression)") from None
+
+
+def _is_number(text):
+    try:
+        float(text)
+    except ValueError:
+        return False
+    return True
 
 
 def _feature_columns(layout, rows, class_column):
@@ -283,7 +308,9 @@ def predict(args):
     output = _output_file(args.output, args.model, args.data, args.description)
     model, feature_names, class_names, class_column_name = _load_model(args.model)
     layout = read_layout(args.description)
-    classes = [class_names[int(code)] for code in model.classes_]
+    classes = [class_names[int(code)] for code in getattr(model, "classes_", ())]
+    if args.proba and not classes:
+        raise CommandError(f"--proba needs a classification model; {args.model} holds a regression forest")
 
     def write(temp):
         with _open_data(args.data) as rows, open(temp, "w", newline="", encoding="utf-8") as out:
@@ -295,8 +322,10 @@ def predict(args):
             for features in rows.feature_batches(columns, PREDICT_CHUNK_ROWS):
                 if args.proba:
                     writer.writerows(model.predict_proba(features).tolist())
-                else:
+                elif classes:
                     writer.writerows([[class_names[int(code)]] for code in model.predict(features)])
+                else:  # Python writes floats in the shortest text that reads back exactly
+                    writer.writerows([[value] for value in model.predict(features).tolist()])
 
     atomic_write(output, write)
 
@@ -340,7 +369,9 @@ def inspect(args):
     trees = model.trees_
     nodes = [tree.shape[1] for tree in trees]
     depths = [_depth(tree) for tree in trees]
-    print(f"classes:  {', '.join(class_names[int(code)] for code in model.classes_)}")
+    print(f"task:     {model._TASK}")
+    if class_names:
+        print(f"classes:  {', '.join(class_names[int(code)] for code in model.classes_)}")
     print(f"features: {model.n_features_in_}")
     print(f"trees:    {len(trees)}")
     print(f"nodes:    {sum(nodes)} in all, {min(nodes)} to {max(nodes)} per tree")
@@ -365,7 +396,7 @@ def export(args):
     output = _output_file(args.output, args.model)
     model, _, class_names, _ = _load_model(args.model)
     try:
-        write_onnx(model, output, [class_names[int(code)] for code in model.classes_])
+        write_onnx(model, output, [class_names[int(code)] for code in getattr(model, "classes_", ())] or None)
     except ImportError as error:
         raise CommandError(str(error)) from None
 
@@ -397,8 +428,12 @@ def build_parser():
     p.add_argument("data", help="CSV file, Parquet file or folder of training rows")
     p.add_argument("--description", help="description file naming the class column, ignored columns and names")
     p.add_argument("--trees", type=int, default=100, help="number of trees (default 100)")
-    p.add_argument("--criterion", default="gini", choices=["gini", "entropy", "log_loss", "gain_ratio"])
-    p.add_argument("--max-features", default="sqrt", help="features tried per split: sqrt, log2, all, N or a fraction")
+    p.add_argument("--task", choices=["classification", "regression"], help="without a description's label-type")
+    p.add_argument("--criterion", choices=["gini", "entropy", "log_loss", "gain_ratio", "squared_error"])
+    p.add_argument(
+        "--max-features",
+        help="features tried per split: sqrt, log2, all, N or a fraction (default sqrt; all for regression)",
+    )
     p.add_argument("--max-depth", type=int, default=None, help="depth limit (default: none)")
     p.add_argument("--jobs", type=int, default=-1, help="threads (default -1: all cores)")
     p.add_argument("--seed", type=int, default=None, help="seed, for a reproducible forest")
@@ -406,7 +441,7 @@ def build_parser():
     p.add_argument("--min-samples-leaf", default="1", help="fewest in-bag samples per leaf: N, a fraction or pairs")
     p.add_argument("--class-weight", choices=["balanced"], help="weigh classes inversely to their frequency")
     p.add_argument("--weight-column", help="column of sample weights (a column number or name), not a feature")
-    p.add_argument("--oob", action="store_true", help="print the out-of-bag accuracy after training")
+    p.add_argument("--oob", action="store_true", help="print the out-of-bag accuracy (R^2) after training")
     p.add_argument("-o", "--output", required=True, help="model file to write (.npz)")
     p.set_defaults(run=train)
 

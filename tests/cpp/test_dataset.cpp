@@ -7,6 +7,8 @@
 
 #include "velmot/dataset/dataset.h"
 #include "velmot/dataset/native_array_dataset.h"
+#include "velmot/dataset/weighted_bootstrap.h"
+#include "velmot/defs/tree_seeds.h"
 
 using Velmot::MemoryDataSet;
 
@@ -74,3 +76,15 @@ TEST(CopyFrom, EveryLayoutOfALargeMatrixGivesTheSameColumns) {
 }
 
 }  // namespace
+
+TEST(WeightedDraws, EachInstanceInProportionToItsWeightAndNoTableForEqualWeights) {
+  EXPECT_TRUE(Velmot::WeightedDraws({2.5, 2.5, 2.5}).uniform());
+  const Velmot::WeightedDraws draws({0.0, 1.0, 3.0, 0.0, 6.0});
+  Velmot::XorShiftRNG rng = Velmot::tree_generator(7, 0);
+  std::vector<int> seen(5, 0);
+  for (int k = 0; k < 100000; ++k) ++seen[draws.draw(rng)];
+  EXPECT_EQ(seen[0] + seen[3], 0);
+  EXPECT_NEAR(seen[1], 10000, 400);
+  EXPECT_NEAR(seen[2], 30000, 600);
+  EXPECT_THROW(Velmot::WeightedDraws({0.0, 0.0}), Velmot::Exception);
+}

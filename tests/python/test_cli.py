@@ -10,6 +10,7 @@ from pathlib import Path
 import numpy as np
 import pytest
 
+import velmot
 from velmot import RandomForestClassifier, cli
 
 EXAMPLES = Path(__file__).resolve().parents[2] / "examples"
@@ -136,6 +137,20 @@ def test_predict_finds_features_by_name_or_by_fitting_position(tmp_path, capsys,
         assert message in fails(capsys, "predict", model, data, "-o", out)
 
 
+def test_regression_from_a_description_or_the_task_option_writes_exact_values(tmp_path, capsys):
+    X = np.random.default_rng(2).normal(size=(60, 2)).round(3)
+    data = write_csv(tmp_path / "r.csv", [[*map(str, x), repr(x[0] * 1.7 + x[1] ** 2)] for x in X])
+    (tmp_path / "r.desc").write_text("label-type regression\n")
+    models = [tmp_path / "d.npz", tmp_path / "t.npz"]
+    for model, task in zip(models, (["--description", tmp_path / "r.desc"], ["--task", "regression"])):
+        assert run("train", data, *task, "--trees", 5, "--seed", 0, "--quiet", "-o", model) == 0
+    assert run("predict", models[1], data, "-o", tmp_path / "p.csv") == 0
+    predicted = np.array(read_rows(tmp_path / "p.csv"), dtype=float)[:, 0]
+    np.testing.assert_array_equal(predicted, velmot.load(models[0]).predict(X))
+    assert run("inspect", models[0]) == 0 and "task:     regression" in capsys.readouterr().out
+    assert "--proba needs a classification model" in fails(capsys, "predict", models[0], data, "--proba", "-o", "x")
+
+
 @pytest.mark.parametrize(
     "data, description, message",
     [
@@ -150,7 +165,7 @@ def test_predict_finds_features_by_name_or_by_fitting_position(tmp_path, capsys,
         (b"1,2,a\n", b"\nignore 4294967296\n", "line 2: 4294967296 is larger than 2147483647"),
         (b"1,2,a\n", b"num-features 2\n", "line 1: num-features 2, but"),
         (b"1,2,a\n", b"# fine\n\nclass-columns 2\n", "error (line 3): invalid command: class-columns"),
-        (b"1,2,a\n", b"label-type regression\n", "regression is not supported yet"),
+        (b"1,2,a\n", b"label-type regression\n", "target 'a' is not a number (label-type regression)"),
         (b"1,2,a\n", b"label 0 a\nlabel 0 b\n", "line 2: class code 0 is already named 'a'"),
         (b"1,2,a\n", b"feature-name 0 caf\xe9\n", "line 1: not UTF-8 text"),
         (b"1,2,a\n", b"class-column 2\x00\n", "line 1: holds a NUL character"),

@@ -377,3 +377,17 @@ class TestFailures:
             lambda: not any(processing_keys(worker) for worker in list(cluster.scheduler.workers.values())),
             "the workers to finish",
         )
+
+
+def test_regressor_equals_the_local_one_and_learns_partition_wise(client):
+    X, _ = noisy_data(600)
+    y = 2 * X[:, 0] + X[:, 1] * X[:, 2]
+    local = velmot.RandomForestRegressor(n_estimators=6, random_state=3).fit(X, y)
+    forest = velmot.dask.RandomForestRegressor(n_estimators=6, trees_per_block=4, random_state=3, client=client)
+    forest.fit(X, y)
+    for name, array in local.nodes_.as_dict().items():
+        np.testing.assert_array_equal(getattr(forest.nodes_, name), array)
+    X_blocks, y_blocks = da.from_array(X, chunks=(300, 8)), da.from_array(y, chunks=300)
+    np.testing.assert_array_equal(forest.predict(X_blocks).compute(), local.predict(X))
+    forest.set_params(partition_wise=True).fit(X_blocks, y_blocks)
+    assert forest.nodes_.n_trees == 6 and forest.score(X, y) > 0.8

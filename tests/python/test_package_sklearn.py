@@ -10,7 +10,7 @@ os.environ.setdefault("SCIPY_ARRAY_API", "1")
 
 from sklearn.utils.estimator_checks import check_dataframe_column_names_consistency, parametrize_with_checks
 
-from velmot import RandomForestClassifier
+from velmot import RandomForestClassifier, RandomForestRegressor
 
 # Checks that cannot pass, with their reason, in the form scikit-learn's
 # check runners expect.
@@ -23,7 +23,8 @@ EXPECTED_FAILED_CHECKS = {
 
 
 @parametrize_with_checks(
-    [RandomForestClassifier(n_estimators=10)], expected_failed_checks=lambda estimator: EXPECTED_FAILED_CHECKS
+    [RandomForestClassifier(n_estimators=10), RandomForestRegressor(n_estimators=10)],
+    expected_failed_checks=lambda estimator: EXPECTED_FAILED_CHECKS,
 )
 def test_scikit_learn_estimator_checks(estimator, check):
     check(estimator)

@@ -10,8 +10,8 @@
 //             `threshold`; its children sit side by side, left at `next`,
 //             right at `next` + 1.
 //   leaf      a node without children: `threshold` holds its label (exact:
-//             every int is a double), `feature` is -1, `next` its own
-//             position.
+//             every int is a double) or a regression leaf's value,
+//             `feature` is -1, `next` its own position.
 //   stand-in  the absent child of a one-child split, laid out like a leaf
 //             with threshold +inf; reaching it is an error.
 //   sentinel  -inf, stored just before each instance's values, read through
@@ -67,9 +67,7 @@ inline bool rests(const FlatNode& node, size_t position) { return static_cast<si
 inline bool is_stand_in(const FlatNode& node) { return node.threshold == stand_in_mark; }
 inline int label_of(const FlatNode& leaf) { return static_cast<int>(leaf.threshold); }
 
-inline FlatNode leaf_at(size_t position, int label) {
-  return FlatNode{static_cast<double>(label), -1, static_cast<int32_t>(position)};
-}
+inline FlatNode leaf_at(size_t position, double value) { return FlatNode{value, -1, static_cast<int32_t>(position)}; }
 inline FlatNode stand_in_at(size_t position) { return FlatNode{stand_in_mark, -1, static_cast<int32_t>(position)}; }
 
 // Positions are int32: refuses a tree whose layout would need more.

@@ -1,8 +1,9 @@
 #ifndef VELMOT_LEARN_FOREST_ARRAYS_H
 #define VELMOT_LEARN_FOREST_ARRAYS_H
 
-// ForestArrays: a classification forest as one structure of arrays, one
-// entry per node, trees one after another.
+// NodeArrays: a forest as one structure of arrays, one entry per node,
+// trees one after another; ForestArrays for classification (int32 values),
+// RegressionForestArrays for regression (float64 values).
 //
 // Glossary:
 //   offsets    tree k holds the nodes [offsets[k], offsets[k + 1]);
@@ -10,7 +11,8 @@
 //              a tree are numbered breadth-first from its root at 0, as
 //              in the tree array encoding, so a child's index is always
 //              above its parent's;
-//   value      a leaf's class; -2 at a split;
+//   value      a leaf's class, -2 at a split (classification); a leaf's
+//              mean label (regression);
 //   count      in-bag instances that reach the node, bootstrap copies
 //              counted (0 where unknown);
 //   impurity   the node's label impurity over those instances (NaN where
@@ -27,9 +29,11 @@
 
 namespace Velmot {
 
-struct ForestArrays {
+template <class Value>
+struct NodeArrays {
   std::vector<int64_t> offsets{0};
-  std::vector<int32_t> left, right, feature, value;
+  std::vector<int32_t> left, right, feature;
+  std::vector<Value> value;
   std::vector<double> threshold;
   std::vector<int64_t> count;
   std::vector<double> impurity;
@@ -38,7 +42,7 @@ struct ForestArrays {
   size_t num_nodes() const { return left.size(); }
 
   // Adds the trees of `other` after this forest's.
-  void append(const ForestArrays& other) {
+  void append(const NodeArrays& other) {
     const int64_t base = offsets.back();
     for (size_t k = 1; k < other.offsets.size(); ++k) offsets.push_back(base + other.offsets[k]);
     left.insert(left.end(), other.left.begin(), other.left.end());
@@ -51,18 +55,23 @@ struct ForestArrays {
   }
 };
 
-// A one-tree ForestArrays of a linked tree, breadth-first (the numbering of
-// VectorizedTree::root_to_vector); counts 0 and impurities NaN.
-inline ForestArrays flatten_tree(const Node<int>& root) {
-  ForestArrays tree;
-  std::vector<const Node<int>*> nodes{&root};
+typedef NodeArrays<int32_t> ForestArrays;
+typedef NodeArrays<double> RegressionForestArrays;
+
+// A one-tree NodeArrays of a linked tree, breadth-first (the numbering of
+// VectorizedTree::root_to_vector); counts 0 and impurities NaN. L is int
+// (classes) or double (regression).
+template <class L>
+NodeArrays<L> flatten_tree(const Node<L>& root) {
+  NodeArrays<L> tree;
+  std::vector<const Node<L>*> nodes{&root};
   for (size_t i = 0; i < nodes.size(); ++i) {
-    const Node<int>* node = nodes[i];
+    const Node<L>* node = nodes[i];
     tree.feature.push_back(node->get_feature_index());
     tree.threshold.push_back(node->get_threshold());
     tree.value.push_back(node->get_label());
     int32_t children[2] = {-1, -1};
-    const Node<int>* linked[2] = {node->get_left(), node->get_right()};
+    const Node<L>* linked[2] = {node->get_left(), node->get_right()};
     for (int side = 0; side < 2; ++side) {
       if (linked[side] == nullptr) continue;
       children[side] = static_cast<int32_t>(nodes.size());

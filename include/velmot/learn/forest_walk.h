@@ -24,7 +24,8 @@
 
 namespace Velmot {
 
-inline void check_walk_features(const ForestArraysView& forest, size_t num_features) {
+template <class Value>
+void check_walk_features(const NodeArraysView<Value>& forest, size_t num_features) {
   for (size_t node = 0; node < forest.num_nodes; ++node) {
     const int32_t f = forest.feature[node];
     if (forest.left[node] >= 0 && (f < 0 || static_cast<size_t>(f) >= num_features)) {
@@ -38,8 +39,8 @@ namespace forest_walk_detail {
 
 // Calls visit(node) for every node from the root of tree k to the leaf
 // sample i reaches; returns that leaf.
-template <class ValueOf, class Visit>
-int32_t walk(const ForestArraysView& forest, size_t k, size_t i, const ValueOf& value_of, Visit&& visit) {
+template <class Value, class ValueOf, class Visit>
+int32_t walk(const NodeArraysView<Value>& forest, size_t k, size_t i, const ValueOf& value_of, Visit&& visit) {
   const size_t base = static_cast<size_t>(forest.offsets[k]);
   int32_t node = 0;
   for (;;) {
@@ -62,8 +63,8 @@ void for_each_sample(size_t num_samples, int num_threads, Body&& body) {
 }  // namespace forest_walk_detail
 
 // leaves[i * num_trees + k] = the leaf sample i reaches in tree k.
-template <class ValueOf>
-void find_leaves(const ForestArraysView& forest, size_t num_samples, const ValueOf& value_of, int num_threads,
+template <class Value, class ValueOf>
+void find_leaves(const NodeArraysView<Value>& forest, size_t num_samples, const ValueOf& value_of, int num_threads,
                  int32_t* leaves) {
   forest_walk_detail::for_each_sample(num_samples, num_threads, [&](size_t i) {
     for (size_t k = 0; k < forest.num_trees; ++k) {
@@ -82,8 +83,8 @@ struct DecisionPaths {
 
 // Two walks per sample: one counts its nodes, so that every sample's run
 // of the output is known before the second writes it, in parallel.
-template <class ValueOf>
-DecisionPaths find_decision_paths(const ForestArraysView& forest, size_t num_samples, const ValueOf& value_of,
+template <class Value, class ValueOf>
+DecisionPaths find_decision_paths(const NodeArraysView<Value>& forest, size_t num_samples, const ValueOf& value_of,
                                   int num_threads) {
   DecisionPaths paths;
   paths.rows.assign(num_samples + 1, 0);

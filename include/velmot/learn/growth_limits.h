@@ -14,8 +14,9 @@
 // more on each side (the label-change rule then applies among those), and
 // every split it keeps has children of k or more.
 // min_impurity_decrease > 0 keeps a split only when its decrease in
-// count-weighted Gini impurity, over the root's sample size, reaches it;
-// below it the node becomes a leaf and credits no importance.
+// count-weighted impurity (Gini impurity for classes, squared error for
+// real labels), over the root's sample size, reaches it; below it the node
+// becomes a leaf and credits no importance.
 
 #include <cstddef>
 #include <cstdint>

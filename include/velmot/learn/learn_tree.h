@@ -25,6 +25,11 @@
 // again: the search does not end. That is the library's deliberate
 // behaviour; the Python package never lets it happen.
 //
+// The node's labels are what NodeLabels<Criterion> (learn/node_labels.h)
+// makes of them: class counts for the classification criteria, or
+// squared-error sums for SquaredError, whose all-features search stops once
+// every feature was tried.
+//
 // Random draws happen only in three places, always on the calling thread's
 // generator: feature choice (random mode), ties between features' best
 // scores, and leaf labels.
@@ -53,6 +58,7 @@
 #include "velmot/defs/random.h"
 #include "velmot/defs/tracker.h"
 #include "velmot/learn/growth_limits.h"
+#include "velmot/learn/node_labels.h"
 #include "velmot/learn/split_search.h"
 #include "velmot/learn/sweep.h"
 #include "velmot/learn/tree.h"
@@ -116,29 +122,28 @@ struct SplitCandidate {
 };
 
 // Scratch of the split search, reused across the nodes of a tree.
-template <class D, class A>
+template <class D>
 struct SearchWorkspace {
   // Packed keys that span fewer cells than there are keys are counted.
   SearchWorkspace() : sorted(true) {}
   SortedFeature<D> sorted;
-  A left;
-  A right;
 };
 
 // The best split over the features chosen for one node, or an uninitialized
 // tracker when no feature could be evaluated. Scores are the ones
 // learn_tree_node reports, offered in the same order with the same draws.
-template <class D, class A, class Criterion>
+template <class D, class Criterion>
 Tracker<SplitCandidate<typename D::feature_type>, std::less<double>> search_features(
-    const RangeDataSet<IndexedDataSet<D>>& range, const A& counts, int fte_per_split, const Criterion& criteria,
-    LeafLimit limit, XorShiftRNG& random, DrawnFeatures& drawn, SearchWorkspace<D, A>& workspace) {
+    const RangeDataSet<IndexedDataSet<D>>& range, NodeLabels<Criterion>& labels, int fte_per_split,
+    const Criterion& criteria, LeafLimit limit, XorShiftRNG& random, DrawnFeatures& drawn,
+    SearchWorkspace<D>& workspace) {
   typedef typename D::feature_type F;
   const int nf = static_cast<int>(range.get_num_features());
   const int k = (fte_per_split >= 1 && fte_per_split < nf) ? fte_per_split : nf;
   const bool random_mode = k != nf;
   // The instances the range's positions stand for.
-  const size_t total = counts.get_total_count();
-  const double initial = criteria.get_initial(counts);
+  const size_t total = labels.total();
+  labels.begin_search(criteria);
   SortedFeature<D>& sorted = workspace.sorted;
   Tracker<SplitCandidate<F>, std::less<double>> best_over_features;
   drawn.clear();
@@ -149,6 +154,10 @@ Tracker<SplitCandidate<typename D::feature_type>, std::less<double>> search_feat
       do {
         fte = static_cast<int>(random.next_int(nf));
       } while (drawn.contains(fte));
+    } else if (NodeLabels<Criterion>::all_features_search_ends) {
+      // Features in order, each once, whether constant or not.
+      if (drawn.size() == static_cast<size_t>(nf)) break;
+      fte = static_cast<int>(drawn.size());
     } else {
       fte = kk;
     }
@@ -160,7 +169,7 @@ Tracker<SplitCandidate<typename D::feature_type>, std::less<double>> search_feat
     }
     double score = 0.0;
     SplitCandidate<F> candidate = sorted.search([&](const auto& input, auto point_of) {
-      const auto split = best_split(input, counts, initial, workspace.left, workspace.right, criteria, limit);
+      const auto split = labels.best_split(input, criteria, limit);
       score = split.score;
       SplitCandidate<F> c;
       c.feature_index = fte;
@@ -217,8 +226,9 @@ struct IgnoreNodes {
 // learn_tree without its checks of the input, for callers that checked it
 // once per call (learn_forest, whose check covers every tree's sample),
 // under any growth limits (learn/growth_limits.h). Every random choice
-// draws from `random`. on_node(histogram) sees each node's label histogram
-// (empty for an empty node) once, in the order nodes are processed:
+// draws from `random`. on_node(statistics) sees each node's label
+// statistics (NodeLabels::statistics(): a histogram, or squared-error sums;
+// empty for an empty node) once, in the order nodes are processed:
 // breadth-first, the numbering of the tree arrays.
 template <class D, class Criterion, class OnNode = IgnoreNodes>
 Node<typename D::label_type>* grow_tree(const IndexedDataSet<D>& data, int fte_per_split, int max_depth,
@@ -240,8 +250,8 @@ Node<typename D::label_type>* grow_tree(const IndexedDataSet<D>& data, int fte_p
   // instances become one weighted position each.
   indexed_data.merge_repeats();
   learn_tree_detail::DrawnFeatures drawn(data.get_num_features());
-  NominalLabelPriorAccumulator<int> counts;
-  learn_tree_detail::SearchWorkspace<D, NominalLabelPriorAccumulator<int>> workspace;
+  NodeLabels<Criterion> labels;
+  learn_tree_detail::SearchWorkspace<D> workspace;
   std::deque<NodeLearnTask<L>> to_learn;
   const size_t root_n = data.weight_of(0, data.get_num_instances());
   Node<L>* root = new Node<L>();
@@ -253,24 +263,20 @@ Node<typename D::label_type>* grow_tree(const IndexedDataSet<D>& data, int fte_p
       Node<L>* node = task.node;
       RangeDataSet<I> range(&indexed_data, static_cast<size_t>(task.begin_i), static_cast<size_t>(task.end_i));
 
-      counts.set_labeling(indexed_data.get_labeling());
-      counts.set_num_classes(static_cast<int>(indexed_data.get_num_classes()));
+      labels.count(range);
+      on_node(labels.statistics());
       if (range.get_num_instances() == 0) {
-        on_node(counts);
         node->set_label(static_cast<L>(-2));
         continue;
       }
-      counts.add_weighted_count(range);
-      on_node(counts);
       // The node's instances, repeats included.
-      const size_t n = counts.get_total_count();
-      const bool pure = static_cast<size_t>(counts.get_mode().second) == counts.get_total_count();
-      if (pure || limits.too_small(n)) {
-        node->set_label(static_cast<L>(counts.get_prediction(random).first));
+      const size_t n = labels.total();
+      if (labels.is_pure() || limits.too_small(n)) {
+        node->set_label(static_cast<L>(labels.leaf_value(random)));
         continue;
       }
 
-      const auto winner = learn_tree_detail::search_features(range, counts, fte_per_split, criteria, limits.leaf,
+      const auto winner = learn_tree_detail::search_features(range, labels, fte_per_split, criteria, limits.leaf,
                                                              random, drawn, workspace);
       int f = -1;
       F t = 0;
@@ -280,12 +286,12 @@ Node<typename D::label_type>* grow_tree(const IndexedDataSet<D>& data, int fte_p
         const auto& best = winner.get_maximizer();
         f = best.feature_index;
         t = learn_tree_detail::threshold_of(workspace.sorted, best);
-        g = std::max(best.impurity - criteria.get_impurity(counts), 0.0);
+        g = labels.improvement(best.impurity, criteria);
         split_index =
             task.begin_i + static_cast<int>(learn_tree_detail::partition_by_winner(range, workspace.sorted, best, t));
       }
       if (!limits.decrease_suffices(g, root_n)) {
-        node->set_label(static_cast<L>(counts.get_prediction(random).first));
+        node->set_label(static_cast<L>(labels.leaf_value(random)));
         continue;
       }
       node->set_threshold(static_cast<double>(t));
@@ -294,7 +300,7 @@ Node<typename D::label_type>* grow_tree(const IndexedDataSet<D>& data, int fte_p
       // Credited before the children check: a node that then becomes a
       // leaf still credits its feature.
       if (compute_feature_importances && g > 0)
-        feature_importances[static_cast<size_t>(f)] += g * static_cast<double>(n);
+        feature_importances[static_cast<size_t>(f)] += labels.importance_credit(g, n);
 
       const bool depth_allows = !(max_depth > 0 && max_depth < task.depth + 1);
       const size_t left_size =
@@ -309,7 +315,7 @@ Node<typename D::label_type>* grow_tree(const IndexedDataSet<D>& data, int fte_p
         to_learn.emplace_back(right_child, f, threshold, split_index, task.end_i, task.depth + 1);
       } else {
         // The threshold stays in the leaf; prediction ignores it.
-        node->set_label(static_cast<L>(counts.get_prediction(random).first));
+        node->set_label(static_cast<L>(labels.leaf_value(random)));
         node->set_feature_index(-1);
       }
     }

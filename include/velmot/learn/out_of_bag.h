@@ -1,11 +1,22 @@
 #ifndef VELMOT_LEARN_OUT_OF_BAG_H
 #define VELMOT_LEARN_OUT_OF_BAG_H
 
-// Out-of-bag votes of a forest being learnt: for every training instance,
-// how many of the trees whose bootstrap sample missed it voted for each
-// class. Each tree adds its votes as soon as it is grown, from its own
-// sample, so no per-tree record of samples is kept; votes are integers, so
-// the tally is the same whatever order the trees finish in.
+// Out-of-bag estimates of a forest being learnt, from the trees whose
+// bootstrap sample missed each training instance. Each tree adds its part
+// as soon as it is grown, from its own sample, so no per-tree record of
+// samples is kept, and the result is the same whatever order the trees
+// finish in:
+//   OutOfBagVotes (classification): per instance and class, the votes;
+//     integers, added in any order;
+//   OutOfBagMeans (regression): per instance, the sum of the trees'
+//     predictions and their number. Sums of doubles depend on their order,
+//     so a finished tree's predictions wait until every earlier tree's are
+//     added, and trees are added in tree order; only the trees that finish
+//     ahead of an unfinished one wait, a few with a dynamic schedule.
+// OutOfBagOf<L> is the one for labels of type L. Both offer
+// add_tree(j, tree, data, indices) for tree j of the call and
+// take(counts, sums): the votes (n x classes) and no sums, or the trees per
+// instance and the sums.
 //
 // A tree's out-of-bag instances go down it slice by slice (send_down_tree),
 // each column read forwards, over the values the grower saw.
@@ -14,7 +25,11 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <map>
 #include <memory>
+#include <mutex>
+#include <type_traits>
+#include <utility>
 #include <vector>
 
 #include "velmot/learn/forest_arrays.h"
@@ -22,14 +37,14 @@
 namespace Velmot {
 
 // Sends the instances position[0 .. n) (ascending, distinct; weight[p] goes
-// with position[p], and weight may be empty) down the one tree in `tree`,
-// node by node in its breadth-first order: visit(node, first, last) sees
+// with position[p], and weight may be empty) down the one tree in `tree`
+// (node arrays of any leaf value), node by node in its breadth-first order: visit(node, first, last) sees
 // the node's slice [first, last) of position and weight before the node's
 // split partitions it stably (a value below the threshold goes left), so
 // every slice stays ascending and each column is read forwards.
-template <class D, class Visit>
-void send_down_tree(const ForestArrays& tree, const D& data, std::vector<uint32_t>& position,
-                    std::vector<uint32_t>& weight, Visit&& visit) {
+template <class Tree, class D, class Visit>
+void send_down_tree(const Tree& tree, const D& data, std::vector<uint32_t>& position, std::vector<uint32_t>& weight,
+                    Visit&& visit) {
   const size_t num_nodes = tree.num_nodes();
   const bool weighted = !weight.empty();
   std::vector<size_t> begin(num_nodes, 0), end(num_nodes, 0);
@@ -65,6 +80,22 @@ void send_down_tree(const ForestArrays& tree, const D& data, std::vector<uint32_
   }
 }
 
+namespace out_of_bag_detail {
+
+// The instances the sample `indices` (repeats included) missed, ascending.
+template <class Index>
+std::vector<uint32_t> missed_by(const std::vector<Index>& indices, size_t num_instances) {
+  std::vector<char> in_bag(num_instances, 0);
+  for (const Index i : indices) in_bag[static_cast<size_t>(i)] = 1;
+  std::vector<uint32_t> missed;
+  for (size_t i = 0; i < num_instances; ++i) {
+    if (!in_bag[i]) missed.push_back(static_cast<uint32_t>(i));
+  }
+  return missed;
+}
+
+}  // namespace out_of_bag_detail
+
 class OutOfBagVotes {
 public:
   OutOfBagVotes() = default;
@@ -79,13 +110,8 @@ public:
   // `indices` (instance numbers of data, repeats included), for every
   // instance the sample missed. Safe to call from several threads at once.
   template <class D, class Index>
-  void add_tree(const ForestArrays& tree, const D& data, const std::vector<Index>& indices) {
-    std::vector<char> in_bag(num_instances, 0);
-    for (const Index i : indices) in_bag[static_cast<size_t>(i)] = 1;
-    std::vector<uint32_t> position, no_weight;
-    for (size_t i = 0; i < num_instances; ++i) {
-      if (!in_bag[i]) position.push_back(static_cast<uint32_t>(i));
-    }
+  void add_tree(int64_t /*j*/, const ForestArrays& tree, const D& data, const std::vector<Index>& indices) {
+    std::vector<uint32_t> position = out_of_bag_detail::missed_by(indices, num_instances), no_weight;
     send_down_tree(tree, data, position, no_weight, [&](size_t node, size_t first, size_t last) {
       // A split, or the bare root of an empty sample, casts no vote.
       if (tree.left[node] >= 0 || tree.value[node] < 0) return;
@@ -97,10 +123,9 @@ public:
   }
 
   // The tally, row-major: instance i's votes for class c at i * num_classes + c.
-  std::vector<int32_t> tally() const {
-    std::vector<int32_t> out(num_instances * num_classes);
-    for (size_t v = 0; v < out.size(); ++v) out[v] = votes[v].load(std::memory_order_relaxed);
-    return out;
+  void take(std::vector<int32_t>& counts, std::vector<double>& /*sums*/) const {
+    counts.resize(num_instances * num_classes);
+    for (size_t v = 0; v < counts.size(); ++v) counts[v] = votes[v].load(std::memory_order_relaxed);
   }
 
 private:
@@ -108,6 +133,53 @@ private:
   size_t num_classes = 0;
   std::unique_ptr<std::atomic<int32_t>[]> votes;
 };
+
+class OutOfBagMeans {
+public:
+  OutOfBagMeans() = default;
+  OutOfBagMeans(size_t num_instances, size_t /*num_classes*/) : sums(num_instances, 0.0), counts(num_instances, 0) {}
+
+  // Adds the predictions of tree j (counted from 0 in the call's trees),
+  // the one tree in `tree` (leaf values in `value`), grown from the sample
+  // `indices`, for every instance the sample missed. Safe to call from
+  // several threads at once, each tree once.
+  template <class Tree, class D, class Index>
+  void add_tree(int64_t j, const Tree& tree, const D& data, const std::vector<Index>& indices) {
+    std::vector<uint32_t> position = out_of_bag_detail::missed_by(indices, sums.size()), no_weight;
+    std::vector<std::pair<uint32_t, double>> predictions;
+    predictions.reserve(position.size());
+    send_down_tree(tree, data, position, no_weight, [&](size_t node, size_t first, size_t last) {
+      if (tree.left[node] >= 0) return;
+      for (size_t p = first; p < last; ++p) predictions.emplace_back(position[p], tree.value[node]);
+    });
+    std::lock_guard<std::mutex> hold(lock);
+    waiting.emplace(j, std::move(predictions));
+    for (auto next = waiting.begin(); next != waiting.end() && next->first == added; next = waiting.erase(next)) {
+      for (const auto& [i, value] : next->second) {
+        sums[i] += value;
+        ++counts[i];
+      }
+      ++added;
+    }
+  }
+
+  // Per instance, its out-of-bag trees' number and the sum of their
+  // predictions.
+  void take(std::vector<int32_t>& tree_counts, std::vector<double>& prediction_sums) {
+    tree_counts.swap(counts);
+    prediction_sums.swap(sums);
+  }
+
+private:
+  std::vector<double> sums;
+  std::vector<int32_t> counts;
+  std::mutex lock;
+  int64_t added = 0;  // trees added so far: 0 .. added - 1
+  std::map<int64_t, std::vector<std::pair<uint32_t, double>>> waiting;
+};
+
+template <class L>
+using OutOfBagOf = typename std::conditional<std::is_integral<L>::value, OutOfBagVotes, OutOfBagMeans>::type;
 
 }  // namespace Velmot
 

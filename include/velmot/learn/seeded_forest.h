@@ -15,8 +15,13 @@
 // workers' shares on the calling thread); for each
 // tree draw its sample, grow it with learn_tree while recording its nodes'
 // in-bag counts and impurities, flatten it into ForestArrays (and, if asked,
-// add its out-of-bag votes); record its normalised importances. Trees are
-// joined in tree order after the region.
+// add its out-of-bag estimates); record its normalised importances. Trees
+// are joined in tree order after the region.
+//
+// Labels: class codes (L = int) under a classification criterion, or real
+// targets (L = double) under SquaredError; a regression forest's leaves
+// hold their mean targets and its nodes their mean squared errors, and its
+// out-of-bag estimates are sums of predictions (learn/out_of_bag.h).
 //
 // Progress: trees_done grows by one per finished tree; setting cancel makes
 // the workers skip the trees they have not started (the result is then
@@ -24,8 +29,11 @@
 // the handing out of trees and is rethrown after it.
 
 #include <algorithm>
+#include <cmath>
 #include <cstdint>
 #include <memory>
+#include <optional>
+#include <type_traits>
 #include <vector>
 
 #include "velmot/dataset/bootstrap.h"
@@ -42,6 +50,7 @@
 #include "velmot/learn/out_of_bag.h"
 #include "velmot/learn/training_set.h"
 #include "velmot/stats/label_accumulator.h"
+#include "velmot/stats/squared_error.h"
 
 namespace Velmot {
 
@@ -53,31 +62,41 @@ struct SeededForestSettings {
   int fte_per_split = 0;
   int max_depth = 0;
   GrowthLimits limits;      // the defaults are the library's growth rule
-  bool out_of_bag = false;  // tally out-of-bag votes (learn/out_of_bag.h)
+  bool out_of_bag = false;  // out-of-bag estimates (learn/out_of_bag.h)
   // One weight per instance, drawn in proportion to
   // (dataset/weighted_bootstrap.h); empty for uniform draws.
   std::vector<double> sample_weights;
   int num_threads = 1;
 };
 
-struct SeededForest {
-  ForestArrays trees;
+template <class L>
+struct SeededForestOf {
+  NodeArrays<L> trees;
   // Row j (num_features entries) holds the normalised importances of tree
   // first_tree + j; all NaN for a tree without an informative split.
   std::vector<double> tree_importances;
-  // With out_of_bag: instance i's votes for class c at i * num_classes + c.
-  std::vector<int32_t> oob_votes;
+  // With out_of_bag (learn/out_of_bag.h): for classes, instance i's votes
+  // for class c at i * num_classes + c; for real labels, instance i's
+  // out-of-bag trees and the sum of their predictions.
+  std::vector<int32_t> oob_counts;
+  std::vector<double> oob_sums;
   bool cancelled = false;
 };
+typedef SeededForestOf<int> SeededForest;
+typedef SeededForestOf<double> SeededRegressionForest;
 
-template <class F>
-void check_seeded_forest_input(const TrainingSet<F>& set, const SeededForestSettings& settings) {
-  const MemoryDataSet<F, int>& data = set.data;
+// Real targets must be finite and at most this large in magnitude, so that
+// sums of squared deviations over 2^31 instances stay finite.
+constexpr double largest_target = 1e100;
+
+template <class F, class L>
+void check_seeded_forest_input(const TrainingSet<F, L>& set, const SeededForestSettings& settings) {
+  const MemoryDataSet<F, L>& data = set.data;
   const size_t ni = data.get_num_instances();
   if (ni == 0) throw IncompatibleDataException("data set is empty");
   if (!fits_in_int32(ni)) throw IncompatibleDataException("data set has more than 2147483647 instances");
   if (!fits_in_int32(data.get_num_features())) throw IncompatibleDataException("data set has too many features");
-  if (data.get_num_classes() > static_cast<size_t>(max_num_classes)) {
+  if (std::is_integral<L>::value && data.get_num_classes() > static_cast<size_t>(max_num_classes)) {
     throw IncompatibleDataException("data set has too many classes");
   }
   const double sample_size = settings.sample_prop * static_cast<double>(ni);
@@ -92,27 +111,31 @@ void check_seeded_forest_input(const TrainingSet<F>& set, const SeededForestSett
     throw Exception("there must be one sample weight per instance");
   }
   for (size_t i = 0; i < ni; ++i) {
-    const int label = data.get_label(i);
-    if (label < 0 || static_cast<size_t>(label) >= data.get_num_classes()) {
-      throw IncompatibleDataException("a label lies outside the range of classes");
+    const L label = data.get_label(i);
+    if constexpr (std::is_integral<L>::value) {
+      if (label < 0 || static_cast<size_t>(label) >= data.get_num_classes()) {
+        throw IncompatibleDataException("a label lies outside the range of classes");
+      }
+    } else if (!(std::fabs(label) <= largest_target)) {
+      throw IncompatibleDataException("a target is not finite or exceeds 1e100 in magnitude");
     }
   }
 }
 
-template <class F, class Criterion>
-SeededForest learn_seeded_forest(const TrainingSet<F>& set, const SeededForestSettings& settings,
-                                 const Criterion& criteria, LearningProgress& progress) {
+template <class F, class L, class Criterion>
+SeededForestOf<L> learn_seeded_forest(const TrainingSet<F, L>& set, const SeededForestSettings& settings,
+                                      const Criterion& criteria, LearningProgress& progress) {
   check_seeded_forest_input(set, settings);
-  typedef MemoryDataSet<F, int> D;
+  typedef MemoryDataSet<F, L> D;
   const D& data = set.data;
   const int64_t num_trees = settings.last_tree - settings.first_tree;
   const size_t nf = data.get_num_features();
-  std::vector<ForestArrays> trees(static_cast<size_t>(num_trees));
-  SeededForest forest;
+  std::vector<NodeArrays<L>> trees(static_cast<size_t>(num_trees));
+  SeededForestOf<L> forest;
   forest.tree_importances.assign(static_cast<size_t>(num_trees) * nf, 0.0);
   const WeightedDraws draws(settings.sample_weights);
-  OutOfBagVotes oob;
-  if (settings.out_of_bag) oob = OutOfBagVotes(data.get_num_instances(), data.get_num_classes());
+  std::optional<OutOfBagOf<L>> oob;
+  if (settings.out_of_bag) oob.emplace(data.get_num_instances(), data.get_num_classes());
 
   for_each_index(num_trees, settings.num_threads, [&](int64_t j, const Worker&) {
     if (progress.cancel.load(std::memory_order_relaxed)) return;
@@ -120,16 +143,17 @@ SeededForest learn_seeded_forest(const TrainingSet<F>& set, const SeededForestSe
     IndexedDataSet<D> sample = weighted_subset_iid(&data, settings.sample_prop, draws, rng);
     sample.ranks = &set.ranks;
     std::vector<double> importances(nf, 0.0);
+    // Regression nodes are measured by their mean squared error, whatever the measure.
     NodeStatistics statistics(impurity_measure_of<Criterion>());
-    std::unique_ptr<Node<int>> root(grow_tree(sample, settings.fte_per_split, settings.max_depth, settings.limits,
-                                              criteria, true, importances, rng,
-                                              [&statistics](const auto& histogram) { statistics(histogram); }));
-    ForestArrays& tree = trees[static_cast<size_t>(j)];
+    std::unique_ptr<Node<L>> root(grow_tree(sample, settings.fte_per_split, settings.max_depth, settings.limits,
+                                            criteria, true, importances, rng,
+                                            [&statistics](const auto& node) { statistics(node); }));
+    NodeArrays<L>& tree = trees[static_cast<size_t>(j)];
     tree = flatten_tree(*root);
     root.reset();
     tree.count.swap(statistics.count);
     tree.impurity.swap(statistics.impurity);
-    if (settings.out_of_bag) oob.add_tree(tree, data, sample.indices);
+    if (oob) oob->add_tree(j, tree, data, sample.indices);
     std::copy(importances.begin(), importances.end(), forest.tree_importances.begin() + j * static_cast<int64_t>(nf));
     progress.trees_done.fetch_add(1, std::memory_order_relaxed);
   });
@@ -138,11 +162,11 @@ SeededForest learn_seeded_forest(const TrainingSet<F>& set, const SeededForestSe
     forest.tree_importances.clear();
     return forest;
   }
-  for (ForestArrays& tree : trees) {
+  for (NodeArrays<L>& tree : trees) {
     forest.trees.append(tree);
-    tree = ForestArrays();
+    tree = NodeArrays<L>();
   }
-  if (settings.out_of_bag) forest.oob_votes = oob.tally();
+  if (oob) oob->take(forest.oob_counts, forest.oob_sums);
   return forest;
 }
 

@@ -33,7 +33,9 @@
 // within_limit() (whether the pairs moved so far and the rest both meet the
 // leaf limit, learn/growth_limits.h) and offer(admissible, lower_key,
 // upper_key) -> whether the boundary is the new best; the keys are those of
-// the elements around the boundary. Written
+// the elements around the boundary. Sides whose criterion has no label runs
+// (squared error over real labels) declare scores_every_boundary = true:
+// every boundary between distinct keys is then admissible. Written
 // once, as a template over the input and the sides: it runs once per
 // element and feature, so nothing in it goes through a pointer. The rule is
 // branch-free (flags as bits) so that the Gini sides, which prefilter every
@@ -41,6 +43,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <type_traits>
 #include <vector>
 
 #include "velmot/learn/growth_limits.h"
@@ -64,6 +67,13 @@ struct SweepResult {
   Key upper{};
 };
 
+// Whether Sides turn the label-change rule off (see above).
+template <class Sides, class = void>
+struct scores_every_boundary : std::false_type {};
+template <class Sides>
+struct scores_every_boundary<Sides, std::void_t<decltype(Sides::scores_every_boundary)>>
+    : std::integral_constant<bool, Sides::scores_every_boundary> {};
+
 // Always inlined into its caller, where the sides are a local object: the
 // loop then keeps their sums in registers. Called out of line, it reaches
 // them through a pointer and reloads them after every store of a class
@@ -82,8 +92,9 @@ template <class Input, class Sides>
   L run_label = first.label;
   bool new_label = false;
   Key previous = first.key;
+  constexpr bool every_boundary = scores_every_boundary<Sides>::value;
   input.for_each_after_first([&](const Key& key, const L& label, uint32_t weight) {
-    new_label |= label != run_label;
+    new_label |= every_boundary || label != run_label;
     const bool admissible = new_label & (previous != key) & sides.within_limit();
     if (sides.offer(admissible, previous, key)) {
       result.is_seed = false;

@@ -18,15 +18,16 @@
 
 namespace Velmot {
 
-template <class F>
+// L: int class codes, or double targets for regression.
+template <class F, class L = int>
 struct TrainingSet {
-  MemoryDataSet<F, int> data;
+  MemoryDataSet<F, L> data;
   FeatureRanks<F> ranks;
 };
 
 // Source: what MemoryDataSet::copy_from reads (a DisNativeArrayDataSet).
-template <class F, class Source>
-void prepare_training_set(TrainingSet<F>& set, const Source& source) {
+template <class F, class L, class Source>
+void prepare_training_set(TrainingSet<F, L>& set, const Source& source) {
   set.data.copy_from(source);
   set.data.impute();
   if constexpr (learns_with_ranks<F, int>()) {

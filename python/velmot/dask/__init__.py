@@ -7,7 +7,7 @@ on how the trees are split into blocks. Two ways of feeding the blocks:
 
 - Scattered (the default): the training set is validated and encoded on the
   client, scattered once to every worker, and each task learns one block
-  from the whole of it. The forest equals ``velmot.RandomForestClassifier``'s
+  from the whole of it. The forest equals the local estimator's
   under the same ``random_state``, whatever the cluster, ``n_jobs`` or
   ``trees_per_block``.
 - Partition-wise: each task learns its share of the trees from one
@@ -20,6 +20,6 @@ order in which blocks finish: a lost worker's blocks are learnt again by
 Dask and come out the same.
 """
 
-from ._estimator import RandomForestClassifier
+from ._estimator import RandomForestClassifier, RandomForestRegressor
 
-__all__ = ["RandomForestClassifier"]
+__all__ = ["RandomForestClassifier", "RandomForestRegressor"]

@@ -1,5 +1,6 @@
-"""velmot.dask.RandomForestClassifier: the local estimator's forest, learnt
-as tasks on a Dask ``distributed`` cluster (see the package docstring)."""
+"""velmot.dask.RandomForestClassifier and RandomForestRegressor: the local
+estimators' forests, learnt as tasks on a Dask ``distributed`` cluster (see
+the package docstring)."""
 
 import uuid
 from concurrent.futures import CancelledError
@@ -11,7 +12,6 @@ import numpy as np
 from distributed import Client, default_client
 from sklearn.base import clone
 from sklearn.utils._param_validation import Interval
-from sklearn.utils.multiclass import check_classification_targets
 from sklearn.utils.validation import (
     _check_feature_names,
     _check_n_features,
@@ -20,18 +20,18 @@ from sklearn.utils.validation import (
 )
 from tqdm import tqdm
 
-from .._features import as_module_dtype, check_splittable, feature_major, feature_major_with_constant_row
+from .._features import as_module_dtype, check_splittable, learning_features
 from .._forest import RandomForestClassifier as LocalRandomForestClassifier
 from .._forest import weighed_medians
 from .._learning import forest_seed, mean_importances
-from .._nodes import ForestNodes
+from .._regressor import RandomForestRegressor as LocalRandomForestRegressor
 from .._settings import MAX_SAMPLES, resolve_settings
-from .._weights import class_weight_factors, sample_weights
+from .._weights import class_weight_factors
 from ._cluster import cancelled_on_failure, computed, finished, lost
 from ._partitions import aligned_partitions, combined_medians, delayed_partitions, is_dask_dataframe
 from ._tasks import learn_block, learn_partition, predict_block, summarize_partition
 
-__all__ = ["RandomForestClassifier"]
+__all__ = ["RandomForestClassifier", "RandomForestRegressor"]
 
 # Times the training set is scattered before a fit gives up, when workers
 # holding its last copy keep being lost.
@@ -48,11 +48,351 @@ _FITTED_ATTRIBUTES = (
     "feature_importances_",
     "oob_score_",
     "oob_decision_function_",
+    "oob_prediction_",
     "_missing_value_fill_",
 )
 
 
-class RandomForestClassifier(LocalRandomForestClassifier):
+_DASK_PARAMETER_CONSTRAINTS = {
+    "partition_wise": ["boolean"],
+    "trees_per_block": [Interval(Integral, 1, None, closed="left"), None],
+    "client": [Client, None],
+}
+
+
+class _DaskForest:
+    """Learning on the cluster, lazy prediction and model files, for a local
+    estimator class ``_LOCAL`` that a public class also derives from."""
+
+    def fit(self, X, y, sample_weight=None):
+        """Learn the forest on the cluster from the training set (X, y).
+
+        Parameters
+        ----------
+        X : array-like, Dask array or Dask DataFrame of shape (n_samples, n_features)
+            Training samples, converted as by the local estimator.
+            Scattered, a Dask collection is first computed on the client.
+            Partition-wise, X must be a Dask collection; a Dask array split
+            into several column blocks is joined into row blocks.
+        y : array-like, Dask array or Dask Series of shape (n_samples,)
+            Class labels or targets. Partition-wise, a Dask collection with
+            X's partitions (a numpy vector is split like a Dask array X).
+        sample_weight : array-like of shape (n_samples,) or None, default=None
+            Sample weights, as in the local estimator; only
+            when scattering (partition-wise, ``class_weight`` applies but
+            sample weights are refused).
+
+        Returns
+        -------
+        self : estimator
+            The fitted estimator.
+        """
+        self._validate_params()
+        client = self._cluster_client()
+        if self.partition_wise:
+            if sample_weight is not None:
+                raise ValueError(
+                    "sample_weight is not supported with partition_wise=True (each partition is learnt where it "
+                    "lies); scatter the data (partition_wise=False) or use class_weight."
+                )
+            self._fit_partition_wise(client, X, y)
+        else:
+            self._fit_scattered(client, X, y, sample_weight)
+        return self
+
+    def predict(self, X):
+        """Predict each sample's class or target, as the local estimator does.
+
+        Parameters
+        ----------
+        X : array-like, Dask array or Dask DataFrame of shape (n_samples, n_features)
+            Samples. A Dask collection is predicted lazily, block by block.
+
+        Returns
+        -------
+        y : ndarray or Dask array of shape (n_samples,)
+            Predictions; a Dask array for a Dask X (with unknown block
+            lengths for a DataFrame).
+        """
+        if dask.is_dask_collection(X):
+            return self._predict_lazily(X, "predict")
+        return super().predict(X)
+
+    def to_local(self):
+        """The fitted forest as an ordinary velmot estimator.
+
+        Returns
+        -------
+        forest : velmot.RandomForestClassifier or velmot.RandomForestRegressor
+            Same parameters (less the cluster's), trees and attributes; it
+            predicts exactly as this estimator does, without a cluster.
+
+        Examples
+        --------
+        >>> local = forest.to_local()  # doctest: +SKIP
+        >>> local.predict(X[:3])  # doctest: +SKIP
+        array([0, 0, 0])
+        """
+        check_is_fitted(self)
+        local = self._LOCAL(**{name: getattr(self, name) for name in self._LOCAL._get_param_names()})
+        for name in _FITTED_ATTRIBUTES:
+            if hasattr(self, name):
+                setattr(local, name, getattr(self, name))
+        return local
+
+    def save(self, path):
+        """Write the fitted forest to a portable ``.npz`` file, without pickle.
+
+        ``velmot.load`` reads it back as an ordinary velmot estimator.
+
+        Parameters
+        ----------
+        path : str, path-like or binary file object
+            Destination; written exactly there, no suffix is added.
+
+        Examples
+        --------
+        >>> import velmot
+        >>> forest.save("forest.npz")  # doctest: +SKIP
+        >>> velmot.load("forest.npz").predict(X)  # doctest: +SKIP
+        """
+        self.to_local().save(path)
+
+    def __sklearn_clone__(self):
+        # A Client cannot be deep-copied; the clone shares it.
+        params = {
+            name: value if name == "client" else clone(value, safe=False)
+            for name, value in self.get_params(deep=False).items()
+        }
+        return type(self)(**params)
+
+    def __getstate__(self):
+        # A Client cannot be pickled; an unpickled estimator uses the default one.
+        return dict(super().__getstate__(), client=None)
+
+    # -- learning ---------------------------------------------------------
+
+    def _cluster_client(self):
+        if self.client is not None:
+            client = self.client
+        else:
+            try:
+                client = default_client()
+            except ValueError as error:
+                raise ValueError(
+                    f"velmot.dask.{type(self).__name__} learns on a Dask cluster, but no distributed Client "
+                    "was found: create one first (distributed.Client(...)) or pass client=..."
+                ) from error
+        if client.asynchronous:
+            raise ValueError(
+                "fit blocks until the forest is learnt; pass a synchronous Client, not an asynchronous one"
+            )
+        return client
+
+    def _blocks(self):
+        """[first, last) tree indices of each scattered task."""
+        per_block = self.trees_per_block or -(-self.n_estimators // 10)
+        return [(start, min(start + per_block, self.n_estimators)) for start in range(0, self.n_estimators, per_block)]
+
+    def _fit_scattered(self, client, X, y, sample_weight):
+        X, y, sample_weight = computed(client, X, y, sample_weight)
+        X, y = validate_data(self, X, y, dtype="numeric", ensure_all_finite="allow-nan", y_numeric=self._Y_NUMERIC)
+        self._check_targets(y)
+        settings = resolve_settings(self, *X.shape)
+        targets, labels, n_classes = self._encode_targets(y)
+        weights = self._sample_weights(sample_weight, X, targets, labels)
+        X = as_module_dtype(X)
+        check_splittable(X)
+        X, medians = weighed_medians(X, weights)
+        features = learning_features(X, settings)
+
+        ranges = self._blocks()
+        seed = forest_seed(self.random_state)
+        fit_id = uuid.uuid4().hex
+        blocks = [None] * len(ranges)
+        with self._progress_bar() as progress:
+            for attempt in range(1, _SCATTER_ATTEMPTS + 1):
+                pending = [index for index, block in enumerate(blocks) if block is None]
+                # A copy on every worker. Dask drops the copies no waiting
+                # task needs, though, and scattered data cannot be recomputed:
+                # if the last copy goes down with its worker, the unfinished
+                # blocks are cancelled and learnt again from a new scatter.
+                data = client.scatter(
+                    [features, labels] + ([] if weights is None else [weights]), broadcast=True, hash=False
+                )
+                futures = []
+                try:
+                    with cancelled_on_failure(client, futures):
+                        for index in pending:
+                            futures.append(
+                                client.submit(
+                                    learn_block,
+                                    *data,
+                                    n_classes=n_classes,
+                                    first_tree=ranges[index][0],
+                                    last_tree=ranges[index][1],
+                                    seed=seed,
+                                    key=f"velmot-learn-block-{fit_id}-{index}-{attempt}",
+                                    settings=settings,
+                                )
+                            )
+                        for position, block in finished(futures):
+                            blocks[pending[position]] = block
+                            first, last = ranges[pending[position]]
+                            progress.update(last - first)
+                    break
+                except CancelledError:
+                    if attempt == _SCATTER_ATTEMPTS or not lost(client, data):
+                        raise
+                finally:
+                    client.cancel(data)
+        nodes, importances, votes = self._joined(blocks)
+        self._set_fitted(targets, nodes, importances, medians)
+        self._set_out_of_bag(votes, labels)
+
+    def _fit_partition_wise(self, client, X, y):
+        X, y, n_features = aligned_partitions(X, y)
+        if n_features < 1:
+            raise ValueError("X has no features; pass at least one column.")
+        _check_feature_names(self, X._meta if hasattr(X, "columns") else np.empty((0, n_features)), reset=True)
+        self.n_features_in_ = n_features
+        X, y = client.persist([X, y])
+        X_parts, y_parts = delayed_partitions(X), delayed_partitions(y)
+        fit_id = uuid.uuid4().hex
+
+        futures = []
+        with cancelled_on_failure(client, futures):
+            futures.extend(
+                client.compute(
+                    [
+                        dask.delayed(summarize_partition)(
+                            X_part,
+                            y_part,
+                            self._TASK == "classification",
+                            dask_key_name=f"velmot-summarize-{fit_id}-{i}",
+                        )
+                        for i, (X_part, y_part) in enumerate(zip(X_parts, y_parts))
+                    ]
+                )
+            )
+            summaries = [summary for _, summary in sorted(finished(futures), key=lambda finished: finished[0])]
+        used = [i for i, summary in enumerate(summaries) if summary["n_samples"] > 0]
+        if not used:
+            raise ValueError("X has no samples; every partition is empty.")
+        # The classes over all partitions; regression targets are checked
+        # where they lie.
+        classes = class_factors = None
+        if self._TASK == "classification":
+            classes = np.unique(np.concatenate([summaries[i]["classes"] for i in used]))
+            self._check_targets(classes)
+        if getattr(self, "class_weight", None) is not None:
+            counts = np.zeros(len(classes), dtype=np.int64)
+            for i in used:
+                counts[np.searchsorted(classes, summaries[i]["classes"])] += summaries[i]["class_counts"]
+            class_factors = class_weight_factors(self.class_weight, classes, counts)
+        if self.n_estimators < len(used):
+            raise ValueError(
+                f"n_estimators={self.n_estimators} is less than the {len(used)} non-empty partitions of X, "
+                "and each partition learns at least one tree: raise n_estimators or repartition X into fewer, "
+                "larger partitions."
+            )
+        sizes = [self.n_estimators // len(used) + (rank < self.n_estimators % len(used)) for rank in range(len(used))]
+        seed = forest_seed(self.random_state)
+        firsts = np.cumsum([0] + sizes[:-1])
+        tasks = []
+        for rank, (i, size, first) in enumerate(zip(used, sizes, firsts)):
+            settings = resolve_settings(self, self._checked_partition_size(summaries[i], i), n_features)
+            tasks.append(
+                dask.delayed(learn_partition)(
+                    X_parts[i],
+                    y_parts[i],
+                    classes,
+                    first_tree=int(first),
+                    last_tree=int(first + size),
+                    seed=seed,
+                    settings=settings,
+                    class_factors=class_factors,
+                    dask_key_name=f"velmot-learn-partition-{fit_id}-{rank}",
+                )
+            )
+        blocks = [None] * len(tasks)
+        futures = []
+        with cancelled_on_failure(client, futures), self._progress_bar() as progress:
+            futures.extend(client.compute(tasks))
+            for position, block in finished(futures):
+                blocks[position] = block
+                progress.update(sizes[position])
+        medians = combined_medians([summaries[i] for i in used], n_features)
+        nodes, importances, votes = self._joined(blocks, stacked=True)
+        self._set_fitted(classes, nodes, importances, medians)
+        self._set_out_of_bag(votes, None if votes is None else np.concatenate([block[3] for block in blocks]))
+
+    def _checked_partition_size(self, summary, index):
+        n_samples = summary["n_samples"]
+        if n_samples > MAX_SAMPLES:
+            raise ValueError(
+                f"partition {index} of X has {n_samples} samples; the library accepts at most {MAX_SAMPLES}."
+            )
+        if isinstance(self.max_samples, Integral) and self.max_samples > n_samples:
+            raise ValueError(
+                f"max_samples={self.max_samples} is more than the {n_samples} samples of partition {index} of X; "
+                "partition-wise, each tree samples from one partition: pass at most its size, or a fraction."
+            )
+        return n_samples
+
+    def _progress_bar(self):
+        return tqdm(total=self.n_estimators, unit="tree", desc="Learning trees", disable=self.verbose <= 0)
+
+    # -- prediction -------------------------------------------------------
+
+    def _predict_lazily(self, X, method):
+        check_is_fitted(self)
+        if isinstance(X, da.Array):
+            if X.ndim != 2:
+                raise ValueError(f"X must be 2-D, (n_samples, n_features); got a Dask array of shape {X.shape}.")
+            _check_n_features(self, np.empty((0, X.shape[1])), reset=False)
+            _check_feature_names(self, np.empty((0, X.shape[1])), reset=False)
+            if X.numblocks[1] > 1:
+                X = X.rechunk({1: -1})
+        elif is_dask_dataframe(X):
+            _check_n_features(self, X._meta, reset=False)
+            _check_feature_names(self, X._meta, reset=False)
+        else:
+            raise TypeError(f"X must be a numpy-like matrix, a Dask array or a Dask DataFrame, not {type(X).__name__}.")
+
+        # The forest is one node of the graph, read by every block's task.
+        # Embedded rather than scattered: Dask keeps a single copy of
+        # scattered data, which a lost worker would take with it, while an
+        # embedded forest is simply sent again, on any scheduler.
+        forest = dask.delayed(self.to_local(), pure=False)
+        if method == "predict":
+            meta = np.empty((0,), dtype=self.classes_.dtype if hasattr(self, "classes_") else np.float64)
+        else:
+            meta = np.empty((0, self.n_classes_), dtype=np.float64)
+        if isinstance(X, da.Array):
+            if method == "predict":
+                return X.map_blocks(predict_block, forest, method, drop_axis=1, meta=meta)
+            return X.map_blocks(predict_block, forest, method, chunks=(X.chunks[0], (self.n_classes_,)), meta=meta)
+        return X.map_partitions(predict_block, forest, method, meta=meta)
+
+    def _joined(self, blocks, stacked=False):
+        """(nodes, mean importances, out-of-bag estimates or None) of blocks
+        of (nodes, importance rows, out-of-bag estimates, ...) in tree order.
+        Scattered blocks estimate the same samples, so their estimates are
+        summed in block order (integer votes and counts exactly; sums of
+        regression predictions up to rounding); partition-wise (stacked)
+        each block estimates its own partition's rows, which follow one
+        another."""
+        importances = mean_importances(np.concatenate([block[1] for block in blocks]))
+        out_of_bag = None
+        if blocks[0][2] is not None:
+            parts = [block[2] for block in blocks]
+            join = np.concatenate if stacked else lambda arrays: np.sum(arrays, axis=0)
+            out_of_bag = {name: join([part[name] for part in parts]) for name in parts[0]}
+        return self._NODES.join([block[0] for block in blocks]), importances, out_of_bag
+
+
+class RandomForestClassifier(_DaskForest, LocalRandomForestClassifier):
     """A velmot random forest learnt as tasks on a Dask ``distributed`` cluster.
 
     The forest, its parameters, attributes and predictions are those of
@@ -164,12 +504,8 @@ class RandomForestClassifier(LocalRandomForestClassifier):
     array([0, 0, 0])
     """
 
-    _parameter_constraints = {
-        **LocalRandomForestClassifier._parameter_constraints,
-        "partition_wise": ["boolean"],
-        "trees_per_block": [Interval(Integral, 1, None, closed="left"), None],
-        "client": [Client, None],
-    }
+    _LOCAL = LocalRandomForestClassifier
+    _parameter_constraints = {**LocalRandomForestClassifier._parameter_constraints, **_DASK_PARAMETER_CONSTRAINTS}
 
     def __init__(
         self,
@@ -210,60 +546,6 @@ class RandomForestClassifier(LocalRandomForestClassifier):
         self.trees_per_block = trees_per_block
         self.client = client
 
-    def fit(self, X, y, sample_weight=None):
-        """Learn the forest on the cluster from the training set (X, y).
-
-        Parameters
-        ----------
-        X : array-like, Dask array or Dask DataFrame of shape (n_samples, n_features)
-            Training samples, converted as by ``velmot.RandomForestClassifier``.
-            Scattered, a Dask collection is first computed on the client.
-            Partition-wise, X must be a Dask collection; a Dask array split
-            into several column blocks is joined into row blocks.
-        y : array-like, Dask array or Dask Series of shape (n_samples,)
-            Class labels. Partition-wise, a Dask collection with X's
-            partitions (a numpy vector is split like a Dask array X).
-        sample_weight : array-like of shape (n_samples,) or None, default=None
-            Sample weights, as in ``velmot.RandomForestClassifier``; only
-            when scattering (partition-wise, ``class_weight`` applies but
-            sample weights are refused).
-
-        Returns
-        -------
-        self : RandomForestClassifier
-            The fitted estimator.
-        """
-        self._validate_params()
-        client = self._cluster_client()
-        if self.partition_wise:
-            if sample_weight is not None:
-                raise ValueError(
-                    "sample_weight is not supported with partition_wise=True (each partition is learnt where it "
-                    "lies); scatter the data (partition_wise=False) or use class_weight."
-                )
-            self._fit_partition_wise(client, X, y)
-        else:
-            self._fit_scattered(client, X, y, sample_weight)
-        return self
-
-    def predict(self, X):
-        """Predict the class of each sample by majority vote of the trees.
-
-        Parameters
-        ----------
-        X : array-like, Dask array or Dask DataFrame of shape (n_samples, n_features)
-            Samples. A Dask collection is predicted lazily, block by block.
-
-        Returns
-        -------
-        y : ndarray or Dask array of shape (n_samples,)
-            Predicted labels; a Dask array for a Dask X (with unknown block
-            lengths for a DataFrame).
-        """
-        if dask.is_dask_collection(X):
-            return self._predict_lazily(X, "predict")
-        return super().predict(X)
-
     def predict_proba(self, X):
         """Class probabilities: the fraction of trees voting for each class.
 
@@ -298,274 +580,63 @@ class RandomForestClassifier(LocalRandomForestClassifier):
             return self._predict_lazily(X, "predict_log_proba")
         return super().predict_log_proba(X)
 
-    def to_local(self):
-        """The fitted forest as an ordinary ``velmot.RandomForestClassifier``.
 
-        Returns
-        -------
-        forest : velmot.RandomForestClassifier
-            Same parameters (less the cluster's), trees and attributes; it
-            predicts exactly as this estimator does, without a cluster.
+class RandomForestRegressor(_DaskForest, LocalRandomForestRegressor):
+    """A velmot regression forest learnt as tasks on a Dask ``distributed`` cluster.
 
-        Examples
-        --------
-        >>> local = forest.to_local()  # doctest: +SKIP
-        >>> local.predict(X[:3])  # doctest: +SKIP
-        array([0, 0, 0])
-        """
-        check_is_fitted(self)
-        local = LocalRandomForestClassifier(
-            **{name: getattr(self, name) for name in LocalRandomForestClassifier._get_param_names()}
+    The forest, its parameters, attributes and predictions are those of
+    ``velmot.RandomForestRegressor``, learnt as ``RandomForestClassifier``
+    of this module learns its forest: scattered (the same forest as the
+    local estimator's under an int ``random_state``, on any cluster) or
+    partition-wise. Its parameters are the local regressor's, plus
+    ``partition_wise``, ``trees_per_block`` and ``client`` as for the
+    classifier. Scattered, ``oob_prediction_`` adds the blocks' sums in
+    block order, so it equals the local estimator's up to rounding.
+
+    Examples
+    --------
+    >>> from sklearn.datasets import load_diabetes
+    >>> import velmot.dask
+    >>> X, y = load_diabetes(return_X_y=True)
+    >>> forest = velmot.dask.RandomForestRegressor(n_estimators=50, random_state=0).fit(X, y)  # doctest: +SKIP
+    """
+
+    _LOCAL = LocalRandomForestRegressor
+    _parameter_constraints = {**LocalRandomForestRegressor._parameter_constraints, **_DASK_PARAMETER_CONSTRAINTS}
+
+    def __init__(
+        self,
+        n_estimators=100,
+        *,
+        criterion="squared_error",
+        max_features=1.0,
+        max_depth=None,
+        max_samples=None,
+        n_jobs=None,
+        random_state=None,
+        verbose=0,
+        min_samples_split=2,
+        min_samples_leaf=1,
+        min_impurity_decrease=0.0,
+        oob_score=False,
+        partition_wise=False,
+        trees_per_block=None,
+        client=None,
+    ):
+        super().__init__(
+            n_estimators,
+            criterion=criterion,
+            max_features=max_features,
+            max_depth=max_depth,
+            max_samples=max_samples,
+            n_jobs=n_jobs,
+            random_state=random_state,
+            verbose=verbose,
+            min_samples_split=min_samples_split,
+            min_samples_leaf=min_samples_leaf,
+            min_impurity_decrease=min_impurity_decrease,
+            oob_score=oob_score,
         )
-        for name in _FITTED_ATTRIBUTES:
-            if hasattr(self, name):
-                setattr(local, name, getattr(self, name))
-        return local
-
-    def save(self, path):
-        """Write the fitted forest to a portable ``.npz`` file, without pickle.
-
-        ``velmot.load`` reads it back as an ordinary
-        ``velmot.RandomForestClassifier``.
-
-        Parameters
-        ----------
-        path : str, path-like or binary file object
-            Destination; written exactly there, no suffix is added.
-
-        Examples
-        --------
-        >>> import velmot
-        >>> forest.save("forest.npz")  # doctest: +SKIP
-        >>> velmot.load("forest.npz").predict(X)  # doctest: +SKIP
-        """
-        self.to_local().save(path)
-
-    def __sklearn_clone__(self):
-        # A Client cannot be deep-copied; the clone shares it.
-        params = {
-            name: value if name == "client" else clone(value, safe=False)
-            for name, value in self.get_params(deep=False).items()
-        }
-        return type(self)(**params)
-
-    def __getstate__(self):
-        # A Client cannot be pickled; an unpickled estimator uses the default one.
-        return dict(super().__getstate__(), client=None)
-
-    # -- learning ---------------------------------------------------------
-
-    def _cluster_client(self):
-        if self.client is not None:
-            client = self.client
-        else:
-            try:
-                client = default_client()
-            except ValueError as error:
-                raise ValueError(
-                    "velmot.dask.RandomForestClassifier learns on a Dask cluster, but no distributed Client "
-                    "was found: create one first (distributed.Client(...)) or pass client=..."
-                ) from error
-        if client.asynchronous:
-            raise ValueError(
-                "fit blocks until the forest is learnt; pass a synchronous Client, not an asynchronous one"
-            )
-        return client
-
-    def _blocks(self):
-        """[first, last) tree indices of each scattered task."""
-        per_block = self.trees_per_block or -(-self.n_estimators // 10)
-        return [(start, min(start + per_block, self.n_estimators)) for start in range(0, self.n_estimators, per_block)]
-
-    def _fit_scattered(self, client, X, y, sample_weight):
-        X, y, sample_weight = computed(client, X, y, sample_weight)
-        X, y = validate_data(self, X, y, dtype="numeric", ensure_all_finite="allow-nan")
-        check_classification_targets(y)
-        settings = resolve_settings(self, *X.shape)
-        classes, codes = np.unique(y, return_inverse=True)
-        weights = sample_weights(sample_weight, self.class_weight, X, classes, codes)
-        X = as_module_dtype(X)
-        check_splittable(X)
-        X, medians = weighed_medians(X, weights)
-        features = feature_major_with_constant_row(X) if settings.all_features else feature_major(X)
-
-        ranges = self._blocks()
-        seed = forest_seed(self.random_state)
-        labels = np.ascontiguousarray(codes, dtype=np.int32)
-        fit_id = uuid.uuid4().hex
-        blocks = [None] * len(ranges)
-        with self._progress_bar() as progress:
-            for attempt in range(1, _SCATTER_ATTEMPTS + 1):
-                pending = [index for index, block in enumerate(blocks) if block is None]
-                # A copy on every worker. Dask drops the copies no waiting
-                # task needs, though, and scattered data cannot be recomputed:
-                # if the last copy goes down with its worker, the unfinished
-                # blocks are cancelled and learnt again from a new scatter.
-                data = client.scatter(
-                    [features, labels] + ([] if weights is None else [weights]), broadcast=True, hash=False
-                )
-                futures = []
-                try:
-                    with cancelled_on_failure(client, futures):
-                        for index in pending:
-                            futures.append(
-                                client.submit(
-                                    learn_block,
-                                    *data,
-                                    n_classes=len(classes),
-                                    first_tree=ranges[index][0],
-                                    last_tree=ranges[index][1],
-                                    seed=seed,
-                                    key=f"velmot-learn-block-{fit_id}-{index}-{attempt}",
-                                    settings=settings,
-                                )
-                            )
-                        for position, block in finished(futures):
-                            blocks[pending[position]] = block
-                            first, last = ranges[pending[position]]
-                            progress.update(last - first)
-                    break
-                except CancelledError:
-                    if attempt == _SCATTER_ATTEMPTS or not lost(client, data):
-                        raise
-                finally:
-                    client.cancel(data)
-        nodes, importances, votes = _joined(blocks)
-        self._set_fitted(classes, nodes, importances, medians)
-        self._set_out_of_bag(votes, codes)
-
-    def _fit_partition_wise(self, client, X, y):
-        X, y, n_features = aligned_partitions(X, y)
-        if n_features < 1:
-            raise ValueError("X has no features; pass at least one column.")
-        _check_feature_names(self, X._meta if hasattr(X, "columns") else np.empty((0, n_features)), reset=True)
-        self.n_features_in_ = n_features
-        X, y = client.persist([X, y])
-        X_parts, y_parts = delayed_partitions(X), delayed_partitions(y)
-        fit_id = uuid.uuid4().hex
-
-        futures = []
-        with cancelled_on_failure(client, futures):
-            futures.extend(
-                client.compute(
-                    [
-                        dask.delayed(summarize_partition)(
-                            X_part, y_part, dask_key_name=f"velmot-summarize-{fit_id}-{i}"
-                        )
-                        for i, (X_part, y_part) in enumerate(zip(X_parts, y_parts))
-                    ]
-                )
-            )
-            summaries = [summary for _, summary in sorted(finished(futures), key=lambda finished: finished[0])]
-        used = [i for i, summary in enumerate(summaries) if summary["n_samples"] > 0]
-        if not used:
-            raise ValueError("X has no samples; every partition is empty.")
-        classes = np.unique(np.concatenate([summaries[i]["classes"] for i in used]))
-        check_classification_targets(classes)
-        class_factors = None
-        if self.class_weight is not None:
-            counts = np.zeros(len(classes), dtype=np.int64)
-            for i in used:
-                counts[np.searchsorted(classes, summaries[i]["classes"])] += summaries[i]["class_counts"]
-            class_factors = class_weight_factors(self.class_weight, classes, counts)
-        if self.n_estimators < len(used):
-            raise ValueError(
-                f"n_estimators={self.n_estimators} is less than the {len(used)} non-empty partitions of X, "
-                "and each partition learns at least one tree: raise n_estimators or repartition X into fewer, "
-                "larger partitions."
-            )
-        sizes = [self.n_estimators // len(used) + (rank < self.n_estimators % len(used)) for rank in range(len(used))]
-        seed = forest_seed(self.random_state)
-        firsts = np.cumsum([0] + sizes[:-1])
-        tasks = []
-        for rank, (i, size, first) in enumerate(zip(used, sizes, firsts)):
-            settings = resolve_settings(self, self._checked_partition_size(summaries[i], i), n_features)
-            tasks.append(
-                dask.delayed(learn_partition)(
-                    X_parts[i],
-                    y_parts[i],
-                    classes,
-                    first_tree=int(first),
-                    last_tree=int(first + size),
-                    seed=seed,
-                    settings=settings,
-                    class_factors=class_factors,
-                    dask_key_name=f"velmot-learn-partition-{fit_id}-{rank}",
-                )
-            )
-        blocks = [None] * len(tasks)
-        futures = []
-        with cancelled_on_failure(client, futures), self._progress_bar() as progress:
-            futures.extend(client.compute(tasks))
-            for position, block in finished(futures):
-                blocks[position] = block
-                progress.update(sizes[position])
-        medians = combined_medians([summaries[i] for i in used], n_features)
-        nodes, importances, votes = _joined(blocks, stacked=True)
-        self._set_fitted(classes, nodes, importances, medians)
-        self._set_out_of_bag(votes, None if votes is None else np.concatenate([block[3] for block in blocks]))
-
-    def _checked_partition_size(self, summary, index):
-        n_samples = summary["n_samples"]
-        if n_samples > MAX_SAMPLES:
-            raise ValueError(
-                f"partition {index} of X has {n_samples} samples; the library accepts at most {MAX_SAMPLES}."
-            )
-        if isinstance(self.max_samples, Integral) and self.max_samples > n_samples:
-            raise ValueError(
-                f"max_samples={self.max_samples} is more than the {n_samples} samples of partition {index} of X; "
-                "partition-wise, each tree samples from one partition: pass at most its size, or a fraction."
-            )
-        return n_samples
-
-    def _progress_bar(self):
-        return tqdm(total=self.n_estimators, unit="tree", desc="Learning trees", disable=self.verbose <= 0)
-
-    # -- prediction -------------------------------------------------------
-
-    def _predict_lazily(self, X, method):
-        check_is_fitted(self)
-        if isinstance(X, da.Array):
-            if X.ndim != 2:
-                raise ValueError(f"X must be 2-D, (n_samples, n_features); got a Dask array of shape {X.shape}.")
-            _check_n_features(self, np.empty((0, X.shape[1])), reset=False)
-            _check_feature_names(self, np.empty((0, X.shape[1])), reset=False)
-            if X.numblocks[1] > 1:
-                X = X.rechunk({1: -1})
-        elif is_dask_dataframe(X):
-            _check_n_features(self, X._meta, reset=False)
-            _check_feature_names(self, X._meta, reset=False)
-        else:
-            raise TypeError(f"X must be a numpy-like matrix, a Dask array or a Dask DataFrame, not {type(X).__name__}.")
-
-        # The forest is one node of the graph, read by every block's task.
-        # Embedded rather than scattered: Dask keeps a single copy of
-        # scattered data, which a lost worker would take with it, while an
-        # embedded forest is simply sent again, on any scheduler.
-        forest = dask.delayed(self.to_local(), pure=False)
-        if method == "predict":
-            meta = np.empty((0,), dtype=self.classes_.dtype)
-        else:
-            meta = np.empty((0, self.n_classes_), dtype=np.float64)
-        if isinstance(X, da.Array):
-            if method == "predict":
-                return X.map_blocks(predict_block, forest, method, drop_axis=1, meta=meta)
-            return X.map_blocks(predict_block, forest, method, chunks=(X.chunks[0], (self.n_classes_,)), meta=meta)
-        return X.map_partitions(predict_block, forest, method, meta=meta)
-
-
-def _joined(blocks, stacked=False):
-    """(ForestNodes, mean importances, out-of-bag votes or None) of blocks of
-    (nodes, importance rows, votes, ...) in tree order. Scattered blocks vote
-    on the same samples, so their votes are summed (integers: in any order);
-    partition-wise (stacked) each block votes on its own partition's rows,
-    which follow one another."""
-    importances = mean_importances(np.concatenate([block[1] for block in blocks]))
-    votes = [block[2] for block in blocks]
-    if votes[0] is None:
-        joined = None
-    elif stacked:
-        joined = np.concatenate(votes)
-    else:
-        joined = np.sum(votes, axis=0)
-    return ForestNodes.join([block[0] for block in blocks]), importances, joined
+        self.partition_wise = partition_wise
+        self.trees_per_block = trees_per_block
+        self.client = client

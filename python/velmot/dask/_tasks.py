@@ -7,15 +7,10 @@ import weakref
 import numpy as np
 from sklearn.utils.validation import check_array
 
-from .._features import (
-    as_module_dtype,
-    check_splittable,
-    feature_major,
-    feature_major_with_constant_row,
-    upper_medians,
-)
+from .._features import as_module_dtype, check_splittable, learning_features, upper_medians
 from .._forest import weighed_medians
 from .._learning import learn_trees, prepare
+from .._regressor import MAX_TARGET
 
 
 def partition_data(X_part, y_part):
@@ -35,15 +30,16 @@ def partition_data(X_part, y_part):
     return X, y
 
 
-def summarize_partition(X_part, y_part):
+def summarize_partition(X_part, y_part, with_classes=True):
     """What the client needs from a partition before learning: its size, its
-    labels, and its medians with the number of values they are taken over."""
+    labels (with_classes), and its medians with the number of values they
+    are taken over."""
     X, y = partition_data(X_part, y_part)
     if X is None:
         return {"n_samples": 0}
     return {
         "n_samples": len(y),
-        **dict(zip(("classes", "class_counts"), np.unique(y, return_counts=True))),
+        **(dict(zip(("classes", "class_counts"), np.unique(y, return_counts=True))) if with_classes else {}),
         "medians": upper_medians(X),
         "present": np.count_nonzero(~np.isnan(X), axis=0) if X.dtype.kind == "f" else np.full(X.shape[1], len(y)),
     }
@@ -74,17 +70,24 @@ def learn_block(features, labels, sample_weight=None, *, n_classes, first_tree, 
 
 def learn_partition(X_part, y_part, classes, *, first_tree, last_tree, seed, settings, class_factors=None):
     """Trees [first_tree, last_tree) of the forest of ``seed``, learnt from
-    one partition, and the partition's label codes."""
+    one partition, and the partition's label codes (targets, for regression:
+    ``classes`` None)."""
     X, y = partition_data(X_part, y_part)
-    # Codes over the global classes: a partition lacking a class still
-    # learns with the forest's class count.
-    labels = np.searchsorted(classes, y).astype(np.int32)
+    if classes is None:
+        labels = check_array(y, dtype=np.float64, ensure_2d=False)
+        if not np.all(np.abs(labels) <= MAX_TARGET):
+            raise ValueError(f"y holds values beyond +-{MAX_TARGET:g}; rescale the targets.")
+    else:
+        # Codes over the global classes: a partition lacking a class still
+        # learns with the forest's class count.
+        labels = np.searchsorted(classes, y).astype(np.int32)
     weights = None if class_factors is None else class_factors[labels]
     if weights is not None and not np.any(weights > 0):
         raise ValueError("every sample of a partition weighs 0 under class_weight; weigh its classes above 0.")
     X, _ = weighed_medians(X, weights)
-    features = feature_major_with_constant_row(X) if settings.all_features else feature_major(X)
-    data = prepare(features, labels, n_classes=len(classes), settings=settings)
+    data = prepare(
+        learning_features(X, settings), labels, n_classes=0 if classes is None else len(classes), settings=settings
+    )
     trees = learn_trees(
         data, first_tree=first_tree, last_tree=last_tree, seed=seed, settings=settings, sample_weight=weights
     )
@@ -95,8 +98,9 @@ def predict_block(block, forest, method):
     """One block's predictions; an empty block (a filtered partition) gives
     an empty result of the right shape."""
     if len(block) == 0:
-        shape = (0,) if method == "predict" else (0, forest.n_classes_)
-        return np.empty(shape, dtype=forest.classes_.dtype if method == "predict" else np.float64)
+        if method != "predict":
+            return np.empty((0, forest.n_classes_))
+        return np.empty((0,), dtype=forest.classes_.dtype if hasattr(forest, "classes_") else np.float64)
     with warnings.catch_warnings():
         # Already warned once on the client for the whole collection.
         warnings.filterwarnings("ignore", message="X does not have valid feature names")

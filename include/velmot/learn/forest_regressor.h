@@ -1,0 +1,106 @@
+#ifndef VELMOT_LEARN_FOREST_REGRESSOR_H
+#define VELMOT_LEARN_FOREST_REGRESSOR_H
+
+// Prediction of a regression forest: the mean of the leaf values the trees
+// reach, in double. Each instance's leaf values are added in tree order and
+// the sum divided by the number of trees, so a prediction does not depend
+// on the thread count or on the other instances passed with it.
+//
+// The forest is walked in its flat form (learn/flat_forest.h: a leaf holds
+// its value in its threshold) over blocks of instances shared among the
+// workers, two trees at a time in lockstep, as the classifier's batch path
+// walks them (learn/forest_classifier.h).
+//
+// D, the data set, needs get_num_instances(), get_num_features() and
+// operator()(i, j).
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+#include "velmot/defs/exception.h"
+#include "velmot/defs/parallel.h"
+#include "velmot/learn/flat_forest.h"
+#include "velmot/learn/forest_classifier.h"
+
+namespace Velmot {
+
+namespace forest_regression_detail {
+
+// Adds tree t's leaf values (roots[0]) and, if two, tree t + 1's
+// (roots[1]) to sums, tree by tree, for `count` instances gathered as
+// forest_prediction::gather_block does; false at a missing child.
+template <int trees>
+bool add_leaf_values(const FlatNode* const* roots, const double* values, size_t stride, int64_t count, double* sums) {
+  constexpr int group = 8;
+  const FlatNode* leaves[group * trees];
+  int64_t i = 0;
+  for (; i + group <= count; i += group) {
+    flat_forest::find_leaves<group, trees>(roots, values + static_cast<size_t>(i) * stride, stride, leaves);
+    for (int k = 0; k < group; ++k) {
+      for (int t = 0; t < trees; ++t) {
+        const FlatNode* leaf = leaves[t * group + k];
+        if (flat_forest::is_stand_in(*leaf)) return false;
+        sums[i + k] += leaf->threshold;
+      }
+    }
+  }
+  for (; i < count; ++i) {
+    const double* instance_values = values + static_cast<size_t>(i) * stride;
+    auto value_of = [instance_values](int32_t f) { return instance_values[f]; };
+    for (int t = 0; t < trees; ++t) {
+      const FlatNode* leaf = flat_forest::find_leaf(roots[t], value_of);
+      if (flat_forest::is_stand_in(*leaf)) return false;
+      sums[i] += leaf->threshold;
+    }
+  }
+  return true;
+}
+
+}  // namespace forest_regression_detail
+
+// means[i] = the mean leaf value of instance i over the forest's trees;
+// means must hold data.get_num_instances() entries.
+template <class D>
+void predict_means(const FlatForest& trees, const D& data, double* means) {
+  if (trees.empty()) throw Exception("forest is empty: cannot predict");
+  trees.check_features(data.get_num_features());
+  const int64_t num_instances = static_cast<int64_t>(data.get_num_instances());
+  if (num_instances == 0) return;
+  // Blocks as the classifier's batch path sizes them: at most 2^19 values,
+  // no larger than one worker's share.
+  const size_t stride = data.get_num_features() + 1;
+  const int team = default_team_size();
+  const size_t cap = size_t(1) << 19;
+  const int64_t block_size =
+      std::max<int64_t>(64, std::min<int64_t>((num_instances + team - 1) / team, static_cast<int64_t>(cap / stride)));
+  const int64_t num_blocks = (num_instances + block_size - 1) / block_size;
+  const size_t num_trees = trees.size();
+  const size_t value_cells = static_cast<size_t>(block_size) * stride;
+  std::vector<double> all_values(static_cast<size_t>(team) * value_cells);
+  for_each_index(num_blocks, team, [&](int64_t b, const Worker& w) {
+    double* const values = all_values.data() + static_cast<size_t>(w.number) * value_cells;
+    const int64_t begin = b * block_size;
+    const int64_t end = std::min(begin + block_size, num_instances);
+    forest_prediction::gather_block(data, static_cast<size_t>(begin), static_cast<size_t>(end), stride, values);
+    double* const sums = means + begin;
+    std::fill(sums, sums + (end - begin), 0.0);
+    for (size_t t = 0; t < num_trees && !w.stopped(); t += 2) {
+      bool reached_leaves;
+      if (t + 1 < num_trees) {
+        const FlatNode* roots[2] = {trees.tree(t), trees.tree(t + 1)};
+        reached_leaves = forest_regression_detail::add_leaf_values<2>(roots, values + 1, stride, end - begin, sums);
+      } else {
+        const FlatNode* roots[1] = {trees.tree(t)};
+        reached_leaves = forest_regression_detail::add_leaf_values<1>(roots, values + 1, stride, end - begin, sums);
+      }
+      if (!reached_leaves) throw forest_prediction::missing_child();
+    }
+    for (double* sum = sums; sum != sums + (end - begin); ++sum) *sum /= static_cast<double>(num_trees);
+  });
+}
+
+}  // namespace Velmot
+
+#endif
