@@ -59,6 +59,18 @@ FOREST_PARAMETER_CONSTRAINTS = {
 }
 
 
+# Parameters that model files written before them do not record, with the
+# values those files' forests were learnt under (the library's own leaf
+# rule, no other limit), so that such files still load and refit alike.
+PARAMETERS_OF_OLDER_FILES = {
+    "min_samples_split": 2,
+    "min_samples_leaf": PAIRS,
+    "min_impurity_decrease": 0.0,
+    "oob_score": False,
+    "class_weight": None,
+}
+
+
 class ForestEstimator(ExportExplainMixin, BaseEstimator):
     """What every velmot forest does the same way, whatever its task.
 
@@ -256,7 +268,9 @@ class ForestEstimator(ExportExplainMixin, BaseEstimator):
         for name in ("nodes", "tree_sizes", "feature_importances"):
             check(name in arrays, f"missing {name}")
         params, n_features = metadata["params"], metadata["n_features_in"]
-        check(set(params) == set(cls._get_param_names()), "unexpected estimator parameters")
+        names = set(cls._get_param_names())
+        params = {**{k: v for k, v in PARAMETERS_OF_OLDER_FILES.items() if k in names}, **params}
+        check(set(params) == names, "unexpected estimator parameters")
         forest = cls(**params)
         try:
             forest._validate_params()

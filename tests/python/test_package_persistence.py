@@ -213,6 +213,14 @@ def test_tampered_files_are_refused(tampered, tamper, message):
         velmot.load(tampered(tamper))
 
 
+def test_files_written_before_the_growth_controls_load_under_the_old_leaf_rule(forest, tampered, training):
+    newer = ("min_samples_split", "min_samples_leaf", "min_impurity_decrease", "oob_score", "class_weight")
+    params = {k: v for k, v in forest.get_params().items() if k not in newer}
+    restored = velmot.load(tampered(lambda t: {"metadata": np.array(json.dumps({**t.metadata, "params": params}))}))
+    assert restored.get_params() == {**forest.get_params(), "min_samples_leaf": "pairs"}
+    assert_predicts_alike(forest, restored, training[0])
+
+
 def test_loading_reads_only_the_forests_entries_and_checks_sizes_first(forest, training, tmp_path):
     path = tmp_path / "forest.npz"
     forest.save(path)
