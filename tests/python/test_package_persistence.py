@@ -86,7 +86,7 @@ def test_save_replaces_a_file_whole_or_not_at_all_with_the_modes_open_would_give
     def disk_full(*args, **kwargs):
         raise OSError(28, "No space left on device")
 
-    monkeypatch.setattr(np, "savez_compressed", disk_full)
+    monkeypatch.setattr(np.lib.format, "write_array", disk_full)
     with pytest.raises(OSError, match="No space"):
         forest.save(path)
     assert path.read_bytes() == before and os.listdir(tmp_path) == ["forest.npz"]
