@@ -113,17 +113,9 @@ class ForestEstimator(ExportExplainMixin, BaseEstimator):
             The fitted estimator.
         """
         self._validate_params()
-        X, y = validate_data(self, X, y, dtype="numeric", ensure_all_finite="allow-nan", y_numeric=self._Y_NUMERIC)
-        self._check_targets(y)
-        # Checks that need the data's shape come before anything is copied.
-        settings = resolve_settings(self, *X.shape)
-        targets, labels, n_classes = self._encode_targets(y)
-        weights = self._sample_weights(sample_weight, X, targets, labels)
-        X = as_module_dtype(X)
-        check_splittable(X)
-        X, medians = weighed_medians(X, weights)
+        features, targets, labels, n_classes, weights, medians, settings = self._training_inputs(X, y, sample_weight)
         nodes, importances, out_of_bag = learn_forest(
-            learning_features(X, settings),
+            features,
             labels,
             n_classes=n_classes,
             n_trees=self.n_estimators,
@@ -135,6 +127,20 @@ class ForestEstimator(ExportExplainMixin, BaseEstimator):
         self._set_fitted(targets, nodes, importances, medians)
         self._set_out_of_bag(out_of_bag, labels)
         return self
+
+    def _training_inputs(self, X, y, sample_weight):
+        """X, y and the weights checked and converted for the core:
+        (features, targets, labels, n_classes, weights, medians, settings)."""
+        X, y = validate_data(self, X, y, dtype="numeric", ensure_all_finite="allow-nan", y_numeric=self._Y_NUMERIC)
+        self._check_targets(y)
+        # Checks that need the data's shape come before anything is copied.
+        settings = resolve_settings(self, *X.shape)
+        targets, labels, n_classes = self._encode_targets(y)
+        weights = self._sample_weights(sample_weight, X, targets, labels)
+        X = as_module_dtype(X)
+        check_splittable(X)
+        X, medians = weighed_medians(X, weights)
+        return learning_features(X, settings), targets, labels, n_classes, weights, medians, settings
 
     def _set_fitted(self, targets, nodes, importances, missing_value_fill):
         n_features = self.n_features_in_

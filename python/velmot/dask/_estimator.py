@@ -16,13 +16,10 @@ from sklearn.utils.validation import (
     _check_feature_names,
     _check_n_features,
     check_is_fitted,
-    validate_data,
 )
 from tqdm import tqdm
 
-from .._features import as_module_dtype, check_splittable, learning_features
 from .._forest import RandomForestClassifier as LocalRandomForestClassifier
-from .._forest import weighed_medians
 from .._learning import forest_seed, mean_importances
 from .._regressor import RandomForestRegressor as LocalRandomForestRegressor
 from .._settings import MAX_SAMPLES, resolve_settings
@@ -196,15 +193,7 @@ class _DaskForest:
 
     def _fit_scattered(self, client, X, y, sample_weight):
         X, y, sample_weight = computed(client, X, y, sample_weight)
-        X, y = validate_data(self, X, y, dtype="numeric", ensure_all_finite="allow-nan", y_numeric=self._Y_NUMERIC)
-        self._check_targets(y)
-        settings = resolve_settings(self, *X.shape)
-        targets, labels, n_classes = self._encode_targets(y)
-        weights = self._sample_weights(sample_weight, X, targets, labels)
-        X = as_module_dtype(X)
-        check_splittable(X)
-        X, medians = weighed_medians(X, weights)
-        features = learning_features(X, settings)
+        features, targets, labels, n_classes, weights, medians, settings = self._training_inputs(X, y, sample_weight)
 
         ranges = self._blocks()
         seed = forest_seed(self.random_state)
