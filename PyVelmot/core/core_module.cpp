@@ -54,12 +54,13 @@ using PyVelmot::core::TrainingData;
 
 namespace {
 
+// A numpy array that takes the vector's storage over, without a copy: the
+// array owns the vector through a capsule (values is left empty).
 template <class T>
 py::array_t<T> to_numpy(std::vector<T>& values) {
-  py::array_t<T> array(static_cast<py::ssize_t>(values.size()));
-  std::copy(values.begin(), values.end(), array.mutable_data());
-  std::vector<T>().swap(values);
-  return array;
+  auto* owned = new std::vector<T>(std::move(values));
+  const py::capsule owner(owned, [](void* vector) { delete static_cast<std::vector<T>*>(vector); });
+  return py::array_t<T>(static_cast<py::ssize_t>(owned->size()), owned->data(), owner);
 }
 
 // Learns with Criterion when the data's labels are L (int codes for the
