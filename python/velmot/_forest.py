@@ -94,11 +94,13 @@ class ForestEstimator(ExportExplainMixin, BaseEstimator):
         ----------
         X : array-like of shape (n_samples, n_features)
             Training samples. int32, float64, float32 and uint8 matrices are
-            used in place, without a copy; bool is viewed as uint8; other
-            integer types become int32 (float64 if a value does not fit),
-            float16 becomes float32 and other numbers float64. Asking for
-            every feature at each node (``max_features`` reaching
-            ``n_features``) costs one feature-major copy of X.
+            used as they are; bool is viewed as uint8; other integer types
+            become int32 (float64 if a value does not fit), float16 becomes
+            float32 and other numbers float64. The fit learns from a
+            Fortran-ordered matrix without NaN in place, and from a copy of
+            any other; asking for every feature at each node
+            (``max_features`` reaching ``n_features``) costs that copy in
+            any case.
         y : array-like of shape (n_samples,)
             Targets: class labels of any type (numbers, strings, bools) for a
             classifier, real values for a regressor.

@@ -38,13 +38,15 @@ def forest_seed(random_state):
     return int(check_random_state(random_state).randint(0, 2**32, dtype=np.uint64))
 
 
-def prepare(features, labels, *, n_classes, settings):
+def prepare(features, labels, *, n_classes, settings, in_place=True):
     """The training set prepared once for any number of learning calls.
 
     ``features`` is feature-major in one of the four element types,
     ``labels`` int32 codes below n_classes, or float64 targets with
-    n_classes 0."""
-    return _core.TrainingData(features, labels, n_classes, threads_for_call(settings.n_threads))
+    n_classes 0. With ``in_place``, features already in the layout the
+    core learns from (``_features``) are read where they are, not copied,
+    and stay referenced by the prepared set."""
+    return _core.TrainingData(features, labels, n_classes, threads_for_call(settings.n_threads), in_place)
 
 
 def learn_trees(data, *, first_tree, last_tree, seed, settings, on_progress=None, sample_weight=None):
