@@ -159,6 +159,7 @@ public:
   bool sort_unless_constant(const Sample& sample, size_t feature_index, size_t begin, size_t end) {
     form = in_buffer;
     ranks = sample.ranks;
+    data = sample.dataset;
     const size_t n = end - begin;
     if constexpr (learns_with_ranks<F, L>()) {
       if (ranks != nullptr && ranks->has_ranks(feature_index)) {
@@ -257,7 +258,7 @@ public:
   // The value at a point of the feature (ranked points: looked up in the
   // sample's ranks of the last sort).
   F value_of(size_t feature_index, const SortedPoint<F>& point) const {
-    return point.ranked ? ranks->values(feature_index)[point.rank] : point.value;
+    return point.ranked ? ranks->value(data->column(feature_index), feature_index, point.rank) : point.value;
   }
 
 private:
@@ -387,6 +388,7 @@ private:
   // Elements of the sorted form (not of CountedCells).
   size_t sorted_count = 0;
   const FeatureRanks<F>* ranks = nullptr;
+  const D* data = nullptr;  // the sample's, whose columns hold the ranks' values
   std::vector<pair_type> pairs;
   FlexiSort<F, L> flexi_sort;
   RankSort<F, L> rank_sort;
