@@ -61,9 +61,10 @@ namespace {
 // array owns the vector through a capsule (values is left empty).
 template <class T>
 py::array_t<T> to_numpy(std::vector<T>& values) {
-  auto* owned = new std::vector<T>(std::move(values));
-  const py::capsule owner(owned, [](void* vector) { delete static_cast<std::vector<T>*>(vector); });
-  return py::array_t<T>(static_cast<py::ssize_t>(owned->size()), owned->data(), owner);
+  auto owned = std::make_unique<std::vector<T>>(std::move(values));
+  const py::capsule owner(owned.get(), [](void* vector) { delete static_cast<std::vector<T>*>(vector); });
+  const std::vector<T>& vector = *owned.release();
+  return py::array_t<T>(static_cast<py::ssize_t>(vector.size()), vector.data(), owner);
 }
 
 // Learns with Criterion when the data's labels are L (int codes for the

@@ -17,6 +17,7 @@
 
 #include "velmot/dataset/dataset.h"
 #include "velmot/dataset/feature_ranks.h"
+#include "velmot/defs/free_memory.h"
 #include "velmot/learn/learn_forest.h"
 
 namespace Velmot {
@@ -43,6 +44,10 @@ void rank(TrainingSet<F, L>& set) {
     } catch (const std::bad_alloc&) {
       // Without the copy, small nodes read the columns.
     }
+    // The ranking's scratch (two entries per instance and thread) is freed
+    // now; the trees grown next allocate from other threads' heaps, which
+    // would not reuse it, so it goes back to the system.
+    return_free_memory();
   }
 }
 
