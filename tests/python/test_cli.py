@@ -232,14 +232,6 @@ def test_the_command_writes_the_model_file_the_estimators_write(tmp_path, regres
         assert command[name].dtype == array.dtype and np.array_equal(command[name], array, equal_nan=True), name
 
 
-def test_training_imports_neither_scikit_learn_nor_pandas(tmp_path):
-    heavy = "{m.split('.')[0] for m in sys.modules} & {'sklearn', 'scipy', 'pandas', 'tqdm', 'matplotlib', 'onnx'}"
-    code = f"import sys; from velmot.cli import main; main(sys.argv[1:]); print(sorted({heavy}))"
-    argv = ["train", *IRIS, "--trees", 3, "-o", tmp_path / "m.npz"]
-    result = subprocess.run([sys.executable, "-c", code, *map(str, argv)], capture_output=True, text=True)
-    assert result.stdout == "[]\n", result.stderr
-
-
 def test_outputs_keep_modes_and_never_replace_an_input(iris_model, tmp_path, capsys):
     copy = tmp_path / "iris.csv"
     copy.write_bytes((EXAMPLES / "iris.csv").read_bytes())
