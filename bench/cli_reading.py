@@ -58,7 +58,7 @@ def fit_alone(parquet_path):
     """Prints the seconds of the fit alone, the matrix's and the forest's
     MiB, and the resident MiB before the data is read (the interpreter and
     its libraries)."""
-    import velmot
+    from velmot import RandomForestClassifier
     from velmot._tables import open_table
 
     columns = list(range(N_FEATURES))
@@ -67,7 +67,7 @@ def fit_alone(parquet_path):
         table.take_header(columns)
         X, _, codes = table.training_data(columns, N_FEATURES)
     start = time.perf_counter()
-    forest = velmot.RandomForestClassifier(N_TREES, n_jobs=-1, random_state=0).fit(X, codes)
+    forest = RandomForestClassifier(N_TREES, n_jobs=-1, random_state=0).fit(X, codes)
     seconds = time.perf_counter() - start
     forest_bytes = sum(a.nbytes for a in forest.nodes_.as_dict().values()) + sum(t.nbytes for t in forest.trees_)
     print(seconds, X.nbytes / 2**20, forest_bytes / 2**20, before)

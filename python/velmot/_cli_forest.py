@@ -1,10 +1,12 @@
-"""The forest of ``velmot train``, learnt and saved without the estimator
-classes: they derive from scikit-learn's, whose import alone costs the
-command about a second and 100 MiB. Training takes the estimators' own
-steps (settings, conversions, the one core call) and writes the model file
-entries their ``save`` writes, so the package loads these files and the
-two give the same forest. Weights and out-of-bag scores go through the
-package's functions for them, which import scikit-learn when asked for.
+"""The command line's forests, learnt, saved, loaded and predicted from
+without the estimator classes: they derive from scikit-learn's, whose
+import alone costs the command about a second and 100 MiB. Training takes
+the estimators' own steps (settings, conversions, the one core call) and
+writes the model file entries their ``save`` writes, so the package loads
+these files and the two give the same forest; loading makes the checks
+``velmot.load`` makes but for the values of the estimator's parameters,
+which prediction does not use. Weights and out-of-bag scores go through
+the package's functions for them, which import scikit-learn when asked for.
 """
 
 from dataclasses import dataclass
@@ -12,11 +14,13 @@ from types import SimpleNamespace
 
 import numpy as np
 
-from ._features import as_module_dtype, check_splittable, learning_features, upper_medians
+from . import _core
+from ._features import as_module_dtype, check_splittable, fill_missing, learning_features, upper_medians
+from ._fork import threads_for_call
 from ._learning import learn_forest
-from ._model_file import write_model_file
-from ._nodes import ForestNodes
-from ._settings import resolve_settings
+from ._model_file import check, float_vector, read_model_file, split_trees, write_model_file
+from ._nodes import ForestNodes, RegressionNodes
+from ._settings import POOL_SIZE, resolve_settings, thread_count
 
 # The estimators' parameters that the command line leaves at their defaults.
 _DEFAULTS = {"max_samples": None, "min_samples_split": 2, "min_impurity_decrease": 0.0}
@@ -26,17 +30,35 @@ MAX_TARGET = 1e100
 
 @dataclass(frozen=True)
 class LearntForest:
-    """A forest as the estimators' fit leaves it: classes None for real
-    targets, oob_score None unless asked for."""
+    """A forest as the estimators' fit leaves it, under their attributes'
+    names: classes_ None for real targets, oob_score_ None unless asked for."""
 
     task: str
     params: dict
-    n_features: int
-    classes: np.ndarray
+    n_features_in_: int
+    classes_: np.ndarray
     nodes: ForestNodes
     importances: np.ndarray
     missing_value_fill: np.ndarray
-    oob_score: float
+    oob_score_: float = None
+
+    def predict(self, X):
+        """The estimators' predict of X, whose columns are the forest's features."""
+        if self.classes_ is None:
+            return _core.predict_mean(self.nodes.as_dict(), *self._samples(X))
+        return self.classes_[self._predict_codes_or_proba(X, proba=False)]
+
+    def predict_proba(self, X):
+        return self._predict_codes_or_proba(X, proba=True)
+
+    def _predict_codes_or_proba(self, X, *, proba):
+        samples, n_threads = self._samples(X)
+        n_classes = len(self.classes_)
+        return _core.predict(self.nodes.prepared(n_classes), samples, n_classes, n_threads, proba)
+
+    def _samples(self, X):
+        n_threads = threads_for_call(thread_count(self.params.get("n_jobs")))
+        return fill_missing(as_module_dtype(X), self.missing_value_fill), n_threads
 
 
 def learn(X, y, params, *, regression, sample_weight=None):
@@ -81,6 +103,42 @@ def learn(X, y, params, *, regression, sample_weight=None):
     )
 
 
+# The entries prediction reads, besides the caller's own.
+_ENTRIES = ("classes", "nodes", "tree_sizes", "feature_importances", "missing_value_fill")
+
+
+def load(path, extra):
+    """(LearntForest, {name: array}) of a model file and its ``extra``
+    entries, each of which must be present; ValueError for a damaged file."""
+    arrays, metadata = read_model_file(path, [*_ENTRIES, *extra])
+    task = metadata.get("task", "classification")
+    check(task in ("classification", "regression"), f"unknown task {task!r}")
+    for name in ("nodes", "tree_sizes", "feature_importances", *extra):
+        check(name in arrays, f"missing {name}")
+    n_jobs, n_features = metadata["params"].get("n_jobs"), metadata["n_features_in"]
+    check(
+        n_jobs is None or type(n_jobs) is int and (n_jobs <= -1 or 1 <= n_jobs <= POOL_SIZE),
+        f"n_jobs {n_jobs!r} is not a thread count",
+    )
+    classes = None if task == "regression" else _checked_classes(arrays)
+    trees = split_trees(arrays["nodes"], arrays["tree_sizes"], n_features, None if classes is None else len(classes))
+    nodes = (RegressionNodes if classes is None else ForestNodes).from_tree_arrays(trees)
+    importances = float_vector(arrays["feature_importances"], n_features, "feature_importances")
+    fill = arrays.get("missing_value_fill")
+    fill = None if fill is None else float_vector(fill, n_features, "missing_value_fill")
+    forest = LearntForest(task, metadata["params"], n_features, classes, nodes, importances, fill)
+    return forest, {name: arrays[name] for name in extra}
+
+
+def _checked_classes(arrays):
+    check("classes" in arrays, "missing classes")
+    classes = arrays["classes"]
+    check(classes.ndim == 1 and len(classes) >= 1, "classes must be a non-empty vector")
+    check(classes.dtype.kind in "biufUS", "classes must be numbers, bools or strings")
+    check(np.array_equal(np.unique(classes), classes), "classes must be sorted and distinct")
+    return classes
+
+
 def _oob_score(out_of_bag, labels, classes):
     if out_of_bag is None:
         return None
@@ -98,7 +156,7 @@ def save(forest, path, extra):
     # Every tree's five rows side by side: the trees_ arrays, concatenated.
     rows = np.array([nodes.left, nodes.right, nodes.feature, nodes.threshold, nodes.value], dtype=np.float64)
     arrays = {
-        **({} if forest.classes is None else {"classes": forest.classes}),
+        **({} if forest.classes_ is None else {"classes": forest.classes_}),
         "nodes": rows,
         "tree_sizes": np.diff(nodes.offsets),
         "node_counts": nodes.count,
@@ -107,5 +165,5 @@ def save(forest, path, extra):
         "missing_value_fill": np.asarray(forest.missing_value_fill, dtype=np.float64),
         **extra,
     }
-    metadata = {"task": forest.task, "params": forest.params, "n_features_in": forest.n_features}
+    metadata = {"task": forest.task, "params": forest.params, "n_features_in": forest.n_features_in_}
     write_model_file(path, arrays, metadata)

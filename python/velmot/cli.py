@@ -132,28 +132,37 @@ def _model_entries(feature_names, class_names, class_column_name, codes):
     }
 
 
-def _load_model(path):
-    """(model, feature names, {class code: name}, class column name)."""
-    from ._persistence import load_forest
+def _class_codes(model):
+    """The class codes of an estimator or LearntForest; none for real targets."""
+    codes = getattr(model, "classes_", None)
+    return () if codes is None else codes
 
+
+def _load_model(path, predicting=False):
+    """(model, feature names, {class code: name}, class column name); for
+    predicting, a forest that loads without the estimator classes."""
     if not os.path.isfile(path):
         raise CommandError(f"model file not found: {path}")
     with open(path, "rb") as file:
         if file.read(len(_ZIP_SIGNATURE)) != _ZIP_SIGNATURE:
             raise CommandError(f"{path} is not a model file (velmot train writes them)")
+    if predicting:
+        from ._cli_forest import load as load_forest
+    else:
+        from ._persistence import load_forest
     try:
-        model, extra = load_forest(path, extra=(_FEATURE_NAMES_KEY, _CLASS_NAMES_KEY, _CLASS_COLUMN_KEY))
+        model, extra = load_forest(path, (_FEATURE_NAMES_KEY, _CLASS_NAMES_KEY, _CLASS_COLUMN_KEY))
     except (ValueError, RecursionError) as error:
         raise CommandError(str(error) if path in str(error) else f"{path}: {error}") from None
     shapes = {
         _FEATURE_NAMES_KEY: (model.n_features_in_,),
-        _CLASS_NAMES_KEY: (len(getattr(model, "classes_", ())),),
+        _CLASS_NAMES_KEY: (len(_class_codes(model)),),
         _CLASS_COLUMN_KEY: (),
     }
     for key, shape in shapes.items():
         if extra[key].dtype.kind != "U" or extra[key].shape != shape:
             raise CommandError(f"{path}: damaged model file ({key} has the wrong shape or type)")
-    class_names = dict(zip((int(code) for code in getattr(model, "classes_", ())), extra[_CLASS_NAMES_KEY].tolist()))
+    class_names = dict(zip((int(code) for code in _class_codes(model)), extra[_CLASS_NAMES_KEY].tolist()))
     return model, extra[_FEATURE_NAMES_KEY].tolist(), class_names, str(extra[_CLASS_COLUMN_KEY])
 
 
@@ -203,14 +212,13 @@ def train(args):
         forest = learn(X, y, params, regression=regression, sample_weight=weights)
     except (RuntimeError, MemoryError) as error:
         raise CommandError(f"cannot learn {args.trees} trees: {error}") from None
-    codes = () if forest.classes is None else forest.classes  # a regression forest has no classes
-    save(forest, output, _model_entries(feature_names, class_names, class_column_name, codes))
+    save(forest, output, _model_entries(feature_names, class_names, class_column_name, _class_codes(forest)))
     print(
-        f"learnt {args.trees} trees on {X.shape[0]} rows and {forest.n_features} features; saved {args.output}",
+        f"learnt {args.trees} trees on {X.shape[0]} rows and {forest.n_features_in_} features; saved {args.output}",
         file=sys.stderr,
     )
     if args.oob:
-        print(f"out-of-bag {'R^2' if regression else 'accuracy'}: {forest.oob_score:.4f}")
+        print(f"out-of-bag {'R^2' if regression else 'accuracy'}: {forest.oob_score_:.4f}")
 
 
 def _set_weight_column_aside(text, layout, rows, class_column):
@@ -330,9 +338,9 @@ def predict(args):
     from ._files import atomic_write
 
     output = _output_file(args.output, args.model, args.data, args.description)
-    model, feature_names, class_names, class_column_name = _load_model(args.model)
+    model, feature_names, class_names, class_column_name = _load_model(args.model, predicting=True)
     layout = read_layout(args.description)
-    classes = [class_names[int(code)] for code in getattr(model, "classes_", ())]
+    classes = [class_names[int(code)] for code in _class_codes(model)]
     if args.proba and not classes:
         raise CommandError(f"--proba needs a classification model; {args.model} holds a regression forest")
 
@@ -420,7 +428,7 @@ def export(args):
     output = _output_file(args.output, args.model)
     model, _, class_names, _ = _load_model(args.model)
     try:
-        write_onnx(model, output, [class_names[int(code)] for code in getattr(model, "classes_", ())] or None)
+        write_onnx(model, output, [class_names[int(code)] for code in _class_codes(model)] or None)
     except ImportError as error:
         raise CommandError(str(error)) from None
 

@@ -221,15 +221,19 @@ def test_the_command_writes_the_model_file_the_estimators_write(tmp_path, regres
     y = X[:, 0] * 2 + 1 if regression else (X[:, 0] > 0).astype(int)
     rows = [["a", "b", "c", "y"]] + [[*("" if np.isnan(v) else v for v in x), t] for x, t in zip(X, y)]
     options = ["--task", ["classification", "regression"][regression], "--trees", 7, "--seed", 4, "--max-depth", 6]
-    assert run("train", write_csv(tmp_path / "d.csv", rows), *options, "--quiet", "-o", tmp_path / "cli.npz") == 0
+    data, model = write_csv(tmp_path / "d.csv", rows), tmp_path / "cli.npz"
+    assert run("train", data, *options, "--quiet", "-o", model) == 0
     estimator = RandomForestRegressor(max_features=None) if regression else RandomForestClassifier()
     estimator.set_params(n_estimators=7, random_state=4, max_depth=6, n_jobs=-1)
     estimator.fit(X, y).save(tmp_path / "package.npz")
     package, package_metadata = read_model_file(tmp_path / "package.npz", ["classes", *estimator._model_entries()])
-    command, command_metadata = read_model_file(tmp_path / "cli.npz", list(package))
+    command, command_metadata = read_model_file(model, list(package))
     assert {**command_metadata, "entries": None} == {**package_metadata, "entries": None}
     for name, array in package.items():
         assert command[name].dtype == array.dtype and np.array_equal(command[name], array, equal_nan=True), name
+    assert run("predict", model, data, "-o", tmp_path / "p.csv") == 0
+    predicted = np.array(read_rows(tmp_path / "p.csv"), dtype=float)[:, 0]
+    np.testing.assert_array_equal(predicted, estimator.predict(X))
 
 
 def test_outputs_keep_modes_and_never_replace_an_input(iris_model, tmp_path, capsys):
@@ -251,7 +255,7 @@ def test_outputs_keep_modes_and_never_replace_an_input(iris_model, tmp_path, cap
 
 @pytest.mark.parametrize("signum", [signal.SIGINT, signal.SIGTERM])
 def test_a_signal_removes_the_temporary_file_with_one_line(iris_model, tmp_path, capsys, monkeypatch, signum):
-    monkeypatch.setattr("velmot.RandomForestClassifier.predict", lambda self, X: os.kill(os.getpid(), signum))
+    monkeypatch.setattr("velmot._cli_forest.LearntForest.predict", lambda self, X: os.kill(os.getpid(), signum))
     assert run("predict", iris_model, *IRIS, "-o", tmp_path / "out.csv") == 128 + signum
     assert len(capsys.readouterr().err.strip().splitlines()) == 1
     assert leftovers(tmp_path) == [] and not (tmp_path / "out.csv").exists()

@@ -59,14 +59,18 @@ def test_csv_and_parquet_give_the_same_forest_as_the_row_reader(tmp_path, monkey
 
 
 @pytest.mark.parametrize("suffix", [".csv", ".parquet"])
-def test_training_imports_neither_scikit_learn_nor_pandas(tmp_path, suffix):
-    data = tmp_path / "d.csv"
+def test_training_and_prediction_import_neither_scikit_learn_nor_pandas(tmp_path, suffix):
+    data, model = tmp_path / "d.csv", tmp_path / "m.npz"
     data.write_bytes(HEADER + b"\n".join(rows()) + b"\n")
     data = data if suffix == ".csv" else as_parquet(data, tmp_path / "d.parquet")
     heavy = "{m.split('.')[0] for m in sys.modules} & {'sklearn', 'scipy', 'pandas', 'tqdm', 'matplotlib', 'onnx'}"
-    code = f"import sys; from velmot.cli import main; main(sys.argv[1:]); print(sorted({heavy}))"
-    argv = ["train", data, "--trees", 3, "-o", tmp_path / "m.npz"]
-    result = subprocess.run([sys.executable, "-c", code, *map(str, argv)], capture_output=True, text=True)
+    code = (
+        f"import sys; from velmot.cli import main; [main(a.split('|')) for a in sys.argv[1:]]; print(sorted({heavy}))"
+    )
+    commands = (["train", data, "--trees", 3, "-o", model], ["predict", model, data, "-o", tmp_path / "p.csv"])
+    result = subprocess.run(
+        [sys.executable, "-c", code, *("|".join(map(str, c)) for c in commands)], capture_output=True, text=True
+    )
     assert result.stdout == "[]\n", result.stderr
 
 
