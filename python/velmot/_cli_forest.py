@@ -3,10 +3,11 @@ without the estimator classes: they derive from scikit-learn's, whose
 import alone costs the command about a second and 100 MiB. Training takes
 the estimators' own steps (settings, conversions, the one core call) and
 writes the model file entries their ``save`` writes, so the package loads
-these files and the two give the same forest; loading makes the checks
-``velmot.load`` makes but for the values of the estimator's parameters,
-which prediction does not use. Weights and out-of-bag scores go through
-the package's functions for them, which import scikit-learn when asked for.
+these files and the two give the same forest. Loading checks what
+prediction reads as ``velmot.load`` checks it, and leaves the rest (the
+parameters but the thread count, the node statistics) unread. Weights and
+out-of-bag scores go through the package's functions for them, which
+import scikit-learn when asked for.
 """
 
 from dataclasses import dataclass
