@@ -8,12 +8,11 @@ prepared once (copied, imputed, ranked) and one call learns all of a fit's
 trees with the GIL released; progress and Ctrl-C are handled inside it.
 """
 
+import contextlib
 import secrets
 from numbers import Integral
 
 import numpy as np
-from sklearn.utils import check_random_state
-from tqdm import tqdm
 
 from . import _core
 from ._fork import threads_for_call
@@ -35,6 +34,8 @@ def forest_seed(random_state):
         return secrets.randbits(64)
     if isinstance(random_state, Integral):
         return int(random_state)
+    from sklearn.utils import check_random_state  # off the command line's path: a second to import
+
     return int(check_random_state(random_state).randint(0, 2**32, dtype=np.uint64))
 
 
@@ -79,7 +80,7 @@ def learn_forest(features, labels, *, n_classes, n_trees, settings, random_state
     """Learn n_trees trees in one call: (ForestNodes, importances or None,
     out-of-bag estimates or None)."""
     data = prepare(features, labels, n_classes=n_classes, settings=settings)
-    with tqdm(total=n_trees, unit="tree", desc="Learning trees", disable=verbose <= 0) as progress:
+    with _progress_bar(n_trees, verbose) as progress:
         nodes, rows, out_of_bag = learn_trees(
             data,
             first_tree=0,
@@ -90,6 +91,15 @@ def learn_forest(features, labels, *, n_classes, n_trees, settings, random_state
             sample_weight=sample_weight,
         )
     return nodes, mean_importances(rows), out_of_bag
+
+
+def _progress_bar(n_trees, verbose):
+    """tqdm's bar when verbose, imported only then: its import takes 80 ms."""
+    if verbose <= 0:
+        return contextlib.nullcontext()
+    from tqdm import tqdm
+
+    return tqdm(total=n_trees, unit="tree", desc="Learning trees")
 
 
 def mean_importances(rows):
