@@ -58,9 +58,10 @@ public:
   uint32_t position_mask() const { return mask; }
 
   // Sorts the n keys filled in (the smallest kmin, the largest kmax); false
-  // if every key has one rank. label[i] is position i's label.
+  // if every key has one rank. label[i] is position i's label; may_tie is
+  // false when no two instances share a value of the feature.
   template <class L>
-  bool sort(size_t n, uint32_t kmin, uint32_t kmax, const L* label) {
+  bool sort(size_t n, uint32_t kmin, uint32_t kmax, const L* label, bool may_tie) {
     count = n;
     if ((kmin >> key_shift) == (kmax >> key_shift)) return false;
     if (packed) {
@@ -75,7 +76,7 @@ public:
       sorted_position = rank_sort.sorted_label();
       offset = rank_sort.key_offset();
     }
-    if (has_equal_ranks()) order_equal_ranks_by_label(label);
+    if (may_tie && has_equal_ranks()) order_equal_ranks_by_label(label);
     return true;
   }
 

@@ -368,7 +368,10 @@ private:
       kmin = std::min(kmin, k);
       kmax = std::max(kmax, k);
     }
-    if (!ranked.sort(n, kmin, kmax, node_label)) return false;
+    // A feature with as many ranks as the data set has instances has no
+    // ties to put in label order.
+    const bool may_tie = num_ranks < sample.dataset->get_num_instances();
+    if (!ranked.sort(n, kmin, kmax, node_label, may_tie)) return false;
     sorted_count = n;
     form = ranked_positions;
     return true;
