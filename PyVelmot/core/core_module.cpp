@@ -16,9 +16,11 @@
 //         estimates: see forest_dict)
 //         (criterion "squared_error" for targets, the others for codes)
 //   PreparedForest(forest dict, n_classes)        checked and laid out once
+//         (n_classes 0 for a regression forest)
 //   predict(forest dict or PreparedForest, X, n_classes, n_threads, proba)
 //       -> codes or vote fractions
-//   predict_mean(forest dict, X, n_threads) -> a regression forest's predictions
+//   predict_mean(forest dict or PreparedForest, X, n_threads) -> a regression
+//         forest's predictions
 //   apply(forest dict, X, n_classes, n_threads) -> leaf per sample and tree
 //   decision_path(forest dict, X, n_classes, n_threads) -> (row starts, nodes)
 //         (n_classes 0 for a regression forest)
@@ -233,19 +235,44 @@ py::tuple decision_path(const py::dict& forest, const py::array& samples, int64_
   return py::make_tuple(to_numpy(paths.rows), to_numpy(paths.nodes));
 }
 
-// A forest of node arrays, checked against n_classes and laid out as the
-// predictor walks it: made once, it serves any number of predictions
-// (laying out W1's 100 trees of 12,500 nodes takes 18 ms of CPU, as long
-// as predicting 5,000 instances).
+// A forest of node arrays, checked against n_classes (0: a regression
+// forest) and laid out as the predictor walks it: made once, it serves any
+// number of predictions (laying out W1's 100 trees of 12,500 nodes takes
+// 18 ms of CPU, as long as predicting 5,000 instances).
 struct PreparedForest {
   Velmot::FlatForest trees;
   int64_t num_classes;
 };
 
 PreparedForest prepare_forest(const py::dict& forest, int64_t num_classes) {
-  const PyVelmot::core::HeldForest held = checked_forest(forest, num_classes);
-  py::gil_scoped_release released;
-  return PreparedForest{Velmot::flat_forest_of(held.view), num_classes};
+  PreparedForest prepared{Velmot::FlatForest(), num_classes};
+  auto lay_out = [&prepared](const auto& view) {
+    py::gil_scoped_release released;
+    prepared.trees = Velmot::flat_forest_of(view);
+  };
+  if (num_classes == 0) {
+    const PyVelmot::core::HeldNodeArrays<double> held = PyVelmot::core::forest_arrays_view<double>(forest);
+    Velmot::check_forest_arrays(held.view, 0);
+    lay_out(held.view);
+  } else {
+    lay_out(checked_forest(forest, num_classes).view);
+  }
+  return prepared;
+}
+
+// The PreparedForest passed as `forest`, or one made from its dict of node
+// arrays (held by `made`).
+const PreparedForest& prepared_forest(const py::object& forest, int64_t num_classes,
+                                      std::unique_ptr<PreparedForest>& made) {
+  if (py::isinstance<PreparedForest>(forest)) {
+    const PreparedForest& prepared = forest.cast<const PreparedForest&>();
+    if (prepared.num_classes != num_classes) throw py::value_error("n_classes differs from the prepared forest's");
+    return prepared;
+  }
+  if (!py::isinstance<py::dict>(forest))
+    throw py::type_error("forest must be a dict of node arrays or a PreparedForest");
+  made = std::make_unique<PreparedForest>(prepare_forest(forest.cast<py::dict>(), num_classes));
+  return *made;
 }
 
 // Labels (proba false: int32 codes, ties to the smallest) or vote
@@ -254,18 +281,9 @@ PreparedForest prepare_forest(const py::dict& forest, int64_t num_classes) {
 // forest predictor.
 py::array predict(const py::object& forest, const py::array& samples, int64_t num_classes, int num_threads,
                   bool proba) {
+  if (num_classes < 1) throw py::value_error("n_classes must be in [1, 2147483645]");
   std::unique_ptr<PreparedForest> made;
-  const PreparedForest* prepared = nullptr;
-  if (py::isinstance<PreparedForest>(forest)) {
-    prepared = &forest.cast<const PreparedForest&>();
-    if (prepared->num_classes != num_classes) throw py::value_error("n_classes differs from the prepared forest's");
-  } else {
-    if (!py::isinstance<py::dict>(forest)) {
-      throw py::type_error("forest must be a dict of node arrays or a PreparedForest");
-    }
-    made = std::make_unique<PreparedForest>(prepare_forest(forest.cast<py::dict>(), num_classes));
-    prepared = made.get();
-  }
+  const PreparedForest* prepared = &prepared_forest(forest, num_classes, made);
   PyVelmot::core::require_ndim(samples, "X", 2);
   if (num_threads < 1) throw py::value_error("n_threads must be at least 1");
   const py::ssize_t num_samples = samples.shape(0);
@@ -301,10 +319,11 @@ py::array predict(const py::object& forest, const py::array& samples, int64_t nu
 }
 
 // The predictions of a regression forest of node arrays (float64 leaf
-// values) for X (n_samples, n_features): each the mean of its trees' leaves.
-py::array_t<double> predict_mean(const py::dict& forest, const py::array& samples, int num_threads) {
-  const PyVelmot::core::HeldNodeArrays<double> held = PyVelmot::core::forest_arrays_view<double>(forest);
-  Velmot::check_forest_arrays(held.view, 0);
+// values) or its PreparedForest (n_classes 0) for X (n_samples,
+// n_features): each the mean of its trees' leaves.
+py::array_t<double> predict_mean(const py::object& forest, const py::array& samples, int num_threads) {
+  std::unique_ptr<PreparedForest> made;
+  const PreparedForest& prepared = prepared_forest(forest, 0, made);
   PyVelmot::core::require_ndim(samples, "X", 2);
   if (num_threads < 1) throw py::value_error("n_threads must be at least 1");
   py::array_t<double> out(samples.shape(0));
@@ -318,7 +337,7 @@ py::array_t<double> predict_mean(const py::dict& forest, const py::array& sample
         static_cast<size_t>(samples.strides(1)), 0);
     py::gil_scoped_release released;
     omp_set_num_threads(num_threads);
-    Velmot::predict_means(Velmot::flat_forest_of(held.view), data, means);
+    Velmot::predict_means(prepared.trees, data, means);
   });
   return out;
 }
@@ -358,7 +377,8 @@ PYBIND11_MODULE(_core, m) {
         py::arg("proba"),
         "Class codes (or, with proba, vote fractions) of a forest of node arrays for X (n_samples, n_features).");
   m.def("predict_mean", &predict_mean, py::arg("forest"), py::arg("X"), py::arg("n_threads"),
-        "The mean leaf value of a regression forest of node arrays for each sample of X (n_samples, n_features).");
+        "The mean leaf value of a regression forest (node arrays or a PreparedForest with n_classes 0) for each "
+        "sample of X (n_samples, n_features).");
   m.def("apply", &apply, py::arg("forest"), py::arg("X"), py::arg("n_classes"), py::arg("n_threads"),
         "The leaf (node number within its tree) each sample of X reaches in each tree: (n_samples, n_trees).");
   m.def("decision_path", &decision_path, py::arg("forest"), py::arg("X"), py::arg("n_classes"), py::arg("n_threads"),

@@ -38,7 +38,15 @@ def fit(X, y, config):
 
 
 def predict(model, X):
-    probabilities = model.predict(_columns(X))
+    columns = _columns(X)
+    try:
+        probabilities = model.predict(columns)
+    except ValueError as error:
+        # ydf's fast engine refuses trees as large as full-depth regression
+        # trees grow; its generic engine predicts them.
+        if "too many nodes" not in str(error):
+            raise
+        probabilities = model.predict(columns, use_slow_engine=True)
     if model.task() == ydf.Task.REGRESSION:
         return probabilities
     classes = np.array([int(c) for c in model.label_classes()])

@@ -19,6 +19,7 @@
 #include "velmot/defs/random.h"
 #include "velmot/learn/learn_tree.h"
 #include "velmot/stats/criteria.h"
+#include "velmot/stats/squared_error.h"
 
 namespace {
 
@@ -93,6 +94,31 @@ void expect_repeats_learn_as_copies(const std::pair<Velmot::MemoryDataSet<F, L>,
     EXPECT_EQ(merged.generator_after.x, other.generator_after.x);
     EXPECT_EQ(merged.generator_after.w, other.generator_after.w);
   }
+}
+
+// Squared error adds an instance's copies together, so a sample is compared
+// with itself learnt through the other sorts: ranks from their rows, and
+// values alone, which put tied values in label order without ranks.
+void expect_squared_error_sorts_agree(const std::pair<Velmot::MemoryDataSet<double, double>, std::vector<uint64_t>>& c,
+                                      int fte_per_split) {
+  auto [data, draws] = c;
+  // Labels of many values, so that the order of a sum shows in its last bits.
+  for (size_t i = 0; i < data.labels.size(); ++i) data.labels[i] += 0.001 * static_cast<double>(i % 997);
+  const Velmot::SquaredError criterion;
+  const auto ranked = learn(data, draws, true, false, fte_per_split, criterion);
+  EXPECT_GT(ranked.tree.get_num_nodes(), 3u);
+  for (const auto& other : {learn(data, draws, true, true, fte_per_split, criterion),
+                            learn(data, draws, false, false, fte_per_split, criterion)}) {
+    EXPECT_TRUE(VelmotTest::same_tree(ranked.tree, other.tree));
+    EXPECT_EQ(ranked.importances, other.importances);
+  }
+}
+
+TEST(RepeatedInstances, SquaredErrorLearnsAlikeFromEverySort) {
+  // Ranks and positions in one key; in two arrays where a node's positions
+  // and the feature's ranks need more than 32 bits together.
+  expect_squared_error_sorts_agree(make_case<double, double>(1500, 4, 900, 1500, 11), 2);
+  expect_squared_error_sorts_agree(make_case<double, double>(150000, 2, 150000, 150000, 12), 1);
 }
 
 TEST(RepeatedInstances, EveryPathLearnsAsCopies) {

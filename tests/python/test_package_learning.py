@@ -119,6 +119,8 @@ def test_a_damaged_core_call_says_what_is_wrong(data):
         _core.predict({**forest, "left": np.zeros_like(forest["left"])}, X, 3, 1, False)
     with pytest.raises(ValueError, match="n_classes differs from the prepared forest's"):
         _core.predict(_core.PreparedForest(forest, 3), X, 4, 1, False)
+    with pytest.raises(ValueError, match="n_classes differs from the prepared forest's"):
+        _core.predict_mean(_core.PreparedForest(forest, 3), X, 1)
 
 
 def test_ctrl_c_stops_a_fit_leaving_the_estimator_unfitted():

@@ -23,8 +23,9 @@
 //   PackedRankSort, or only counted into cells (one per (rank, label)) when
 //   the node's ranks span no more cells than it has positions;
 // - packed_values: the same for byte features, the value serving as rank;
-// - ranks_and_labels: a ranked feature with real labels (which do not pack):
-//   ranks and labels in two arrays, a copy per instance, sorted by RankSort;
+// - ranked_positions: a ranked feature with real labels (which do not
+//   pack): each position's rank sorted with the position, its label and
+//   weight read through it (dataset/ranked_positions.h);
 // - in_buffer: any other feature: (value, label) pairs, a copy per
 //   instance, sorted by FlexiSort (defs/sort.h).
 // Every form leaves the elements ascending by value and, within equal
@@ -49,6 +50,7 @@
 
 #include "velmot/dataset/feature_ranks.h"
 #include "velmot/dataset/node_sample.h"
+#include "velmot/dataset/ranked_positions.h"
 #include "velmot/defs/sort.h"
 
 namespace Velmot {
@@ -147,7 +149,7 @@ public:
   typedef typename D::label_type L;
   typedef IndexedDataSet<D> Sample;
   typedef std::pair<F, L> pair_type;
-  enum Form { in_buffer, ranks_and_labels, packed_ranks, packed_values };
+  enum Form { in_buffer, ranked_positions, packed_ranks, packed_values };
 
   // With count_dense_keys, packed keys that span fewer cells than there are
   // keys are counted instead of sorted (CountedCells).
@@ -230,19 +232,22 @@ public:
                         [key, weight_mask, unit](size_t i) { return (key[i] & weight_mask) + unit; }),
                     point_of);
     }
-    if (form == ranks_and_labels) {
-      const uint32_t offset = rank_sort.key_offset();
-      const uint32_t* rank = rank_sort.sorted_key();
-      const L* label = rank_sort.sorted_label();
-      return search(
-          sorted_keys<L>(
-              sorted_count, [rank](size_t i) { return rank[i]; }, [label](size_t i) { return label[i]; }, UnitWeight()),
-          [offset](uint32_t key) {
-            SortedPoint<F> point;
-            point.ranked = true;
-            point.rank = key + offset;
-            return point;
-          });
+    if (form == ranked_positions) {
+      const uint32_t offset = ranked.rank_offset();
+      auto point_of = [offset](uint32_t key) {
+        SortedPoint<F> point;
+        point.ranked = true;
+        point.rank = key + offset;
+        return point;
+      };
+      const L* label = node_label;
+      const uint32_t* weight = node_weight;
+      return ranked.visit([&](auto key_at, auto position_at) {
+        return search(sorted_keys<L>(
+                          sorted_count, key_at, [label, position_at](size_t i) { return label[position_at(i)]; },
+                          [weight, position_at](size_t i) { return weight[position_at(i)]; }),
+                      point_of);
+      });
     }
     const pair_type* pair = pairs.data();
     return search(sorted_keys<L>(
@@ -336,37 +341,60 @@ private:
     return true;
   }
 
-  // (rank, label) of a ranked feature with real labels, a copy per
-  // instance. False for a constant feature.
+  // (rank, position) of a ranked feature with real labels, each distinct
+  // instance once. False for a constant feature.
   bool gather_and_sort_ranks(const Sample& sample, size_t feature_index, size_t begin, size_t n) {
-    return ranks->visit_ranks(feature_index,
-                              [&](const auto* rank_of) { return gather_and_sort_ranks(sample, rank_of, begin, n); });
+    follow_positions(sample, begin, n);
+    const size_t num_ranks = ranks->num_ranks(feature_index);
+    if (ranks->rows_serve(n)) {
+      return gather_and_sort_ranks(sample, ranks->row_ranks(feature_index), begin, n, num_ranks, ranks->row_stride());
+    }
+    return ranks->visit_ranks(feature_index, [&](const auto* column) {
+      return gather_and_sort_ranks(sample, column, begin, n, num_ranks, 1);
+    });
   }
   template <class Rank>
-  bool gather_and_sort_ranks(const Sample& sample, const Rank* rank_of, size_t begin, size_t n) {
-    const size_t copies = sample.weight_of(begin, begin + n);
-    rank_sort.prepare(copies);
-    uint32_t* key = rank_sort.key.data();
-    L* label = rank_sort.label.data();
+  bool gather_and_sort_ranks(const Sample& sample, const Rank* rank_of, size_t begin, size_t n, size_t num_ranks,
+                             size_t stride) {
+    uint32_t* key = ranked.prepare(n, num_ranks);
+    const int shift = ranked.shift();
+    const uint32_t mask = ranked.position_mask();
     const uint64_t* position = sample.indices.data() + begin;
-    uint32_t rmin = rank_of[position[0]], rmax = rmin;
-    size_t out = 0;
+    uint32_t kmin = std::numeric_limits<uint32_t>::max(), kmax = 0;
     for (size_t i = 0; i < n; ++i) {
-      if (i + prefetch_distance < n) __builtin_prefetch(rank_of + position[i + prefetch_distance]);
-      const uint32_t r = rank_of[position[i]];
-      const L l = sample.get_label(begin + i);
-      for (uint32_t c = sample.get_weight(begin + i); c > 0; --c, ++out) {
-        key[out] = r;
-        label[out] = l;
-      }
-      rmin = std::min(rmin, r);
-      rmax = std::max(rmax, r);
+      if (i + prefetch_distance < n) __builtin_prefetch(rank_of + position[i + prefetch_distance] * stride);
+      const uint32_t k =
+          (static_cast<uint32_t>(rank_of[position[i] * stride]) << shift) | (static_cast<uint32_t>(i) & mask);
+      key[i] = k;
+      kmin = std::min(kmin, k);
+      kmax = std::max(kmax, k);
     }
-    if (rmin == rmax) return false;
-    rank_sort.sort(copies, rmin, rmax);
-    sorted_count = copies;
-    form = ranks_and_labels;
+    // A feature with as many ranks as the data set has instances has no
+    // ties to put in label order.
+    const bool may_tie = num_ranks < sample.dataset->get_num_instances();
+    if (!ranked.sort(n, kmin, kmax, node_label, may_tie)) return false;
+    sorted_count = n;
+    form = ranked_positions;
     return true;
+  }
+
+  // Points node_label and node_weight at the labels and weights of the
+  // positions [begin, begin + n), copied out where the sample does not
+  // carry them per position.
+  void follow_positions(const Sample& sample, size_t begin, size_t n) {
+    if (sample.labels_follow) {
+      node_label = sample.position_labels.data() + begin;
+    } else {
+      label_copy.resize(n);
+      for (size_t i = 0; i < n; ++i) label_copy[i] = sample.get_label(begin + i);
+      node_label = label_copy.data();
+    }
+    if (!sample.position_weights.empty()) {
+      node_weight = sample.position_weights.data() + begin;
+    } else {
+      weight_copy.assign(n, 1u);
+      node_weight = weight_copy.data();
+    }
   }
 
   // (value, label) pairs, a copy per instance, sorted by value then label.
@@ -391,7 +419,11 @@ private:
   const D* data = nullptr;  // the sample's, whose columns hold the ranks' values
   std::vector<pair_type> pairs;
   FlexiSort<F, L> flexi_sort;
-  RankSort<F, L> rank_sort;
+  RankedPositions ranked;
+  const L* node_label = nullptr;
+  const uint32_t* node_weight = nullptr;
+  std::vector<L> label_copy;
+  std::vector<uint32_t> weight_copy;
   PackedRankSort packed_sort;
   int label_bits = 0;
   // Low bits of a packed key that hold its position's weight (with weights).
