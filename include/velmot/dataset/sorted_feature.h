@@ -315,18 +315,29 @@ private:
     const int weights = weight_bits;
     uint32_t kmin = std::numeric_limits<uint32_t>::max(), kmax = 0;
     const bool far_prefetch = sample.dataset->get_num_instances() * sizeof(Rank) > far_prefetch_column_bytes;
+    // The loop is split where the prefetches run out, so that no key pays
+    // for a test of its own.
     auto gather = [&](auto key_of) {
-      for (size_t i = 0; i < n; ++i) {
-        if (far_prefetch && i + far_prefetch_distance < n) {
-          __builtin_prefetch(rank_of + position[i + far_prefetch_distance] * stride, 0, 1);
-        }
-        if (i + prefetch_distance < n) __builtin_prefetch(rank_of + position[i + prefetch_distance] * stride);
+      auto take = [&](size_t i) {
         const uint32_t k = key_of(i, (static_cast<uint32_t>(rank_of[position[i] * stride]) << shift) |
                                          static_cast<uint32_t>(sample.get_label(begin + i) + 1));
         key[i] = k;
         kmin = std::min(kmin, k);
         kmax = std::max(kmax, k);
+      };
+      size_t i = 0;
+      if (far_prefetch) {
+        for (; i + far_prefetch_distance < n; ++i) {
+          __builtin_prefetch(rank_of + position[i + far_prefetch_distance] * stride, 0, 1);
+          __builtin_prefetch(rank_of + position[i + prefetch_distance] * stride);
+          take(i);
+        }
       }
+      for (; i + prefetch_distance < n; ++i) {
+        __builtin_prefetch(rank_of + position[i + prefetch_distance] * stride);
+        take(i);
+      }
+      for (; i < n; ++i) take(i);
     };
     if (weight == nullptr) {
       gather([](size_t, uint32_t rank_and_label) { return rank_and_label; });
