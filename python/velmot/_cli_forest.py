@@ -154,11 +154,9 @@ def save(forest, path, extra):
     """Write the model file the estimator's save() writes, with the entries
     of ``extra`` (name -> array) beside its own."""
     nodes = forest.nodes
-    # Every tree's five rows side by side: the trees_ arrays, concatenated.
-    rows = np.array([nodes.left, nodes.right, nodes.feature, nodes.threshold, nodes.value], dtype=np.float64)
     arrays = {
         **({} if forest.classes_ is None else {"classes": forest.classes_}),
-        "nodes": rows,
+        "nodes": nodes.encoded(),
         "tree_sizes": np.diff(nodes.offsets),
         "node_counts": nodes.count,
         "node_impurities": nodes.impurity,
