@@ -3,7 +3,10 @@
 // package checks parameters before calling; this layer checks only what
 // it needs to stay memory-safe and says what is wrong.
 //
-//   TrainingData(X, y, n_classes, n_threads)      X: (n_features, n_samples);
+//   TrainingData(X, y, n_classes, n_threads, in_place=True)
+//                                                 X: (n_features, n_samples),
+//                                                 read in place (with in_place)
+//                                                 if C-contiguous without NaN;
 //                                                 y: int32 codes, or float64
 //                                                 targets with n_classes 0
 //   learn(data, criterion, seed, first_tree, last_tree, sample_prop,
@@ -56,12 +59,14 @@ using PyVelmot::core::TrainingData;
 
 namespace {
 
+// A numpy array that takes the vector's storage over, without a copy: the
+// array owns the vector through a capsule (values is left empty).
 template <class T>
 py::array_t<T> to_numpy(std::vector<T>& values) {
-  py::array_t<T> array(static_cast<py::ssize_t>(values.size()));
-  std::copy(values.begin(), values.end(), array.mutable_data());
-  std::vector<T>().swap(values);
-  return array;
+  auto owned = std::make_unique<std::vector<T>>(std::move(values));
+  const py::capsule owner(owned.get(), [](void* vector) { delete static_cast<std::vector<T>*>(vector); });
+  const std::vector<T>& vector = *owned.release();
+  return py::array_t<T>(static_cast<py::ssize_t>(vector.size()), vector.data(), owner);
 }
 
 // Learns with Criterion when the data's labels are L (int codes for the
@@ -352,8 +357,8 @@ PYBIND11_MODULE(_core, m) {
     }
   });
   py::class_<TrainingData>(m, "TrainingData")
-      .def(py::init<const py::array&, const py::array&, int64_t, int>(), py::arg("X"), py::arg("y"),
-           py::arg("n_classes"), py::arg("n_threads"))
+      .def(py::init<const py::array&, const py::array&, int64_t, int, bool>(), py::arg("X"), py::arg("y"),
+           py::arg("n_classes"), py::arg("n_threads"), py::arg("in_place") = true)
       .def_property_readonly("n_features", &TrainingData::num_features)
       .def_property_readonly("n_samples", &TrainingData::num_samples)
       .def_property_readonly("n_classes", &TrainingData::num_classes);

@@ -1,5 +1,6 @@
 #include "training_data.h"
 
+#include <cstdint>
 #include <string>
 
 #include "array_checks.h"
@@ -8,7 +9,8 @@
 
 namespace PyVelmot::core {
 
-TrainingData::TrainingData(const py::array& features, const py::array& labels, int64_t num_classes, int num_threads) {
+TrainingData::TrainingData(const py::array& features, const py::array& labels, int64_t num_classes, int num_threads,
+                           bool in_place) {
   require_ndim(features, "X", 2);
   const bool targets = num_classes == 0;
   if (labels.shape(0) != features.shape(1)) {
@@ -23,14 +25,14 @@ TrainingData::TrainingData(const py::array& features, const py::array& labels, i
   num_samples_ = static_cast<size_t>(features.shape(1));
   num_classes_ = static_cast<size_t>(num_classes);
   if (targets) {
-    prepare(features, vector_of<double>(labels, "y"), num_threads);
+    prepare(features, vector_of<double>(labels, "y"), num_threads, in_place);
   } else {
-    prepare(features, vector_of<int32_t>(labels, "y"), num_threads);
+    prepare(features, vector_of<int32_t>(labels, "y"), num_threads, in_place);
   }
 }
 
 template <class L>
-void TrainingData::prepare(const py::array& features, const L* labels, int num_threads) {
+void TrainingData::prepare(const py::array& features, const L* labels, int num_threads, bool in_place) {
   with_feature_type(features, "X", [&](auto type) {
     typedef decltype(type) F;
     auto set = std::make_shared<Velmot::TrainingSet<F, L>>();
@@ -43,12 +45,24 @@ void TrainingData::prepare(const py::array& features, const L* labels, int num_t
     // process holds a core and a team thread waits for a time slice.
     constexpr size_t one_thread_cells = size_t(1) << 18;
     const int threads = num_samples_ * num_features_ < one_thread_cells ? 1 : num_threads;
+    // A C-contiguous (n_features, n_samples) matrix is the library's own
+    // layout: read in place unless it holds NaN to impute.
+    const bool readable = in_place && (features.flags() & py::array::c_style) != 0 &&
+                          reinterpret_cast<uintptr_t>(features.data()) % alignof(F) == 0;
+    bool viewed = false;
     run_released(
         [&]() {
           omp_set_num_threads(threads);
-          Velmot::prepare_training_set(*set, native);
+          const F* columns = static_cast<const F*>(features.data());
+          viewed = readable && Velmot::can_learn_in_place(columns, num_samples_ * num_features_);
+          if (viewed) {
+            Velmot::prepare_training_set_in_place(*set, native, columns);
+          } else {
+            Velmot::prepare_training_set(*set, native);
+          }
         },
         no_progress, py::none());
+    if (viewed) viewed_features_ = features;
     set_ = set;
   });
 }

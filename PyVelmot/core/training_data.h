@@ -23,8 +23,10 @@ class TrainingData {
 public:
   // features: (n_features, n_samples), any strides; labels: int32 codes in
   // [0, n_classes), or float64 targets with n_classes 0. Preparation runs
-  // with the GIL released on n_threads.
-  TrainingData(const py::array& features, const py::array& labels, int64_t num_classes, int num_threads);
+  // with the GIL released on n_threads. With in_place, a C-contiguous
+  // matrix without NaN is read in place, not copied, and kept alive as long
+  // as the TrainingData: the caller must not change it meanwhile.
+  TrainingData(const py::array& features, const py::array& labels, int64_t num_classes, int num_threads, bool in_place);
 
   size_t num_features() const { return num_features_; }
   size_t num_samples() const { return num_samples_; }
@@ -38,7 +40,7 @@ public:
 
 private:
   template <class L>
-  void prepare(const py::array& features, const L* labels, int num_threads);
+  void prepare(const py::array& features, const L* labels, int num_threads, bool in_place);
 
   // Class codes first, then real targets.
   std::variant<std::shared_ptr<Velmot::TrainingSet<int>>, std::shared_ptr<Velmot::TrainingSet<double>>,
@@ -47,6 +49,8 @@ private:
                std::shared_ptr<Velmot::TrainingSet<float, double>>,
                std::shared_ptr<Velmot::TrainingSet<unsigned char, double>>>
       set_;
+  // The caller's matrix, where the set reads it in place (else None).
+  py::object viewed_features_;
   size_t num_features_ = 0;
   size_t num_samples_ = 0;
   size_t num_classes_ = 0;

@@ -4,6 +4,15 @@ The module reads four element types (letters ``i``, ``d``, ``s``, ``b``) and
 takes matrices feature-major, with any strides. Everything here exists so that
 a matrix that already fits is handed over as a transposed view, never copied,
 and so that every other matrix is converted by one fixed, documented rule.
+
+The layout a fit learns from: each feature's values contiguous, features one
+after another, in one of the four element types, without NaN; in numpy terms
+an (n_samples, n_features) matrix in Fortran order
+(``np.empty((n_samples, n_features), dtype, order="F")``), whose transposed
+view is C-contiguous. Such a matrix is learnt from in place; any other is
+copied once into that layout by the core (NaN imputed in the copy) before
+it is ranked. A reader that fills a matrix column by column should allocate
+it that way.
 """
 
 import numpy as np

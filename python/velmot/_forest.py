@@ -94,11 +94,13 @@ class ForestEstimator(ExportExplainMixin, BaseEstimator):
         ----------
         X : array-like of shape (n_samples, n_features)
             Training samples. int32, float64, float32 and uint8 matrices are
-            used in place, without a copy; bool is viewed as uint8; other
-            integer types become int32 (float64 if a value does not fit),
-            float16 becomes float32 and other numbers float64. Asking for
-            every feature at each node (``max_features`` reaching
-            ``n_features``) costs one feature-major copy of X.
+            used as they are; bool is viewed as uint8; other integer types
+            become int32 (float64 if a value does not fit), float16 becomes
+            float32 and other numbers float64. The fit learns from a
+            Fortran-ordered matrix without NaN in place, and from a copy of
+            any other; asking for every feature at each node
+            (``max_features`` reaching ``n_features``) costs that copy in
+            any case.
         y : array-like of shape (n_samples,)
             Targets: class labels of any type (numbers, strings, bools) for a
             classifier, real values for a regressor.
@@ -146,9 +148,22 @@ class ForestEstimator(ExportExplainMixin, BaseEstimator):
         n_features = self.n_features_in_
         self._set_task_fitted(targets)
         self.nodes_ = nodes
-        self.trees_ = nodes.tree_arrays()
         self.feature_importances_ = np.zeros(n_features) if importances is None else np.array(importances[:n_features])
         self._missing_value_fill_ = missing_value_fill
+
+    @property
+    def trees_(self):
+        """The trees in the five-row float64 encoding, made from ``nodes_``
+        at each read: a fitted forest holds its nodes once."""
+        return self.nodes_.tree_arrays()
+
+    def __setstate__(self, state):
+        # Pickles of earlier versions hold the trees as ``trees_``, beside
+        # ``nodes_`` or alone.
+        trees = state.pop("trees_", None)
+        if trees is not None and "nodes_" not in state:
+            state["nodes_"] = self._NODES.from_tree_arrays(trees)
+        super().__setstate__(state)
 
     def apply(self, X):
         """The leaf each sample reaches in each tree.
@@ -251,8 +266,8 @@ class ForestEstimator(ExportExplainMixin, BaseEstimator):
         check_is_fitted(self)
         arrays = {
             **self._task_arrays(),
-            "nodes": np.concatenate(self.trees_, axis=1),
-            "tree_sizes": np.array([tree.shape[1] for tree in self.trees_], dtype=np.int64),
+            "nodes": self.nodes_.encoded(),
+            "tree_sizes": np.diff(self.nodes_.offsets),
             "node_counts": self.nodes_.count,
             "node_impurities": self.nodes_.impurity,
             "feature_importances": np.asarray(self.feature_importances_, dtype=np.float64),
@@ -419,7 +434,8 @@ class RandomForestClassifier(ClassifierMixin, ForestEstimator):
         The trees as float64 arrays, one column per node in breadth-first
         order; rows: left child, right child (-1 for none), feature index,
         threshold, label (an index into ``classes_``). A sample goes left when
-        its feature value is below the threshold.
+        its feature value is below the threshold. Made from ``nodes_`` at
+        each read (keep the list rather than reading it tree by tree).
     oob_score_ : float
         The out-of-bag score (with ``oob_score``), over the samples that
         were out of bag for at least one tree.

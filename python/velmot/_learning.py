@@ -8,12 +8,11 @@ prepared once (copied, imputed, ranked) and one call learns all of a fit's
 trees with the GIL released; progress and Ctrl-C are handled inside it.
 """
 
+import contextlib
 import secrets
 from numbers import Integral
 
 import numpy as np
-from sklearn.utils import check_random_state
-from tqdm import tqdm
 
 from . import _core
 from ._fork import threads_for_call
@@ -35,16 +34,20 @@ def forest_seed(random_state):
         return secrets.randbits(64)
     if isinstance(random_state, Integral):
         return int(random_state)
+    from sklearn.utils import check_random_state  # off the command line's path: a second to import
+
     return int(check_random_state(random_state).randint(0, 2**32, dtype=np.uint64))
 
 
-def prepare(features, labels, *, n_classes, settings):
+def prepare(features, labels, *, n_classes, settings, in_place=True):
     """The training set prepared once for any number of learning calls.
 
     ``features`` is feature-major in one of the four element types,
     ``labels`` int32 codes below n_classes, or float64 targets with
-    n_classes 0."""
-    return _core.TrainingData(features, labels, n_classes, threads_for_call(settings.n_threads))
+    n_classes 0. With ``in_place``, features already in the layout the
+    core learns from (``_features``) are read where they are, not copied,
+    and stay referenced by the prepared set."""
+    return _core.TrainingData(features, labels, n_classes, threads_for_call(settings.n_threads), in_place)
 
 
 def learn_trees(data, *, first_tree, last_tree, seed, settings, on_progress=None, sample_weight=None):
@@ -77,7 +80,7 @@ def learn_forest(features, labels, *, n_classes, n_trees, settings, random_state
     """Learn n_trees trees in one call: (ForestNodes, importances or None,
     out-of-bag estimates or None)."""
     data = prepare(features, labels, n_classes=n_classes, settings=settings)
-    with tqdm(total=n_trees, unit="tree", desc="Learning trees", disable=verbose <= 0) as progress:
+    with _progress_bar(n_trees, verbose) as progress:
         nodes, rows, out_of_bag = learn_trees(
             data,
             first_tree=0,
@@ -88,6 +91,15 @@ def learn_forest(features, labels, *, n_classes, n_trees, settings, random_state
             sample_weight=sample_weight,
         )
     return nodes, mean_importances(rows), out_of_bag
+
+
+def _progress_bar(n_trees, verbose):
+    """tqdm's bar when verbose, imported only then: its import takes 80 ms."""
+    if verbose <= 0:
+        return contextlib.nullcontext()
+    from tqdm import tqdm
+
+    return tqdm(total=n_trees, unit="tree", desc="Learning trees")
 
 
 def mean_importances(rows):

@@ -72,14 +72,23 @@ class ForestNodes:
             _PREPARED[self] = prepared
         return prepared
 
+    def _rows(self):
+        return (self.left, self.right, self.feature, self.threshold, self.value)
+
     def tree_arrays(self):
         """The trees in the five-row float64 encoding of ``trees_``.
 
         Each tree is converted on its own: a forest-wide (5, n_nodes) copy
-        first would add twice the trees' size to a fit's peak memory."""
-        rows = (self.left, self.right, self.feature, self.threshold, self.value)
+        first would add twice the trees' size to the memory it takes."""
         bounds = zip(self.offsets[:-1], self.offsets[1:])
-        return [np.array([row[begin:end] for row in rows], dtype=np.float64) for begin, end in bounds]
+        return [np.array([row[begin:end] for row in self._rows()], dtype=np.float64) for begin, end in bounds]
+
+    def encoded(self):
+        """Every tree's five-row encoding side by side: (5, n_nodes) float64."""
+        encoded = np.empty((5, len(self.left)))
+        for out, row in zip(encoded, self._rows()):
+            out[:] = row
+        return encoded
 
     @classmethod
     def from_tree_arrays(cls, trees):

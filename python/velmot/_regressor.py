@@ -77,7 +77,8 @@ class RandomForestRegressor(RegressorMixin, ForestEstimator):
         no tree split at all.
     trees_ : list of ndarray of shape (5, n_nodes)
         The trees as float64 arrays, rows as for the classifier, except that
-        a leaf's last row holds its mean target (-2 at a split).
+        a leaf's last row holds its mean target (-2 at a split); made from
+        ``nodes_`` at each read.
     oob_score_ : float
         With ``oob_score``: the out-of-bag score, over the samples out of
         bag for at least one tree.

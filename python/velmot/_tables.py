@@ -30,14 +30,17 @@ PARQUET_SUFFIXES = (".parquet", ".pq")
 # Bytes of CSV text per record batch when predicting: each batch is one
 # numpy matrix, so this bounds the memory prediction needs.
 _BATCH_BYTES = 1 << 22
-_NATIVE_TYPES = ("double", "float", "int32", "uint8")
+_NATIVE_TYPES = {"double": np.float64, "float": np.float32, "int32": np.int32, "uint8": np.uint8}
 
 
 def _use_system_allocator():
     """Makes the C library's allocator pyarrow's default: pyarrow's own pool
     keeps a table's pages after the table is freed, and they would stay
     resident through the whole fit. (The command line is the only user of
-    pyarrow in its process.)"""
+    pyarrow in its process.) The variable reaches the pool that pyarrow's
+    C++ code takes by itself, as the Parquet reader does (100 MiB kept on
+    the 76 MiB matrix of bench/cli_reading.py), if set before its first use."""
+    os.environ.setdefault("ARROW_DEFAULT_MEMORY_POOL", "system")
     import pyarrow as pa
 
     pa.set_memory_pool(pa.system_memory_pool())
@@ -92,7 +95,7 @@ class CsvTable:
                 raise _Unsure
             features = np.empty((table.num_rows, len(feature_columns)), order="F")
             for k, c in enumerate(feature_columns):
-                features[:, k] = _checked_floats(table.column(_column_name(c)))
+                _checked_floats(features[:, k], table.column(_column_name(c)))
             _check_fields(table, feature_columns)
             classes, inverse = _class_texts(table.column(_column_name(class_column)))
             if "" in classes:
@@ -125,7 +128,7 @@ class CsvTable:
                 _check_fields(batch, feature_columns)
                 features = np.empty((batch.num_rows, len(feature_columns)))
                 for k, c in enumerate(feature_columns):
-                    features[:, k] = _checked_floats(batch.column(_column_name(c)))
+                    _checked_floats(features[:, k], batch.column(_column_name(c)))
                 for start in range(0, len(features), rows_per_batch):
                     yield features[start : start + rows_per_batch]
                 done += len(features)
@@ -170,14 +173,35 @@ class CsvTable:
         self.close()
 
 
-def _checked_floats(column):
-    """The column as float64, missing values NaN; _Unsure where pyarrow read
-    a NaN it was not told to (the row reader refuses some spellings of it)
-    or an infinite value (refused, with its line)."""
-    values = column.to_numpy(zero_copy_only=False)
-    if np.count_nonzero(~np.isfinite(values)) != column.null_count:
+def _checked_floats(out, column):
+    """Writes the column into out, missing values NaN; _Unsure where pyarrow
+    read a NaN it was not told to (the row reader refuses some spellings of
+    it) or an infinite value (refused, with its line)."""
+    _write_numbers(out, column)
+    if np.count_nonzero(~np.isfinite(out)) != column.null_count:
         raise _Unsure
-    return values
+
+
+def _write_numbers(out, column):
+    """Writes a pyarrow array of numbers or bools into the numpy vector out,
+    converted to out's type as numpy converts (NaN for nulls, which only a
+    floating out can hold). pyarrow's own to_numpy would import pandas: a
+    quarter of a second and 30 MiB of the command line's start."""
+    import pyarrow as pa
+
+    kind = pa.from_numpy_dtype(out.dtype)
+    start = 0
+    for chunk in getattr(column, "chunks", [column]):
+        if not len(chunk):
+            continue
+        chunk = chunk if chunk.type == kind else chunk.cast(kind, safe=False)
+        end = start + len(chunk)
+        validity, data = chunk.buffers()
+        out[start:end] = np.frombuffer(data, out.dtype, count=len(chunk), offset=chunk.offset * out.itemsize)
+        if chunk.null_count:
+            bits = np.unpackbits(np.frombuffer(validity, np.uint8), count=chunk.offset + len(chunk), bitorder="little")
+            out[start:end][bits[chunk.offset :] == 0] = np.nan
+        start = end
 
 
 def _check_fields(table, feature_columns):
@@ -196,7 +220,8 @@ def _class_texts(column):
     import pyarrow.compute as pc
 
     distinct = pc.unique(column)
-    codes = np.asarray(pc.index_in(column, value_set=distinct))
+    codes = np.empty(len(column), dtype=np.int32)
+    _write_numbers(codes, pc.index_in(column, value_set=distinct))
     texts = [text.strip() for text in distinct.to_pylist()]
     return texts, codes
 
@@ -206,11 +231,10 @@ class ParquetTable:
 
     def __init__(self, path):
         import pyarrow as pa
-        import pyarrow.dataset as ds
 
         self.path = path
         try:
-            self._data = ds.dataset(path, format="parquet")
+            self._data = _ParquetFolder(path) if os.path.isdir(path) else _ParquetFile(path)
         except (pa.ArrowException, OSError) as error:
             raise ValueError(f"{path}: not a Parquet file or folder of them ({error})") from None
         self._names = self._data.schema.names
@@ -237,7 +261,7 @@ class ParquetTable:
         import pyarrow as pa
 
         try:
-            return self._data.to_table(columns=[self._names[c] for c in columns])
+            return self._data.table([self._names[c] for c in columns])
         except pa.ArrowException as error:
             raise ValueError(f"{self.path}: {error}") from None
 
@@ -251,13 +275,13 @@ class ParquetTable:
         kinds = {str(table.schema.field(k).type) for k in range(len(feature_columns))}
         native = len(kinds) == 1 and kinds <= set(_NATIVE_TYPES)
         dtype = (
-            table.column(0).type.to_pandas_dtype()
+            _NATIVE_TYPES[kinds.pop()]
             if native and all(table.column(k).null_count == 0 for k in range(len(feature_columns)))
             else np.float64
         )
         features = np.empty((table.num_rows, len(feature_columns)), dtype=dtype, order="F")
         for k, c in enumerate(feature_columns):
-            features[:, k] = self._numbers(table.column(k), c, 0)
+            self._numbers(features[:, k], table.column(k), c, 0)
         classes = table.column(len(feature_columns))
         if classes.null_count:
             row = int(np.flatnonzero(np.asarray(pc.is_null(classes)))[0])
@@ -277,30 +301,70 @@ class ParquetTable:
         done = 0
         try:
             columns = [self._names[c] for c in feature_columns]
-            for batch in self._data.to_batches(columns=columns):
+            for batch in self._data.batches(columns):
                 features = np.empty((batch.num_rows, len(feature_columns)))
                 for k, c in enumerate(feature_columns):
-                    features[:, k] = self._numbers(batch.column(k), c, done)
+                    self._numbers(features[:, k], batch.column(k), c, done)
                 for start in range(0, len(features), rows_per_batch):
                     yield features[start : start + rows_per_batch]
                 done += len(features)
         except pa.ArrowException as error:
             raise ValueError(f"{self.path}: {error}") from None
 
-    def _numbers(self, column, c, first_row):
-        values = column.to_numpy(zero_copy_only=False)
-        if values.dtype.kind == "f":
-            infinite = np.flatnonzero(np.isinf(values))
+    def _numbers(self, out, column, c, first_row):
+        """Writes the column into out; ValueError naming the first row of
+        an infinite value."""
+        _write_numbers(out, column)
+        if out.dtype.kind == "f":
+            infinite = np.flatnonzero(np.isinf(out))
             if len(infinite):
                 row = first_row + int(infinite[0]) + 1
                 raise ValueError(f"{self.path} row {row}, column {c}: infinite values are not allowed")
-        return values
 
     def close(self):
-        pass
+        self._data.close()
 
     def __enter__(self):
         return self
 
     def __exit__(self, *exc):
         self.close()
+
+
+class _ParquetFile:
+    """One Parquet file, read through pyarrow.parquet: pyarrow.dataset's
+    import loads pandas, a quarter of a second of the command's start."""
+
+    def __init__(self, path):
+        import pyarrow.parquet as pq
+
+        self._file = pq.ParquetFile(path)
+        self.schema = self._file.schema_arrow
+
+    def table(self, names):
+        return self._file.read(columns=names)
+
+    def batches(self, names):
+        return self._file.iter_batches(columns=names)
+
+    def close(self):
+        self._file.close()
+
+
+class _ParquetFolder:
+    """A folder of Parquet files, read as one table through pyarrow.dataset."""
+
+    def __init__(self, path):
+        import pyarrow.dataset as ds
+
+        self._data = ds.dataset(path, format="parquet")
+        self.schema = self._data.schema
+
+    def table(self, names):
+        return self._data.to_table(columns=names)
+
+    def batches(self, names):
+        return self._data.to_batches(columns=names)
+
+    def close(self):
+        pass

@@ -36,6 +36,7 @@ import threading
 import numpy as np
 
 from ._description import read_layout
+from ._settings import MAX_INT32, POOL_SIZE
 
 EXIT_FAILURE = 2
 PREDICT_CHUNK_ROWS = 10_000
@@ -123,43 +124,45 @@ _CLASS_COLUMN_KEY = "command_line_class_column"
 _ZIP_SIGNATURE = b"PK"
 
 
-def _save_model(model, path, feature_names, class_names, class_column_name):
-    from ._persistence import save_forest
-
-    codes = getattr(model, "classes_", ())  # a regressor has no classes
-    save_forest(
-        model,
-        path,
-        extra={
-            _FEATURE_NAMES_KEY: np.array(feature_names, dtype=str),
-            _CLASS_NAMES_KEY: np.array([class_names[int(code)] for code in codes], dtype=str),
-            _CLASS_COLUMN_KEY: np.array(class_column_name, dtype=str),
-        },
-    )
+def _model_entries(feature_names, class_names, class_column_name, codes):
+    return {
+        _FEATURE_NAMES_KEY: np.array(feature_names, dtype=str),
+        _CLASS_NAMES_KEY: np.array([class_names[int(code)] for code in codes], dtype=str),
+        _CLASS_COLUMN_KEY: np.array(class_column_name, dtype=str),
+    }
 
 
-def _load_model(path):
-    """(model, feature names, {class code: name}, class column name)."""
-    from ._persistence import load_forest
+def _class_codes(model):
+    """The class codes of an estimator or LearntForest; none for real targets."""
+    codes = getattr(model, "classes_", None)
+    return () if codes is None else codes
 
+
+def _load_model(path, predicting=False):
+    """(model, feature names, {class code: name}, class column name); for
+    predicting, a forest that loads without the estimator classes."""
     if not os.path.isfile(path):
         raise CommandError(f"model file not found: {path}")
     with open(path, "rb") as file:
         if file.read(len(_ZIP_SIGNATURE)) != _ZIP_SIGNATURE:
             raise CommandError(f"{path} is not a model file (velmot train writes them)")
+    if predicting:
+        from ._cli_forest import load as load_forest
+    else:
+        from ._persistence import load_forest
     try:
-        model, extra = load_forest(path, extra=(_FEATURE_NAMES_KEY, _CLASS_NAMES_KEY, _CLASS_COLUMN_KEY))
+        model, extra = load_forest(path, (_FEATURE_NAMES_KEY, _CLASS_NAMES_KEY, _CLASS_COLUMN_KEY))
     except (ValueError, RecursionError) as error:
         raise CommandError(str(error) if path in str(error) else f"{path}: {error}") from None
     shapes = {
         _FEATURE_NAMES_KEY: (model.n_features_in_,),
-        _CLASS_NAMES_KEY: (len(getattr(model, "classes_", ())),),
+        _CLASS_NAMES_KEY: (len(_class_codes(model)),),
         _CLASS_COLUMN_KEY: (),
     }
     for key, shape in shapes.items():
         if extra[key].dtype.kind != "U" or extra[key].shape != shape:
             raise CommandError(f"{path}: damaged model file ({key} has the wrong shape or type)")
-    class_names = dict(zip((int(code) for code in getattr(model, "classes_", ())), extra[_CLASS_NAMES_KEY].tolist()))
+    class_names = dict(zip((int(code) for code in _class_codes(model)), extra[_CLASS_NAMES_KEY].tolist()))
     return model, extra[_FEATURE_NAMES_KEY].tolist(), class_names, str(extra[_CLASS_COLUMN_KEY])
 
 
@@ -168,7 +171,7 @@ def _load_model(path):
 
 
 def train(args):
-    from velmot import RandomForestClassifier, RandomForestRegressor
+    from ._cli_forest import learn, save
 
     output = _output_file(args.output, args.data, args.description)
     layout = read_layout(args.description)
@@ -177,6 +180,18 @@ def train(args):
     regression = (layout.task or args.task) == "regression"
     if regression and args.class_weight:
         raise CommandError("--class-weight weighs classes; a regression forest has none")
+    params = {
+        "n_estimators": args.trees,
+        "criterion": args.criterion or ("squared_error" if regression else "gini"),
+        "max_features": _max_features(args.max_features or ("all" if regression else "sqrt")),
+        "max_depth": args.max_depth,
+        "n_jobs": args.jobs,
+        "random_state": args.seed,
+        "verbose": 0 if args.quiet or not sys.stderr.isatty() else 1,
+        "min_samples_leaf": _min_samples_leaf(args.min_samples_leaf),
+        "oob_score": args.oob,
+        **({} if regression else {"class_weight": args.class_weight}),
+    }
     with _open_data(args.data) as rows:
         layout.check_columns(rows.n_columns, args.data)
         class_column = rows.n_columns - 1 if layout.class_column is None else layout.class_column
@@ -193,29 +208,17 @@ def train(args):
     X, weights = (X, None) if weight_column is None else (X[:, :-1], X[:, -1])
     codes, class_names = _targets(classes, args.data) if regression else _encode_classes(classes, layout, args.data)
     y = codes[rows_class]
-    task_params = {"oob_score": args.oob} if regression else {"oob_score": args.oob, "class_weight": args.class_weight}
-    model = (RandomForestRegressor if regression else RandomForestClassifier)(
-        n_estimators=args.trees,
-        criterion=args.criterion or ("squared_error" if regression else "gini"),
-        max_features=_max_features(args.max_features or ("all" if regression else "sqrt")),
-        max_depth=args.max_depth,
-        n_jobs=args.jobs,
-        random_state=args.seed,
-        verbose=0 if args.quiet or not sys.stderr.isatty() else 1,
-        min_samples_leaf=_min_samples_leaf(args.min_samples_leaf),
-        **task_params,
-    )
     try:
-        model.fit(X, y, sample_weight=weights)
+        forest = learn(X, y, params, regression=regression, sample_weight=weights)
     except (RuntimeError, MemoryError) as error:
         raise CommandError(f"cannot learn {args.trees} trees: {error}") from None
-    _save_model(model, output, feature_names, class_names, class_column_name)
+    save(forest, output, _model_entries(feature_names, class_names, class_column_name, _class_codes(forest)))
     print(
-        f"learnt {args.trees} trees on {X.shape[0]} rows and {X.shape[1]} features; saved {args.output}",
+        f"learnt {args.trees} trees on {X.shape[0]} rows and {forest.n_features_in_} features; saved {args.output}",
         file=sys.stderr,
     )
     if args.oob:
-        print(f"out-of-bag {'R^2' if regression else 'accuracy'}: {model.oob_score_:.4f}")
+        print(f"out-of-bag {'R^2' if regression else 'accuracy'}: {forest.oob_score_:.4f}")
 
 
 def _set_weight_column_aside(text, layout, rows, class_column):
@@ -279,12 +282,10 @@ def _refuse_repeated_names(names, columns, path):
 def _min_samples_leaf(text):
     if text == "pairs":
         return text
-    for kind in (int, float):
-        try:
-            return kind(text)
-        except ValueError:
-            pass
-    raise CommandError(f"--min-samples-leaf must be a count, a fraction or pairs, not {text!r}")
+    value = _number(text)
+    if value is None or not (value >= 1 if isinstance(value, int) else 0 < value < 1):
+        raise CommandError(f"--min-samples-leaf must be a count from 1, a fraction in (0, 1) or pairs, not {text!r}")
+    return value
 
 
 def _max_features(text):
@@ -292,23 +293,54 @@ def _max_features(text):
         return text
     if text in ("all", "None", "none"):
         return None
-    try:
-        return int(text)
-    except ValueError:
-        pass
-    try:
-        return float(text)
-    except ValueError:
-        raise CommandError(f"--max-features must be sqrt, log2, all, a count or a fraction, not {text!r}") from None
+    value = _number(text)
+    if value is None or not (value >= 1 if isinstance(value, int) else 0 < value <= 1):
+        raise CommandError(
+            f"--max-features must be sqrt, log2, all, a count from 1 or a fraction in (0, 1], not {text!r}"
+        )
+    return value
+
+
+def _number(text):
+    """The int or else the float that text spells, or None."""
+    for kind in (int, float):
+        try:
+            return kind(text)
+        except ValueError:
+            pass
+    return None
+
+
+def _whole_number(least, most=None):
+    """An argparse type: a whole number from least to most (None: no bound).
+    The estimators' limits are checked here, before any data is read."""
+
+    def parse(text):
+        try:
+            value = int(text)
+        except ValueError:
+            raise argparse.ArgumentTypeError(f"{text!r} is not a whole number") from None
+        if value < least or (most is not None and value > most):
+            raise argparse.ArgumentTypeError(f"{value} is not from {least} to {'any' if most is None else most}")
+        return value
+
+    return parse
+
+
+def _threads(text):
+    value = _whole_number(-(2**63), POOL_SIZE)(text)
+    if value == 0:
+        raise argparse.ArgumentTypeError(f"0 threads: give 1 to {POOL_SIZE}, or -1 for all cores, -2 for all but one")
+    return value
 
 
 def predict(args):
     from ._files import atomic_write
 
     output = _output_file(args.output, args.model, args.data, args.description)
-    model, feature_names, class_names, class_column_name = _load_model(args.model)
+    model, feature_names, class_names, class_column_name = _load_model(args.model, predicting=True)
     layout = read_layout(args.description)
-    classes = [class_names[int(code)] for code in getattr(model, "classes_", ())]
+    classes = [class_names[int(code)] for code in _class_codes(model)]
     if args.proba and not classes:
         raise CommandError(f"--proba needs a classification model; {args.model} holds a regression forest")
 
@@ -396,7 +428,7 @@ def export(args):
     output = _output_file(args.output, args.model)
     model, _, class_names, _ = _load_model(args.model)
     try:
-        write_onnx(model, output, [class_names[int(code)] for code in getattr(model, "classes_", ())] or None)
+        write_onnx(model, output, [class_names[int(code)] for code in _class_codes(model)] or None)
     except ImportError as error:
         raise CommandError(str(error)) from None
 
@@ -427,16 +459,16 @@ def build_parser():
     p = commands.add_parser("train", help="learn a forest from a CSV file and save it")
     p.add_argument("data", help="CSV file, Parquet file or folder of training rows")
     p.add_argument("--description", help="description file naming the class column, ignored columns and names")
-    p.add_argument("--trees", type=int, default=100, help="number of trees (default 100)")
+    p.add_argument("--trees", type=_whole_number(1, MAX_INT32), default=100, help="number of trees (default 100)")
     p.add_argument("--task", choices=["classification", "regression"], help="without a description's label-type")
     p.add_argument("--criterion", choices=["gini", "entropy", "log_loss", "gain_ratio", "squared_error"])
     p.add_argument(
         "--max-features",
         help="features tried per split: sqrt, log2, all, N or a fraction (default sqrt; all for regression)",
     )
-    p.add_argument("--max-depth", type=int, default=None, help="depth limit (default: none)")
-    p.add_argument("--jobs", type=int, default=-1, help="threads (default -1: all cores)")
-    p.add_argument("--seed", type=int, default=None, help="seed, for a reproducible forest")
+    p.add_argument("--max-depth", type=_whole_number(1), default=None, help="depth limit (default: none)")
+    p.add_argument("--jobs", type=_threads, default=-1, help="threads (default -1: all cores)")
+    p.add_argument("--seed", type=_whole_number(0, 2**32 - 1), default=None, help="seed, for a reproducible forest")
     p.add_argument("--quiet", action="store_true", help="no progress bar (shown only on a terminal)")
     p.add_argument("--min-samples-leaf", default="1", help="fewest in-bag samples per leaf: N, a fraction or pairs")
     p.add_argument("--class-weight", choices=["balanced"], help="weigh classes inversely to their frequency")

@@ -11,7 +11,8 @@ import numpy as np
 import pytest
 
 import velmot
-from velmot import RandomForestClassifier, cli
+from velmot import RandomForestClassifier, RandomForestRegressor, cli
+from velmot._model_file import read_model_file
 
 EXAMPLES = Path(__file__).resolve().parents[2] / "examples"
 IRIS = [EXAMPLES / "iris.csv", "--description", EXAMPLES / "iris.desc"]
@@ -184,8 +185,7 @@ def test_missing_files_damaged_models_and_misuse_exit_2(iris_model, tmp_path, ca
     for argv, message in [
         (["train", tmp_path / "none.csv", "-o", model], "data file not found"),
         (["train", data, "-o", tmp_path / "no" / "m.npz"], f"output folder {tmp_path / 'no'} does not exist"),
-        (["train", data, "--trees", "abc", "-o", model], "invalid int value: 'abc'"),
-        (["train", data, "--trees", 10**10, "--quiet", "-o", model], "Got 10000000000 instead"),
+        (["train", data, "--trees", "abc", "-o", model], "'abc' is not a whole number"),
         (["inspect", tmp_path / "none.npz"], "model file not found"),
         (["inspect", data], "iris.csv is not a model file"),
     ]:
@@ -194,6 +194,46 @@ def test_missing_files_damaged_models_and_misuse_exit_2(iris_model, tmp_path, ca
     damaged.write_bytes(iris_model.read_bytes()[:200])
     assert "damaged.npz" in fails(capsys, "predict", damaged, *IRIS, "-o", out)
     assert not out.exists() and not model.exists()
+
+
+@pytest.mark.parametrize(
+    "option, parameter, value",
+    [
+        ("--trees", "n_estimators", 0),
+        ("--jobs", "n_jobs", 0),
+        ("--jobs", "n_jobs", 33),
+        ("--seed", "random_state", -1),
+        ("--max-features", "max_features", 1.5),
+        ("--min-samples-leaf", "min_samples_leaf", 1.0),
+    ],
+)
+def test_options_beyond_the_estimators_limits_are_refused_before_reading(tmp_path, capsys, option, parameter, value):
+    # The command learns without the estimators, so it must refuse what they refuse.
+    with pytest.raises(ValueError, match=parameter):
+        RandomForestClassifier(**{parameter: value}).fit([[0.0], [1.0]], [0, 1])
+    assert option in fails(capsys, "train", tmp_path / "none.csv", option, value, "-o", tmp_path / "m.npz")
+
+
+@pytest.mark.parametrize("regression", [False, True])
+def test_the_command_writes_the_model_file_the_estimators_write(tmp_path, regression):
+    X = np.random.default_rng(5).normal(size=(120, 3)).round(3)
+    X[::7, 1] = np.nan
+    y = X[:, 0] * 2 + 1 if regression else (X[:, 0] > 0).astype(int)
+    rows = [["a", "b", "c", "y"]] + [[*("" if np.isnan(v) else v for v in x), t] for x, t in zip(X, y)]
+    options = ["--task", ["classification", "regression"][regression], "--trees", 7, "--seed", 4, "--max-depth", 6]
+    data, model = write_csv(tmp_path / "d.csv", rows), tmp_path / "cli.npz"
+    assert run("train", data, *options, "--quiet", "-o", model) == 0
+    estimator = RandomForestRegressor(max_features=None) if regression else RandomForestClassifier()
+    estimator.set_params(n_estimators=7, random_state=4, max_depth=6, n_jobs=-1)
+    estimator.fit(X, y).save(tmp_path / "package.npz")
+    package, package_metadata = read_model_file(tmp_path / "package.npz", ["classes", *estimator._model_entries()])
+    command, command_metadata = read_model_file(model, list(package))
+    assert {**command_metadata, "entries": None} == {**package_metadata, "entries": None}
+    for name, array in package.items():
+        assert command[name].dtype == array.dtype and np.array_equal(command[name], array, equal_nan=True), name
+    assert run("predict", model, data, "-o", tmp_path / "p.csv") == 0
+    predicted = np.array(read_rows(tmp_path / "p.csv"), dtype=float)[:, 0]
+    np.testing.assert_array_equal(predicted, estimator.predict(X))
 
 
 def test_outputs_keep_modes_and_never_replace_an_input(iris_model, tmp_path, capsys):
@@ -215,7 +255,7 @@ def test_outputs_keep_modes_and_never_replace_an_input(iris_model, tmp_path, cap
 
 @pytest.mark.parametrize("signum", [signal.SIGINT, signal.SIGTERM])
 def test_a_signal_removes_the_temporary_file_with_one_line(iris_model, tmp_path, capsys, monkeypatch, signum):
-    monkeypatch.setattr("velmot.RandomForestClassifier.predict", lambda self, X: os.kill(os.getpid(), signum))
+    monkeypatch.setattr("velmot._cli_forest.LearntForest.predict", lambda self, X: os.kill(os.getpid(), signum))
     assert run("predict", iris_model, *IRIS, "-o", tmp_path / "out.csv") == 128 + signum
     assert len(capsys.readouterr().err.strip().splitlines()) == 1
     assert leftovers(tmp_path) == [] and not (tmp_path / "out.csv").exists()

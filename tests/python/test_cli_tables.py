@@ -1,5 +1,8 @@
 """The command line's data files through pyarrow: CSV and Parquet."""
 
+import subprocess
+import sys
+
 import numpy as np
 import pyarrow as pa
 import pyarrow.parquet as pq
@@ -53,6 +56,22 @@ def test_csv_and_parquet_give_the_same_forest_as_the_row_reader(tmp_path, monkey
     assert run("predict", model, data, "--proba", "-o", out) == 0
     assert run("predict", expected, plain, "--proba", "-o", reference) == 0
     assert out.read_text() == reference.read_text()
+
+
+@pytest.mark.parametrize("suffix", [".csv", ".parquet"])
+def test_training_and_prediction_import_neither_scikit_learn_nor_pandas(tmp_path, suffix):
+    data, model = tmp_path / "d.csv", tmp_path / "m.npz"
+    data.write_bytes(HEADER + b"\n".join(rows()) + b"\n")
+    data = data if suffix == ".csv" else as_parquet(data, tmp_path / "d.parquet")
+    heavy = "{m.split('.')[0] for m in sys.modules} & {'sklearn', 'scipy', 'pandas', 'tqdm', 'matplotlib', 'onnx'}"
+    code = (
+        f"import sys; from velmot.cli import main; [main(a.split('|')) for a in sys.argv[1:]]; print(sorted({heavy}))"
+    )
+    commands = (["train", data, "--trees", 3, "-o", model], ["predict", model, data, "-o", tmp_path / "p.csv"])
+    result = subprocess.run(
+        [sys.executable, "-c", code, *("|".join(map(str, c)) for c in commands)], capture_output=True, text=True
+    )
+    assert result.stdout == "[]\n", result.stderr
 
 
 @pytest.mark.parametrize(

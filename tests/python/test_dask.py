@@ -250,8 +250,7 @@ class TestPartitionWise:
         # learnt its own partition's labels under the global codes.
         for index in range(4):
             sub_forest = forest.to_local()
-            sub_forest.trees_ = forest.trees_[2 * index : 2 * index + 2]
-            sub_forest.nodes_ = ForestNodes.from_tree_arrays(sub_forest.trees_)
+            sub_forest.nodes_ = ForestNodes.from_tree_arrays(forest.trees_[2 * index : 2 * index + 2])
             rows, labels = partition_rows(index), partition_labels(index)
             assert np.mean(sub_forest.predict(rows) == labels) > 0.95
             leaf_codes = {int(code) for tree in sub_forest.trees_ for code in tree[4][tree[2] == -1]}

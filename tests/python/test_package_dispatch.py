@@ -92,7 +92,7 @@ def test_labels_are_encoded_as_contiguous_int32_codes_and_decoded_on_predict(rec
     X = np.arange(12.0).reshape(6, 2)
     forest = RandomForestClassifier(n_estimators=3, random_state=0).fit(X, y)
     np.testing.assert_array_equal(forest.classes_, classes)
-    ((_, codes, n_classes, _), _) = recorder.named("TrainingData")[0]
+    ((_, codes, n_classes, *_), _) = recorder.named("TrainingData")[0]
     assert codes.dtype == np.int32 and codes.flags.c_contiguous and n_classes == len(classes)
     np.testing.assert_array_equal(classes[codes], y)
     proba = forest.predict_proba(X)

@@ -37,6 +37,18 @@ def assert_predicts_alike(original, restored, X):
     np.testing.assert_array_equal(original.predict_proba(X), restored.predict_proba(X))
 
 
+@pytest.mark.parametrize("with_nodes", [True, False])
+def test_pickles_holding_trees_load_without_keeping_them(forest, training, with_nodes):
+    # Earlier versions pickled trees_ beside nodes_, and before that alone.
+    state = {**forest.__getstate__(), "trees_": forest.trees_}
+    if not with_nodes:
+        del state["nodes_"]
+    restored = pickle.loads(pickle.dumps(forest))
+    restored.__setstate__(state)
+    assert_predicts_alike(forest, restored, training[0])
+    assert "trees_" not in vars(restored) and "trees_" not in vars(forest)
+
+
 def test_pickle_and_save_round_trips_are_exact(forest, training, tmp_path):
     X, _ = training
     pickled = pickle.loads(pickle.dumps(forest))

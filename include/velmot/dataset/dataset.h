@@ -3,7 +3,9 @@
 
 // MemoryDataSet: the one data model of learner and predictor, stored column
 // by column (one vector per feature) because every later step reads one
-// feature for many instances.
+// feature for many instances. Instead of holding columns, it may read those
+// of a caller's feature-major matrix in place (view_columns), which saves a
+// copy of the features where the matrix already has that layout.
 //
 // F: feature type (int, double, float, unsigned char).
 // L: label type (int for classes; double or float for real labels).
@@ -25,7 +27,7 @@ class MemoryDataSet {
 public:
   typedef F feature_type;
   typedef L label_type;
-  typedef typename std::vector<F>::const_iterator const_iterator;
+  typedef const F* const_iterator;
 
   MemoryDataSet() = default;
   explicit MemoryDataSet(size_t num_features) : nf(num_features), features(num_features) {}
@@ -43,20 +45,23 @@ public:
   size_t get_num_classes() const { return nc; }
   LabelingType get_labeling() const { return ltype; }
 
-  const F& operator()(size_t i, size_t j) const { return features[j][i]; }
+  const F& operator()(size_t i, size_t j) const { return column(j)[i]; }
   const L& get_label(size_t i) const { return labels[i]; }
   void set_label(size_t i, const L& label) { labels[i] = label; }
 
-  const_iterator begin(size_t feature_index) const { return features[feature_index].begin(); }
-  const_iterator end(size_t feature_index) const { return features[feature_index].end(); }
+  const_iterator begin(size_t feature_index) const { return column(feature_index); }
+  const_iterator end(size_t feature_index) const { return column(feature_index) + get_num_instances(); }
   // Contiguous column, for the hot loops that gather one feature.
-  const F* column(size_t feature_index) const { return features[feature_index].data(); }
+  const F* column(size_t feature_index) const {
+    return viewed == nullptr ? features[feature_index].data() : viewed + feature_index * labels.size();
+  }
 
   template <class Source>
   void copy_from(const Source& ds) {
     nc = ds.nc;
     nf = ds.nf;
     ltype = ds.ltype;
+    viewed = nullptr;
     features.resize(nf);
     const size_t ni = ds.get_num_instances();
     for (std::vector<F>& column : features) column.resize(ni);
@@ -78,6 +83,22 @@ public:
     labels.assign(ds.labels.begin(), ds.labels.end());
   }
 
+  // Reads the features in place from `columns`, a feature-major matrix of
+  // the source's shape (feature j's values at columns + j * ni), and copies
+  // the labels. The data set then holds no columns of its own: the caller
+  // keeps the matrix alive and unchanged while the data set is used, and
+  // passes a matrix without missing values (impute() cannot change it).
+  template <class Source>
+  void view_columns(const Source& ds, const F* columns) {
+    nc = ds.nc;
+    nf = ds.nf;
+    ltype = ds.ltype;
+    features.clear();
+    features.shrink_to_fit();
+    viewed = columns;
+    labels.assign(ds.labels.begin(), ds.labels.end());
+  }
+
   // Replaces not-a-number entries of floating-point features by the upper
   // median of the feature's present values (upper_median.h). Present
   // values, and integer features, are never changed.
@@ -88,6 +109,9 @@ public:
   LabelingType ltype = DiscreteZeroOnward;
   std::vector<std::vector<F>> features;
   std::vector<L> labels;
+  // The caller's matrix that view_columns reads; null while the data set
+  // holds its own columns.
+  const F* viewed = nullptr;
 };
 
 template <class F, class L>

@@ -2,11 +2,11 @@
 #define VELMOT_DATASET_FEATURE_RANKS_H
 
 // FeatureRanks: for each feature of a data set, the dense rank of every
-// instance's value (0 for the smallest distinct value) and the value of each
-// rank. Made once per learning call and shared read-only by all trees, it
-// lets a node sort small integer ranks instead of values, with a counting or
-// two-pass radix sort; the ranks order exactly as the values do, so the
-// sorted pairs are those a comparison sort gives.
+// instance's value (0 for the smallest distinct value) and, for each rank,
+// an instance that holds its value (whose value the data set's column
+// gives: 4 bytes a rank rather than a copy of every distinct double). Made once per learning call and shared read-only
+// by all trees, it lets a node sort small integer ranks instead of values, with a counting or two-pass radix sort; the
+// ranks order exactly as the values do, so the sorted pairs are those a comparison sort gives.
 //
 // A feature holding a not-a-number value gets no ranks (has_ranks false):
 // NaN has no place in an order, and its nodes use the value sort instead.
@@ -38,10 +38,10 @@
 //      entries with one high half stay in instance order.
 //   3. Keys of 64 bits: sort each group of entries with one high half whose
 //      keys are out of order by (key, instance).
-//   4. Walk the sorted entries: the rank grows by one at each new run. The
-//      value of a rank is made back from its key, except for zero, whose
-//      table entry is the column's value at the run's last (highest)
-//      instance, as when the table is filled in instance order.
+//   4. Walk the sorted entries: the rank grows by one at each new run. Each
+//      rank keeps the run's last (highest) instance: its value is the
+//      rank's, and for the two zeros, which share a key, the zero of that
+//      instance, as when a table of values is filled in instance order.
 //   5. After all features: narrow each column to its width, in place and in
 //      feature order (a column never moves past where it was written).
 //
@@ -188,13 +188,13 @@ public:
   // D offers get_num_features(), get_num_instances() (fewer than 2^32) and
   // column(j), a contiguous column of F.
   template <class D>
-  explicit FeatureRanks(const D& data) : value_of_rank(data.get_num_features()), ranked(data.get_num_features(), 0) {
+  explicit FeatureRanks(const D& data) : instance_of_rank(data.get_num_features()), ranked(data.get_num_features(), 0) {
     namespace detail = feature_ranks_detail;
     const int64_t nf = static_cast<int64_t>(data.get_num_features());
     const size_t ni = data.get_num_instances();
     if (nf == 0 || ni == 0) return;
-    // Scratch memory and the rank table are made here, the value tables by
-    // the workers (an allocation failure there stops them and is rethrown).
+    // Scratch memory and the rank table are made here, the instance tables
+    // by the workers (an allocation failure there stops them and is rethrown).
     // Every rank of a ranked feature is written below, 4 bytes each at
     // first: no zero fill.
     num_instances = ni;
@@ -206,7 +206,6 @@ public:
       work.spare.resize(ni);
       work.counts.resize(detail::num_digits<F>() * detail::radix);
     }
-    const auto zero_key = ordered_key(F(0));
     for_each_index(nf, static_cast<int>(workers), [&](int64_t j, const Worker& w) {
       const size_t feature = static_cast<size_t>(j);
       const F* column = data.column(feature);
@@ -215,17 +214,14 @@ public:
       const auto* entries = work.entries.data();
       size_t distinct = 1;
       for (size_t k = 1; k < ni; ++k) distinct += entries[k].key != entries[k - 1].key;
-      value_of_rank[feature].resize(distinct);
+      instance_of_rank[feature].resize(distinct);
       uint32_t* const ranks = reinterpret_cast<uint32_t*>(rank_table.data()) + feature * ni;
-      F* const values = value_of_rank[feature].data();
+      uint32_t* const instances = instance_of_rank[feature].data();
       uint32_t current = 0;
       for (size_t k = 0; k < ni; ++k) {
-        const auto key = entries[k].key;
-        current += k > 0 && key != entries[k - 1].key;
+        current += k > 0 && entries[k].key != entries[k - 1].key;
         ranks[entries[k].instance] = current;
-        // The two zeros share a key: the table keeps the zero of the run's
-        // last instance, read from the column.
-        values[current] = key == zero_key ? column[entries[k].instance] : value_of_key<F>(key);
+        instances[current] = entries[k].instance;
       }
       ranked[feature] = 1;
     });
@@ -295,9 +291,11 @@ public:
   uint32_t rank(size_t feature, size_t instance) const {
     return visit_ranks(feature, [instance](const auto* column) { return static_cast<uint32_t>(column[instance]); });
   }
-  const F* values(size_t feature) const { return value_of_rank[feature].data(); }
+  // The value of a rank of a ranked feature; column: the feature's column
+  // in the data set the ranks were made from, or in one with equal values.
+  F value(const F* column, size_t feature, uint32_t rank) const { return column[instance_of_rank[feature][rank]]; }
   // Number of distinct values of a ranked feature: its ranks lie below it.
-  size_t num_ranks(size_t feature) const { return value_of_rank[feature].size(); }
+  size_t num_ranks(size_t feature) const { return instance_of_rank[feature].size(); }
 
 private:
   // Step 5: each ranked column, written 4 bytes a rank at feature * ni * 4,
@@ -312,7 +310,7 @@ private:
     unsigned char* const table = rank_table.data();
     for (size_t f = 0; f < nf; ++f) {
       if (!ranked[f]) continue;
-      const size_t distinct = value_of_rank[f].size();
+      const size_t distinct = instance_of_rank[f].size();
       const unsigned width = distinct <= 256 ? 1 : distinct <= 65536 ? 2 : 4;
       const unsigned char* from = table + f * num_instances * sizeof(uint32_t);
       unsigned char* to = table + table_end;
@@ -346,7 +344,7 @@ private:
   // Empty unless copy_to_rows ran.
   RandomAccessTable<uint32_t> row_table;
   size_t num_instances = 0;
-  std::vector<std::vector<F>> value_of_rank;
+  std::vector<std::vector<uint32_t>> instance_of_rank;
   std::vector<char> ranked;
 };
 

@@ -45,20 +45,28 @@ size_t partition_positions(S& sample, size_t begin, size_t end, GoesLeft goes_le
   right_part.indices.resize(end - begin);
   if (label != nullptr) right_part.labels.resize(end - begin);
   if (weight != nullptr) right_part.weights.resize(end - begin);
+  // Each position is written to both parts and only the part it belongs
+  // to advances (the left part's slot is never ahead of p): no branch on
+  // the split, which falls either way at random.
+  uint64_t* right_index = right_part.indices.data();
+  L* right_label = right_part.labels.data();
+  uint32_t* right_weight = right_part.weights.data();
   size_t left = begin, right = 0;
   for (size_t p = begin; p < end; ++p) {
     const uint64_t i = index[p];
-    if (goes_left(i)) {
-      index[left] = i;
-      if (label != nullptr) label[left] = label[p];
-      if (weight != nullptr) weight[left] = weight[p];
-      ++left;
-    } else {
-      right_part.indices[right] = i;
-      if (label != nullptr) right_part.labels[right] = label[p];
-      if (weight != nullptr) right_part.weights[right] = weight[p];
-      ++right;
+    const bool to_left = goes_left(i);
+    index[left] = i;
+    right_index[right] = i;
+    if (label != nullptr) {
+      label[left] = label[p];
+      right_label[right] = label[p];
     }
+    if (weight != nullptr) {
+      weight[left] = weight[p];
+      right_weight[right] = weight[p];
+    }
+    left += to_left;
+    right += !to_left;
   }
   const auto moved = static_cast<std::ptrdiff_t>(right);
   std::copy(right_part.indices.begin(), right_part.indices.begin() + moved, index + left);

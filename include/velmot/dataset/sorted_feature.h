@@ -161,6 +161,7 @@ public:
   bool sort_unless_constant(const Sample& sample, size_t feature_index, size_t begin, size_t end) {
     form = in_buffer;
     ranks = sample.ranks;
+    data = sample.dataset;
     const size_t n = end - begin;
     if constexpr (learns_with_ranks<F, L>()) {
       if (ranks != nullptr && ranks->has_ranks(feature_index)) {
@@ -262,7 +263,7 @@ public:
   // The value at a point of the feature (ranked points: looked up in the
   // sample's ranks of the last sort).
   F value_of(size_t feature_index, const SortedPoint<F>& point) const {
-    return point.ranked ? ranks->values(feature_index)[point.rank] : point.value;
+    return point.ranked ? ranks->value(data->column(feature_index), feature_index, point.rank) : point.value;
   }
 
 private:
@@ -314,18 +315,29 @@ private:
     const int weights = weight_bits;
     uint32_t kmin = std::numeric_limits<uint32_t>::max(), kmax = 0;
     const bool far_prefetch = sample.dataset->get_num_instances() * sizeof(Rank) > far_prefetch_column_bytes;
+    // The loop is split where the prefetches run out, so that no key pays
+    // for a test of its own.
     auto gather = [&](auto key_of) {
-      for (size_t i = 0; i < n; ++i) {
-        if (far_prefetch && i + far_prefetch_distance < n) {
-          __builtin_prefetch(rank_of + position[i + far_prefetch_distance] * stride, 0, 1);
-        }
-        if (i + prefetch_distance < n) __builtin_prefetch(rank_of + position[i + prefetch_distance] * stride);
+      auto take = [&](size_t i) {
         const uint32_t k = key_of(i, (static_cast<uint32_t>(rank_of[position[i] * stride]) << shift) |
                                          static_cast<uint32_t>(sample.get_label(begin + i) + 1));
         key[i] = k;
         kmin = std::min(kmin, k);
         kmax = std::max(kmax, k);
+      };
+      size_t i = 0;
+      if (far_prefetch) {
+        for (; i + far_prefetch_distance < n; ++i) {
+          __builtin_prefetch(rank_of + position[i + far_prefetch_distance] * stride, 0, 1);
+          __builtin_prefetch(rank_of + position[i + prefetch_distance] * stride);
+          take(i);
+        }
       }
+      for (; i + prefetch_distance < n; ++i) {
+        __builtin_prefetch(rank_of + position[i + prefetch_distance] * stride);
+        take(i);
+      }
+      for (; i < n; ++i) take(i);
     };
     if (weight == nullptr) {
       gather([](size_t, uint32_t rank_and_label) { return rank_and_label; });
@@ -415,6 +427,7 @@ private:
   // Elements of the sorted form (not of CountedCells).
   size_t sorted_count = 0;
   const FeatureRanks<F>* ranks = nullptr;
+  const D* data = nullptr;  // the sample's, whose columns hold the ranks' values
   std::vector<pair_type> pairs;
   FlexiSort<F, L> flexi_sort;
   RankedPositions ranked;

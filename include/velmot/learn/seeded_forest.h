@@ -151,8 +151,9 @@ SeededForestOf<L> learn_seeded_forest(const TrainingSet<F, L>& set, const Seeded
     NodeArrays<L>& tree = trees[static_cast<size_t>(j)];
     tree = flatten_tree(*root);
     root.reset();
-    tree.count.swap(statistics.count);
-    tree.impurity.swap(statistics.impurity);
+    // Copied into the tree's exactly sized arrays: the recorder's grew by doubling.
+    tree.count.assign(statistics.count.begin(), statistics.count.end());
+    tree.impurity.assign(statistics.impurity.begin(), statistics.impurity.end());
     if (oob) oob->add_tree(j, tree, data, sample.indices);
     std::copy(importances.begin(), importances.end(), forest.tree_importances.begin() + j * static_cast<int64_t>(nf));
     progress.trees_done.fetch_add(1, std::memory_order_relaxed);
@@ -162,10 +163,7 @@ SeededForestOf<L> learn_seeded_forest(const TrainingSet<F, L>& set, const Seeded
     forest.tree_importances.clear();
     return forest;
   }
-  for (NodeArrays<L>& tree : trees) {
-    forest.trees.append(tree);
-    tree = NodeArrays<L>();
-  }
+  forest.trees = join_trees(trees);
   if (oob) oob->take(forest.oob_counts, forest.oob_sums);
   return forest;
 }

@@ -181,21 +181,34 @@ private:
 // computed the accumulators' way, sqL / nL + sqR / nR in double, and
 // compared exactly. So the maximum, its first position and every score are
 // CriterionSides' with TwoSplitGiniImpurity to the bit.
-template <class A>
+//
+// Sum is what the counts and sums are kept in: int64_t always works;
+// double, for nodes of fewer than 2^26 pairs (below exact_sum_limit),
+// holds every count, square and cross sum exactly (all stay below 2^53), so
+// the fraction and the score come out the same while the sweep saves four
+// integer-to-double conversions per element. With limited false the leaf
+// limit admits every boundary the sweep visits (a limit of at most one
+// pair per side: each side of a visited boundary holds an element).
+template <class A, class Sum = int64_t, bool limited = true>
 class GiniSides {
 public:
+  static constexpr int64_t exact_sum_limit = int64_t(1) << 26;
+
   GiniSides(const A& counts, double initial, LeafLimit limit)
       : class_counts(scratch()),
         limit(limit),
         initial(initial),
-        node_squares(counts.get_sum_squared()),
-        node_total(static_cast<int64_t>(counts.get_total_count())),
+        node_squares(static_cast<Sum>(counts.get_sum_squared())),
+        node_total(static_cast<Sum>(counts.get_total_count())),
         best(initial),
         best_numerator(static_cast<double>(node_squares)),
-        best_denominator(static_cast<double>(node_total)) {
+        best_denominator(static_cast<double>(node_total)),
+        best_bound(margin * best_numerator) {
     const size_t slots = counts.get_num_slots();
     class_counts.resize(slots);
-    for (size_t slot = 0; slot < slots; ++slot) class_counts[slot] = ClassCounts{0, counts[static_cast<int>(slot)]};
+    for (size_t slot = 0; slot < slots; ++slot) {
+      class_counts[slot] = ClassCounts{0, static_cast<Sum>(counts[static_cast<int>(slot)])};
+    }
   }
   GiniSides(const GiniSides&) = delete;
   GiniSides& operator=(const GiniSides&) = delete;
@@ -206,13 +219,15 @@ public:
   }
 
   size_t total() const { return static_cast<size_t>(node_total); }
-  bool splittable() const { return limit.splittable(node_total); }
-  bool within_limit() const { return limit.admits(left_total, node_total); }
+  bool splittable() const { return limit.splittable(static_cast<int64_t>(node_total)); }
+  bool within_limit() const {
+    return !limited || limit.admits(static_cast<int64_t>(left_total), static_cast<int64_t>(node_total));
+  }
   // w pairs of a class with l on the left add (l + w)^2 - l^2 squares.
   template <class L>
   void move(L label, uint32_t copies) {
     ClassCounts& k = class_counts[static_cast<size_t>(label_class(label) + 1)];
-    const int64_t w = copies;
+    const Sum w = static_cast<Sum>(copies);
     left_squares += w * (2 * k.left + w);
     cross += w * k.node;
     k.left += w;
@@ -220,18 +235,18 @@ public:
   }
   template <class Key>
   bool offer(bool admissible, const Key&, const Key&) {
-    const int64_t right_total = node_total - left_total;
-    const int64_t right_squares = node_squares - 2 * cross + left_squares;
+    const Sum right_total = node_total - left_total;
+    const Sum right_squares = node_squares - 2 * cross + left_squares;
     const double numerator = static_cast<double>(left_squares) * static_cast<double>(right_total) +
                              static_cast<double>(right_squares) * static_cast<double>(left_total);
     const double denominator = static_cast<double>(left_total) * static_cast<double>(right_total);
-    constexpr double margin = 1.0 - 1e-12;
-    if (!(admissible & (numerator * best_denominator >= margin * best_numerator * denominator))) return false;
+    if (!(admissible & (numerator * best_denominator >= best_bound * denominator))) return false;
     const double score = gini(left_squares, left_total) + gini(right_squares, right_total);
     if (!(best < score)) return false;
     best = score;
     best_numerator = numerator;
     best_denominator = denominator;
+    best_bound = margin * best_numerator;
     improved = true;
     return true;
   }
@@ -242,24 +257,27 @@ public:
 
 private:
   struct ClassCounts {
-    int64_t left;
-    int64_t node;
+    Sum left;
+    Sum node;
   };
+  static constexpr double margin = 1.0 - 1e-12;
   static constexpr size_t kept_scratch_slots = 4096;
   static std::vector<ClassCounts>& scratch() {
     static thread_local std::vector<ClassCounts> counts;
     return counts;
   }
-  static double gini(int64_t squares, int64_t total) {
+  static double gini(Sum squares, Sum total) {
     return total == 0 ? 0.0 : static_cast<double>(squares) / static_cast<double>(total);
   }
 
   std::vector<ClassCounts>& class_counts;
   LeafLimit limit;
   double initial;
-  int64_t node_squares, node_total;
-  int64_t left_squares = 0, cross = 0, left_total = 0;
+  Sum node_squares, node_total;
+  Sum left_squares = 0, cross = 0, left_total = 0;
   double best, best_numerator, best_denominator;
+  // margin * best_numerator, the prefilter's side of the best.
+  double best_bound;
   bool improved = false;
 };
 
@@ -296,7 +314,16 @@ template <class Input, class A>
 FeatureSplit<typename Input::key_type> best_split(const Input& input, const A& counts, double initial, A& /*left*/,
                                                   A& /*right*/, const TwoSplitGiniImpurity& /*criteria*/,
                                                   LeafLimit limit) {
-  GiniSides<A> sides(counts, initial, limit);
+  typedef GiniSides<A> Exact;
+  if (static_cast<int64_t>(counts.get_total_count()) < Exact::exact_sum_limit) {
+    if (limit.min_side <= 1) {
+      GiniSides<A, double, false> sides(counts, initial, limit);
+      return sweep_with(input, sides);
+    }
+    GiniSides<A, double> sides(counts, initial, limit);
+    return sweep_with(input, sides);
+  }
+  Exact sides(counts, initial, limit);
   return sweep_with(input, sides);
 }
 

@@ -8,12 +8,16 @@
 // rank table outgrows the cache (the same preparation learn_forest makes).
 //
 // The ranks only speed learning up: without memory for them, nodes sort
-// values, and the trees are the same.
+// values, and the trees are the same. A matrix that is already feature-major
+// and complete is read in place rather than copied
+// (prepare_training_set_in_place).
 
 #include <new>
+#include <type_traits>
 
 #include "velmot/dataset/dataset.h"
 #include "velmot/dataset/feature_ranks.h"
+#include "velmot/defs/free_memory.h"
 #include "velmot/learn/learn_forest.h"
 
 namespace Velmot {
@@ -25,11 +29,10 @@ struct TrainingSet {
   FeatureRanks<F> ranks;
 };
 
-// Source: what MemoryDataSet::copy_from reads (a DisNativeArrayDataSet).
-template <class F, class L, class Source>
-void prepare_training_set(TrainingSet<F, L>& set, const Source& source) {
-  set.data.copy_from(source);
-  set.data.impute();
+namespace training_set_detail {
+
+template <class F, class L>
+void rank(TrainingSet<F, L>& set) {
   if constexpr (learns_with_ranks<F, int>()) {
     try {
       set.ranks = FeatureRanks<F>(set.data);
@@ -41,7 +44,45 @@ void prepare_training_set(TrainingSet<F, L>& set, const Source& source) {
     } catch (const std::bad_alloc&) {
       // Without the copy, small nodes read the columns.
     }
+    // The ranking's scratch (two entries per instance and thread) is freed
+    // now; the trees grown next allocate from other threads' heaps, which
+    // would not reuse it, so it goes back to the system.
+    return_free_memory();
   }
+}
+
+}  // namespace training_set_detail
+
+// Source: what MemoryDataSet::copy_from reads (a DisNativeArrayDataSet).
+template <class F, class L, class Source>
+void prepare_training_set(TrainingSet<F, L>& set, const Source& source) {
+  set.data.copy_from(source);
+  set.data.impute();
+  training_set_detail::rank(set);
+}
+
+// Whether a feature-major matrix of `count` values can be learnt from in
+// place: it holds no missing value, which would have to be imputed.
+template <class F>
+bool can_learn_in_place(const F* values, size_t count) {
+  if constexpr (std::is_floating_point<F>::value) {
+    // Without early exit, so that the scan vectorises.
+    bool missing = false;
+    for (size_t k = 0; k < count; ++k) missing |= !(values[k] == values[k]);
+    return !missing;
+  }
+  return true;
+}
+
+// The same as prepare_training_set over `columns`, the source's features as
+// one feature-major matrix (feature j's values at columns + j * ni, checked
+// by can_learn_in_place), read in place: the set holds the ranks but no copy
+// of the features, and the caller keeps the matrix alive and unchanged
+// while the set is used.
+template <class F, class L, class Source>
+void prepare_training_set_in_place(TrainingSet<F, L>& set, const Source& source, const F* columns) {
+  set.data.view_columns(source, columns);
+  training_set_detail::rank(set);
 }
 
 }  // namespace Velmot

@@ -40,7 +40,6 @@ _FITTED_ATTRIBUTES = (
     "n_classes_",
     "n_features_in_",
     "feature_names_in_",
-    "trees_",
     "nodes_",
     "feature_importances_",
     "oob_score_",

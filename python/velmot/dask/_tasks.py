@@ -59,7 +59,9 @@ def learn_block(features, labels, sample_weight=None, *, n_classes, first_tree, 
     key = id(features)
     data = _worker_preparations.get(key)
     if data is None:
-        data = prepare(features, labels, n_classes=n_classes, settings=settings)
+        # Copied, not read in place: a preparation that referenced the
+        # matrix would keep it, and so itself, alive.
+        data = prepare(features, labels, n_classes=n_classes, settings=settings, in_place=False)
         # Dropped with the matrix, before its id can be reused.
         weakref.finalize(features, _worker_preparations.pop, key, None)
         _worker_preparations[key] = data
