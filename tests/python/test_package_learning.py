@@ -17,7 +17,7 @@ import pytest
 from sklearn.datasets import make_classification
 
 import PyVelmot_wrap
-from velmot import RandomForestClassifier, _core
+from velmot import RandomForestClassifier, RandomForestRegressor, _core
 
 
 def same_forest(first, second):
@@ -58,7 +58,8 @@ def test_an_int_seed_gives_the_same_forest_for_any_n_jobs_with_or_without_progre
 
 # Digests of package forests on distinct-valued data (a changed digest is a
 # changed forest): sha256 of trees_, node counts and impurities, under the
-# default leaf limit and under the library's own rule.
+# default leaf limit and under the library's own rule; regression forests
+# on tied features.
 PACKAGE_DIGESTS = {
     ("gini", 1): "a0896da88611cc0a8824e6480b1e307cf6859063a22db2e139cf4b56f443d7cb",
     ("entropy", 1): "fe74c7c94d6ba24da5a00115fa1bcc823c304bbd9fb82a099a37a6348cc9cfa3",
@@ -66,6 +67,8 @@ PACKAGE_DIGESTS = {
     ("gini", "pairs"): "801b416653d15b4c4920f29283aa72133ff802e830818e2db7235bc0e56d3643",
     ("entropy", "pairs"): "b226e5d750fe683754fcc8b7b54cd577bf28b336ef39c9dd017cba3647455d83",
     ("gain_ratio", "pairs"): "f0b43a0ff29cdd028373d0ecf96f0ca1794b225966637b42498c94a55ec91749",
+    ("squared_error", 1): "82f430494bd0935da2c8d122a112f2eb0fd69edd92aaf65c92d358bd03184770",
+    ("squared_error", "pairs"): "ca1d101a7ae6cb394000cbbb283baf1c8fd78fbe721686e5fbef68e4f6c73ebe",
 }
 
 
@@ -73,9 +76,16 @@ PACKAGE_DIGESTS = {
 def test_package_forests_match_their_recorded_digests(criterion, min_samples_leaf):
     rng = np.random.default_rng(28)
     X = rng.permuted(np.tile(np.arange(150.0), (5, 1)), axis=1).T / 7
-    y = (X[:, 0] + X[:, 1] > X[:, 2] + 10).astype(int) + (X[:, 3] > 15)
     params = dict(n_estimators=6, criterion=criterion, min_samples_leaf=min_samples_leaf, random_state=2026)
-    forest = RandomForestClassifier(**params).fit(X, y)
+    if criterion == "squared_error":
+        # Tied feature values and real targets: the order in which a node's
+        # sums add up decides its leaf means to the last bit.
+        X = np.round(X)
+        forest = RandomForestRegressor(**params).fit(X, X[:, 0] - 2 * X[:, 1] + np.sin(X[:, 2]) / 3)
+    else:
+        forest = RandomForestClassifier(**params).fit(
+            X, (X[:, 0] + X[:, 1] > X[:, 2] + 10).astype(int) + (X[:, 3] > 15)
+        )
     digest = hashlib.sha256()
     for array in (*forest.trees_, forest.nodes_.count, forest.nodes_.impurity):
         digest.update(np.ascontiguousarray(array).tobytes())
