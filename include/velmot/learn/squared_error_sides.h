@@ -36,13 +36,13 @@ public:
   // Copies are added one at a time: the sums, to the bit, of the instances
   // taken one by one in sorted order.
   template <class L>
-  void move(L label, uint32_t copies) {
+  [[gnu::always_inline]] void move(L label, uint32_t copies) {
     const double d = static_cast<double>(label) - centre;
     left_total += copies;
     for (; copies > 0; --copies) left_sum += d;
   }
   template <class Key>
-  bool offer(bool admissible, const Key&, const Key&) {
+  [[gnu::always_inline]] bool offer(bool admissible, const Key&, const Key&) {
     const double right_sum = node_sum - left_sum;
     const double left_n = static_cast<double>(left_total);
     const double right_n = static_cast<double>(node_total - left_total);

@@ -134,7 +134,7 @@ public:
     return limit.admits(static_cast<int64_t>(left.get_total_count()), static_cast<int64_t>(pairs));
   }
   template <class L>
-  void move(L label, uint32_t copies) {
+  [[gnu::always_inline]] void move(L label, uint32_t copies) {
     const int c = label_class(label);
     for (; copies > 0; --copies) {
       left.increment_count(c);
@@ -142,7 +142,7 @@ public:
     }
   }
   template <class Key>
-  bool offer(bool admissible, const Key&, const Key&) {
+  [[gnu::always_inline]] bool offer(bool admissible, const Key&, const Key&) {
     if (!admissible) return false;
     const double score = criteria(initial, left, right);
     if (!(best < score)) return false;
@@ -223,9 +223,12 @@ public:
   bool within_limit() const {
     return !limited || limit.admits(static_cast<int64_t>(left_total), static_cast<int64_t>(node_total));
   }
+  // move and offer run once per element: forced inline, since a grower
+  // with many instantiations of the search may otherwise call them out of
+  // line (15% more time on W1).
   // w pairs of a class with l on the left add (l + w)^2 - l^2 squares.
   template <class L>
-  void move(L label, uint32_t copies) {
+  [[gnu::always_inline]] void move(L label, uint32_t copies) {
     ClassCounts& k = class_counts[static_cast<size_t>(label_class(label) + 1)];
     const Sum w = static_cast<Sum>(copies);
     left_squares += w * (2 * k.left + w);
@@ -234,7 +237,7 @@ public:
     left_total += w;
   }
   template <class Key>
-  bool offer(bool admissible, const Key&, const Key&) {
+  [[gnu::always_inline]] bool offer(bool admissible, const Key&, const Key&) {
     const Sum right_total = node_total - left_total;
     const Sum right_squares = node_squares - 2 * cross + left_squares;
     const double numerator = static_cast<double>(left_squares) * static_cast<double>(right_total) +
