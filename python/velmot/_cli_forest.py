@@ -46,7 +46,7 @@ class LearntForest:
     def predict(self, X):
         """The estimators' predict of X, whose columns are the forest's features."""
         if self.classes_ is None:
-            return _core.predict_mean(self.nodes.as_dict(), *self._samples(X))
+            return _core.predict_mean(self.nodes.prepared(0), *self._samples(X))
         return self.classes_[self._predict_codes_or_proba(X, proba=False)]
 
     def predict_proba(self, X):

@@ -70,6 +70,8 @@ def test_train_inspect_predict_on_the_shipped_example(iris_model, tmp_path, caps
     monkeypatch.setattr(cli, "PREDICT_CHUNK_ROWS", 7)
     assert run("predict", iris_model, *IRIS, "--proba", "-o", chunked) == 0
     assert chunked.read_text() == proba.read_text()
+    assert run("predict", iris_model, *IRIS, "-o", chunked) == 0
+    assert np.mean(np.array(read_rows(chunked))[:, 0] == truth) > 0.95  # names, chunk by chunk
 
     result = subprocess.run(
         [sys.executable, "-m", "velmot", "inspect", str(iris_model)], capture_output=True, text=True
