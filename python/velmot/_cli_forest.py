@@ -19,7 +19,7 @@ from . import _core
 from ._features import as_module_dtype, check_splittable, fill_missing, learning_features, upper_medians
 from ._fork import threads_for_call
 from ._learning import learn_forest
-from ._model_file import check, float_vector, read_model_file, split_trees, write_model_file
+from ._model_file import check, checked_classes, float_vector, read_model_file, split_trees, write_model_file
 from ._nodes import ForestNodes, RegressionNodes
 from ._settings import POOL_SIZE, resolve_settings, thread_count
 
@@ -121,7 +121,7 @@ def load(path, extra):
         n_jobs is None or type(n_jobs) is int and (n_jobs <= -1 or 1 <= n_jobs <= POOL_SIZE),
         f"n_jobs {n_jobs!r} is not a thread count",
     )
-    classes = None if task == "regression" else _checked_classes(arrays)
+    classes = None if task == "regression" else checked_classes(arrays)
     trees = split_trees(arrays["nodes"], arrays["tree_sizes"], n_features, None if classes is None else len(classes))
     nodes = (RegressionNodes if classes is None else ForestNodes).from_tree_arrays(trees)
     importances = float_vector(arrays["feature_importances"], n_features, "feature_importances")
@@ -129,15 +129,6 @@ def load(path, extra):
     fill = None if fill is None else float_vector(fill, n_features, "missing_value_fill")
     forest = LearntForest(task, metadata["params"], n_features, classes, nodes, importances, fill)
     return forest, {name: arrays[name] for name in extra}
-
-
-def _checked_classes(arrays):
-    check("classes" in arrays, "missing classes")
-    classes = arrays["classes"]
-    check(classes.ndim == 1 and len(classes) >= 1, "classes must be a non-empty vector")
-    check(classes.dtype.kind in "biufUS", "classes must be numbers, bools or strings")
-    check(np.array_equal(np.unique(classes), classes), "classes must be sorted and distinct")
-    return classes
 
 
 def _oob_score(out_of_bag, labels, classes):

@@ -16,7 +16,7 @@ from ._export_explain import ExportExplainMixin
 from ._features import as_module_dtype, check_splittable, fill_missing, learning_features, upper_medians
 from ._fork import threads_for_call
 from ._learning import CRITERION_NAMES, learn_forest
-from ._model_file import check, float_vector, split_trees, write_model_file
+from ._model_file import check, checked_classes, float_vector, split_trees, write_model_file
 from ._nodes import ForestNodes
 from ._out_of_bag import out_of_bag_estimates
 from ._settings import MAX_INT32, PAIRS, POOL_SIZE, resolve_settings, thread_count
@@ -587,12 +587,7 @@ class RandomForestClassifier(ClassifierMixin, ForestEstimator):
 
     @staticmethod
     def _task_from_model(arrays):
-        check("classes" in arrays, "missing classes")
-        classes = arrays["classes"]
-        check(classes.ndim == 1 and len(classes) >= 1, "classes must be a non-empty vector")
-        check(classes.dtype.kind in "biufUS", "classes must be numbers, bools or strings")
-        check(np.array_equal(np.unique(classes), classes), "classes must be sorted and distinct")
-        return classes
+        return checked_classes(arrays)
 
     @staticmethod
     def _leaf_classes(classes):

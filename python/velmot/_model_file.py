@@ -94,6 +94,16 @@ def check(condition, problem):
         raise ValueError(f"damaged velmot forest file: {problem}")
 
 
+def checked_classes(arrays):
+    """A classifier file's class labels, checked as prediction reads them."""
+    check("classes" in arrays, "missing classes")
+    classes = arrays["classes"]
+    check(classes.ndim == 1 and len(classes) >= 1, "classes must be a non-empty vector")
+    check(classes.dtype.kind in "biufUS", "classes must be numbers, bools or strings")
+    check(np.array_equal(np.unique(classes), classes), "classes must be sorted and distinct")
+    return classes
+
+
 def _read_open(file, name, names):
     try:
         with zipfile.ZipFile(file) as archive:
