@@ -15,7 +15,8 @@
 //         out_of_bag, sample_weight) -> dict (with out_of_bag, the out-of-bag
 //         estimates: see forest_dict)
 //         (criterion "squared_error" for targets, the others for codes)
-//   PreparedForest(forest dict, n_classes)        checked and laid out once
+//   PreparedForest(forest dict, n_classes, n_threads=1)
+//                                                 checked and laid out once
 //         (n_classes 0 for a regression forest)
 //   predict(forest dict or PreparedForest, X, n_classes, n_threads, proba)
 //       -> codes or vote fractions
@@ -236,33 +237,35 @@ py::tuple decision_path(const py::dict& forest, const py::array& samples, int64_
 }
 
 // A forest of node arrays, checked against n_classes (0: a regression
-// forest) and laid out as the predictor walks it: made once, it serves any
-// number of predictions (laying out W1's 100 trees of 12,500 nodes takes
-// 18 ms of CPU, as long as predicting 5,000 instances).
+// forest) and laid out as the predictor walks it, its trees shared among
+// n_threads: made once, it serves any number of predictions (checking and
+// laying out W5's 100 trees of 126,000 nodes takes about as long as
+// predicting 25,000 instances).
 struct PreparedForest {
   Velmot::FlatForest trees;
   int64_t num_classes;
 };
 
-PreparedForest prepare_forest(const py::dict& forest, int64_t num_classes) {
+PreparedForest prepare_forest(const py::dict& forest, int64_t num_classes, int num_threads) {
   PreparedForest prepared{Velmot::FlatForest(), num_classes};
-  auto lay_out = [&prepared](const auto& view) {
+  auto lay_out = [&](const auto& view, size_t classes) {
+    if (num_threads < 1) throw py::value_error("n_threads must be at least 1");
     py::gil_scoped_release released;
-    prepared.trees = Velmot::flat_forest_of(view);
+    prepared.trees = Velmot::checked_flat_forest_of(view, classes, num_threads);
   };
   if (num_classes == 0) {
-    const PyVelmot::core::HeldNodeArrays<double> held = PyVelmot::core::forest_arrays_view<double>(forest);
-    Velmot::check_forest_arrays(held.view, 0);
-    lay_out(held.view);
+    lay_out(PyVelmot::core::forest_arrays_view<double>(forest).view, 0);
   } else {
-    lay_out(checked_forest(forest, num_classes).view);
+    const PyVelmot::core::HeldForest held = PyVelmot::core::forest_arrays_view(forest);
+    if (num_classes < 1 || num_classes > 2147483645) throw py::value_error("n_classes must be in [1, 2147483645]");
+    lay_out(held.view, static_cast<size_t>(num_classes));
   }
   return prepared;
 }
 
 // The PreparedForest passed as `forest`, or one made from its dict of node
 // arrays (held by `made`).
-const PreparedForest& prepared_forest(const py::object& forest, int64_t num_classes,
+const PreparedForest& prepared_forest(const py::object& forest, int64_t num_classes, int num_threads,
                                       std::unique_ptr<PreparedForest>& made) {
   if (py::isinstance<PreparedForest>(forest)) {
     const PreparedForest& prepared = forest.cast<const PreparedForest&>();
@@ -271,7 +274,7 @@ const PreparedForest& prepared_forest(const py::object& forest, int64_t num_clas
   }
   if (!py::isinstance<py::dict>(forest))
     throw py::type_error("forest must be a dict of node arrays or a PreparedForest");
-  made = std::make_unique<PreparedForest>(prepare_forest(forest.cast<py::dict>(), num_classes));
+  made = std::make_unique<PreparedForest>(prepare_forest(forest.cast<py::dict>(), num_classes, num_threads));
   return *made;
 }
 
@@ -283,7 +286,7 @@ py::array predict(const py::object& forest, const py::array& samples, int64_t nu
                   bool proba) {
   if (num_classes < 1) throw py::value_error("n_classes must be in [1, 2147483645]");
   std::unique_ptr<PreparedForest> made;
-  const PreparedForest* prepared = &prepared_forest(forest, num_classes, made);
+  const PreparedForest* prepared = &prepared_forest(forest, num_classes, num_threads, made);
   PyVelmot::core::require_ndim(samples, "X", 2);
   if (num_threads < 1) throw py::value_error("n_threads must be at least 1");
   const py::ssize_t num_samples = samples.shape(0);
@@ -323,7 +326,7 @@ py::array predict(const py::object& forest, const py::array& samples, int64_t nu
 // n_features): each the mean of its trees' leaves.
 py::array_t<double> predict_mean(const py::object& forest, const py::array& samples, int num_threads) {
   std::unique_ptr<PreparedForest> made;
-  const PreparedForest& prepared = prepared_forest(forest, 0, made);
+  const PreparedForest& prepared = prepared_forest(forest, 0, num_threads, made);
   PyVelmot::core::require_ndim(samples, "X", 2);
   if (num_threads < 1) throw py::value_error("n_threads must be at least 1");
   py::array_t<double> out(samples.shape(0));
@@ -371,7 +374,7 @@ PYBIND11_MODULE(_core, m) {
         py::arg("sample_weight") = py::none(),
         "Trees [first_tree, last_tree) of the forest of `seed`: a dict of node arrays and per-tree importances.");
   py::class_<PreparedForest>(m, "PreparedForest")
-      .def(py::init(&prepare_forest), py::arg("forest"), py::arg("n_classes"))
+      .def(py::init(&prepare_forest), py::arg("forest"), py::arg("n_classes"), py::arg("n_threads") = 1)
       .def_property_readonly("n_classes", [](const PreparedForest& forest) { return forest.num_classes; });
   m.def("predict", &predict, py::arg("forest"), py::arg("X"), py::arg("n_classes"), py::arg("n_threads"),
         py::arg("proba"),

@@ -574,7 +574,7 @@ class RandomForestClassifier(ClassifierMixin, ForestEstimator):
 
     def _predict_codes_or_proba(self, X, *, proba):
         _, samples, n_classes, n_threads = self._walk_arguments(X)
-        return _core.predict(self.nodes_.prepared(n_classes), samples, n_classes, n_threads, proba)
+        return _core.predict(self.nodes_.prepared(n_classes, n_threads), samples, n_classes, n_threads, proba)
 
     # -- model files -----------------------------------------------------
 
