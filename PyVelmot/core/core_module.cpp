@@ -12,8 +12,9 @@
 //   learn(data, criterion, seed, first_tree, last_tree, sample_prop,
 //         features_per_split, max_depth, n_threads, on_progress,
 //         min_leaf_size, min_samples_leaf, min_impurity_decrease,
-//         out_of_bag, sample_weight) -> dict (with out_of_bag, the out-of-bag
-//         estimates: see forest_dict)
+//         out_of_bag, sample_weight, prepare=False) -> dict (with out_of_bag,
+//         the out-of-bag estimates; with prepare, the PreparedForest, laid
+//         out as the trees are grown: see forest_dict)
 //         (criterion "squared_error" for targets, the others for codes)
 //   PreparedForest(forest dict, n_classes, n_threads=1)
 //                                                 checked and laid out once
@@ -70,6 +71,13 @@ py::array_t<T> to_numpy(std::vector<T>& values) {
   return py::array_t<T>(static_cast<py::ssize_t>(vector.size()), vector.data(), owner);
 }
 
+// A forest checked against n_classes (0: a regression forest) and laid out
+// as the predictor walks it: made once, it serves any number of predictions.
+struct PreparedForest {
+  Velmot::FlatForest trees;
+  int64_t num_classes;
+};
+
 // Learns with Criterion when the data's labels are L (int codes for the
 // classification criteria, double targets for squared error).
 template <class L, class Criterion>
@@ -84,10 +92,11 @@ Velmot::SeededForestOf<L> learn_with(const TrainingData& data, const Velmot::See
   });
 }
 
-// The node arrays and per-tree importances of a forest, with its out-of-bag
-// estimates if asked: for class codes "oob_votes" (n_samples x n_classes),
-// for targets "oob_counts" (out-of-bag trees per sample) and "oob_sums"
-// (the sums of their predictions, added in tree order).
+// The node arrays and per-tree importances of a forest, its PreparedForest
+// as "prepared" if it was laid out, and its out-of-bag estimates if asked:
+// for class codes "oob_votes" (n_samples x n_classes), for targets
+// "oob_counts" (out-of-bag trees per sample) and "oob_sums" (the sums of
+// their predictions, added in tree order).
 template <class L>
 py::dict forest_dict(Velmot::SeededForestOf<L>& forest, int64_t num_trees, const TrainingData& data, bool out_of_bag) {
   Velmot::NodeArrays<L>& trees = forest.trees;
@@ -102,6 +111,10 @@ py::dict forest_dict(Velmot::SeededForestOf<L>& forest, int64_t num_trees, const
   result["impurity"] = to_numpy(trees.impurity);
   py::array_t<double> importances = to_numpy(forest.tree_importances);
   result["importances"] = importances.reshape({num_trees, static_cast<int64_t>(data.num_features())});
+  if (!forest.laid_out.empty()) {
+    const int64_t num_classes = std::is_integral<L>::value ? static_cast<int64_t>(data.num_classes()) : 0;
+    result["prepared"] = py::cast(PreparedForest{std::move(forest.laid_out), num_classes});
+  }
   if (!out_of_bag) return result;
   py::array_t<int32_t> counts = to_numpy(forest.oob_counts);
   if constexpr (std::is_integral<L>::value) {
@@ -119,8 +132,9 @@ py::dict forest_dict(Velmot::SeededForestOf<L>& forest, int64_t num_trees, const
 py::dict learn(const TrainingData& data, const std::string& criterion, uint64_t seed, int64_t first_tree,
                int64_t last_tree, double sample_prop, int features_per_split, int max_depth, int num_threads,
                const py::object& on_progress, int min_leaf_size, int64_t min_samples_leaf, double min_impurity_decrease,
-               bool out_of_bag, const py::object& sample_weight) {
+               bool out_of_bag, const py::object& sample_weight, bool prepare) {
   Velmot::SeededForestSettings settings;
+  settings.lay_out = prepare;
   settings.seed = seed;
   settings.first_tree = first_tree;
   settings.last_tree = last_tree;
@@ -236,16 +250,9 @@ py::tuple decision_path(const py::dict& forest, const py::array& samples, int64_
   return py::make_tuple(to_numpy(paths.rows), to_numpy(paths.nodes));
 }
 
-// A forest of node arrays, checked against n_classes (0: a regression
-// forest) and laid out as the predictor walks it, its trees shared among
-// n_threads: made once, it serves any number of predictions (checking and
-// laying out W5's 100 trees of 126,000 nodes takes about as long as
-// predicting 25,000 instances).
-struct PreparedForest {
-  Velmot::FlatForest trees;
-  int64_t num_classes;
-};
-
+// The PreparedForest of a forest of node arrays, its trees shared among
+// n_threads (checking and laying out W5's 100 trees of 126,000 nodes takes
+// about as long as predicting 25,000 instances).
 PreparedForest prepare_forest(const py::dict& forest, int64_t num_classes, int num_threads) {
   PreparedForest prepared{Velmot::FlatForest(), num_classes};
   auto lay_out = [&](const auto& view, size_t classes) {
@@ -371,7 +378,7 @@ PYBIND11_MODULE(_core, m) {
         py::arg("min_leaf_size") = Velmot::GrowthLimits().min_leaf_size,
         py::arg("min_samples_leaf") = Velmot::GrowthLimits().leaf.min_side,
         py::arg("min_impurity_decrease") = Velmot::GrowthLimits().min_impurity_decrease, py::arg("out_of_bag") = false,
-        py::arg("sample_weight") = py::none(),
+        py::arg("sample_weight") = py::none(), py::arg("prepare") = false,
         "Trees [first_tree, last_tree) of the forest of `seed`: a dict of node arrays and per-tree importances.");
   py::class_<PreparedForest>(m, "PreparedForest")
       .def(py::init(&prepare_forest), py::arg("forest"), py::arg("n_classes"), py::arg("n_threads") = 1)

@@ -125,6 +125,7 @@ class ForestEstimator(ExportExplainMixin, BaseEstimator):
             random_state=self.random_state,
             verbose=self.verbose,
             sample_weight=weights,
+            lay_out=True,
         )
         self._set_fitted(targets, nodes, importances, medians)
         self._set_out_of_bag(out_of_bag, labels)

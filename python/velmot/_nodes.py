@@ -73,6 +73,11 @@ class ForestNodes:
             _PREPARED[self] = prepared
         return prepared
 
+    def keep_prepared(self, prepared):
+        """Keeps ``prepared`` (made by the learning call) as these nodes'
+        PreparedForest."""
+        _PREPARED[self] = prepared
+
     def _rows(self):
         return (self.left, self.right, self.feature, self.threshold, self.value)
 

@@ -1,6 +1,7 @@
 """velmot.RandomForestRegressor: trees recomputed by an independent
 squared-error learner, precision, accuracy beside scikit-learn, model files."""
 
+import functools
 import io
 import pickle
 from collections import deque
@@ -117,9 +118,7 @@ def test_predictions_are_leaf_values_added_in_tree_order_whatever_the_node_numbe
     X, y = make_friedman1(n_samples=301, n_features=6, random_state=0)
     forest = RandomForestRegressor(n_estimators=7, n_jobs=n_jobs, random_state=0).fit(X, y)
     nodes = forest.nodes_
-    expected = np.zeros(len(X))
-    for leaf_values in nodes.value[forest.apply(X) + nodes.offsets[:-1]].T:
-        expected += leaf_values
+    expected = functools.reduce(np.add, nodes.value[forest.apply(X) + nodes.offsets[:-1]].T)
     np.testing.assert_array_equal(forest.predict(X), expected / 7)
     # Depth first instead of breadth first: siblings apart, children still after their parents.
     order, number = [], np.empty(len(nodes.left), dtype=np.int32)
@@ -130,12 +129,11 @@ def test_predictions_are_leaf_values_added_in_tree_order_whatever_the_node_numbe
             number[node] = len(order) - begin
             order.append(node)
             pending += [nodes.right[node], nodes.left[node]] if nodes.left[node] >= 0 else []
-    renumbered = {name: array[order] for name, array in nodes.as_dict().items() if name != "offsets"}
+    renumbered = {name: array if name == "offsets" else array[order] for name, array in nodes.as_dict().items()}
     tree_start = np.repeat(nodes.offsets[:-1], np.diff(nodes.offsets))
     for side in ("left", "right"):
         renumbered[side] = np.where(renumbered[side] >= 0, number[renumbered[side] + tree_start], -1)
-    predicted = velmot._core.predict_mean({**renumbered, "offsets": nodes.offsets}, X, n_jobs)
-    np.testing.assert_array_equal(predicted, expected / 7)
+    np.testing.assert_array_equal(velmot._core.predict_mean(renumbered, X, n_jobs), expected / 7)
 
 
 @pytest.mark.parametrize("data", [load_diabetes, lambda return_X_y: make_friedman1(n_samples=2000, random_state=0)])

@@ -27,6 +27,7 @@
 #include "velmot/defs/exception.h"
 #include "velmot/defs/parallel.h"
 #include "velmot/learn/flat_forest.h"
+#include "velmot/learn/forest_arrays.h"
 
 namespace Velmot {
 
@@ -165,7 +166,18 @@ FlatTree lay_out_tree(const NodeArraysView<Value>& forest, size_t k, LayoutScrat
 
 }  // namespace forest_arrays_detail
 
-// check_forest_arrays and flat_forest_of in one: the forest checked and
+// A learner's tree, one tree of node arrays with two children to every
+// split, laid out for prediction.
+template <class Value>
+FlatTree lay_out_grown_tree(const NodeArrays<Value>& tree, forest_arrays_detail::LayoutScratch& scratch) {
+  const NodeArraysView<Value> view{tree.offsets.data(), 1,
+                                   tree.left.data(),    tree.right.data(),
+                                   tree.feature.data(), tree.threshold.data(),
+                                   tree.value.data(),   tree.num_nodes()};
+  return forest_arrays_detail::lay_out_tree(view, 0, scratch);
+}
+
+// check_forest_arrays and the layout in one: the forest checked and
 // laid out for prediction, its trees shared among num_threads workers,
 // each tree laid out right after its check, while its arrays are in cache.
 // Refuses the forest with the fault check_forest_arrays reports.
