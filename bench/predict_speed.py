@@ -11,8 +11,8 @@ peers of the targets). A round loads each model in its own process
 and times its first predict call, which for Velmot includes laying the
 forest out, as bench/run.py counts it, then a second call. Figures are
 medians over the rounds, with the smallest and largest beside them, and
-the ratio Velmot / peer per round: the machine may be shared. Nothing is
-asserted.
+the ratio Velmot / peer per round; Velmot's CPU seconds (all threads) too,
+steadier than wall time when the machine is shared. Nothing is asserted.
 """
 
 import argparse
@@ -49,9 +49,9 @@ else:
         model = pickle.load(f)
 times = []
 for _ in range(2):
-    started = time.perf_counter()
+    started, started_cpu = time.perf_counter(), time.process_time()
     predicted = model.predict(X)
-    times.append(time.perf_counter() - started)
+    times += [time.perf_counter() - started, time.process_time() - started_cpu]
 np.save(f"{folder}/{workload}_{library}_predicted.npy", predicted)
 print(*times)
 """
@@ -89,7 +89,7 @@ def spread(values):
 def measure(folder, rounds):
     for workload, peer in PEERS.items():
         seconds = {"velmot": [], peer: []}
-        again = []
+        cpu, again, again_cpu = [], [], []
         for _ in range(rounds):
             for library in seconds:
                 out = subprocess.run(
@@ -100,10 +100,13 @@ def measure(folder, rounds):
                 ).stdout.split()
                 seconds[library].append(float(out[0]))
                 if library == "velmot":
-                    again.append(float(out[1]))
+                    cpu.append(float(out[1]))
+                    again.append(float(out[2]))
+                    again_cpu.append(float(out[3]))
         ratios = [v / p for v, p in zip(seconds["velmot"], seconds[peer])]
         print(
-            f"{workload}: Velmot first predict {spread(seconds['velmot'])} s, second {spread(again)} s; "
+            f"{workload}: Velmot first predict {spread(seconds['velmot'])} s (CPU {spread(cpu)}), "
+            f"second {spread(again)} s (CPU {spread(again_cpu)}); "
             f"{peer} {spread(seconds[peer])} s; ratio {spread(ratios)}  (load {os.getloadavg()[0]:.2f})",
             flush=True,
         )
