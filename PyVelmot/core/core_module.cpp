@@ -12,10 +12,12 @@
 //   learn(data, criterion, seed, first_tree, last_tree, sample_prop,
 //         features_per_split, max_depth, n_threads, on_progress,
 //         min_leaf_size, min_samples_leaf, min_impurity_decrease,
-//         out_of_bag, sample_weight) -> dict (with out_of_bag, the out-of-bag
-//         estimates: see forest_dict)
+//         out_of_bag, sample_weight, prepare=False) -> dict (with out_of_bag,
+//         the out-of-bag estimates; with prepare, the PreparedForest, laid
+//         out as the trees are grown: see forest_dict)
 //         (criterion "squared_error" for targets, the others for codes)
-//   PreparedForest(forest dict, n_classes)        checked and laid out once
+//   PreparedForest(forest dict, n_classes, n_threads=1)
+//                                                 checked and laid out once
 //         (n_classes 0 for a regression forest)
 //   predict(forest dict or PreparedForest, X, n_classes, n_threads, proba)
 //       -> codes or vote fractions
@@ -69,6 +71,13 @@ py::array_t<T> to_numpy(std::vector<T>& values) {
   return py::array_t<T>(static_cast<py::ssize_t>(vector.size()), vector.data(), owner);
 }
 
+// A forest checked against n_classes (0: a regression forest) and laid out
+// as the predictor walks it: made once, it serves any number of predictions.
+struct PreparedForest {
+  Velmot::FlatForest trees;
+  int64_t num_classes;
+};
+
 // Learns with Criterion when the data's labels are L (int codes for the
 // classification criteria, double targets for squared error).
 template <class L, class Criterion>
@@ -83,10 +92,11 @@ Velmot::SeededForestOf<L> learn_with(const TrainingData& data, const Velmot::See
   });
 }
 
-// The node arrays and per-tree importances of a forest, with its out-of-bag
-// estimates if asked: for class codes "oob_votes" (n_samples x n_classes),
-// for targets "oob_counts" (out-of-bag trees per sample) and "oob_sums"
-// (the sums of their predictions, added in tree order).
+// The node arrays and per-tree importances of a forest, its PreparedForest
+// as "prepared" if it was laid out, and its out-of-bag estimates if asked:
+// for class codes "oob_votes" (n_samples x n_classes), for targets
+// "oob_counts" (out-of-bag trees per sample) and "oob_sums" (the sums of
+// their predictions, added in tree order).
 template <class L>
 py::dict forest_dict(Velmot::SeededForestOf<L>& forest, int64_t num_trees, const TrainingData& data, bool out_of_bag) {
   Velmot::NodeArrays<L>& trees = forest.trees;
@@ -101,6 +111,10 @@ py::dict forest_dict(Velmot::SeededForestOf<L>& forest, int64_t num_trees, const
   result["impurity"] = to_numpy(trees.impurity);
   py::array_t<double> importances = to_numpy(forest.tree_importances);
   result["importances"] = importances.reshape({num_trees, static_cast<int64_t>(data.num_features())});
+  if (!forest.laid_out.empty()) {
+    const int64_t num_classes = std::is_integral<L>::value ? static_cast<int64_t>(data.num_classes()) : 0;
+    result["prepared"] = py::cast(PreparedForest{std::move(forest.laid_out), num_classes});
+  }
   if (!out_of_bag) return result;
   py::array_t<int32_t> counts = to_numpy(forest.oob_counts);
   if constexpr (std::is_integral<L>::value) {
@@ -118,8 +132,9 @@ py::dict forest_dict(Velmot::SeededForestOf<L>& forest, int64_t num_trees, const
 py::dict learn(const TrainingData& data, const std::string& criterion, uint64_t seed, int64_t first_tree,
                int64_t last_tree, double sample_prop, int features_per_split, int max_depth, int num_threads,
                const py::object& on_progress, int min_leaf_size, int64_t min_samples_leaf, double min_impurity_decrease,
-               bool out_of_bag, const py::object& sample_weight) {
+               bool out_of_bag, const py::object& sample_weight, bool prepare) {
   Velmot::SeededForestSettings settings;
+  settings.lay_out = prepare;
   settings.seed = seed;
   settings.first_tree = first_tree;
   settings.last_tree = last_tree;
@@ -235,34 +250,29 @@ py::tuple decision_path(const py::dict& forest, const py::array& samples, int64_
   return py::make_tuple(to_numpy(paths.rows), to_numpy(paths.nodes));
 }
 
-// A forest of node arrays, checked against n_classes (0: a regression
-// forest) and laid out as the predictor walks it: made once, it serves any
-// number of predictions (laying out W1's 100 trees of 12,500 nodes takes
-// 18 ms of CPU, as long as predicting 5,000 instances).
-struct PreparedForest {
-  Velmot::FlatForest trees;
-  int64_t num_classes;
-};
-
-PreparedForest prepare_forest(const py::dict& forest, int64_t num_classes) {
+// The PreparedForest of a forest of node arrays, its trees shared among
+// n_threads (checking and laying out W5's 100 trees of 126,000 nodes takes
+// about as long as predicting 25,000 instances).
+PreparedForest prepare_forest(const py::dict& forest, int64_t num_classes, int num_threads) {
   PreparedForest prepared{Velmot::FlatForest(), num_classes};
-  auto lay_out = [&prepared](const auto& view) {
+  auto lay_out = [&](const auto& view, size_t classes) {
+    if (num_threads < 1) throw py::value_error("n_threads must be at least 1");
     py::gil_scoped_release released;
-    prepared.trees = Velmot::flat_forest_of(view);
+    prepared.trees = Velmot::checked_flat_forest_of(view, classes, num_threads);
   };
   if (num_classes == 0) {
-    const PyVelmot::core::HeldNodeArrays<double> held = PyVelmot::core::forest_arrays_view<double>(forest);
-    Velmot::check_forest_arrays(held.view, 0);
-    lay_out(held.view);
+    lay_out(PyVelmot::core::forest_arrays_view<double>(forest).view, 0);
   } else {
-    lay_out(checked_forest(forest, num_classes).view);
+    const PyVelmot::core::HeldForest held = PyVelmot::core::forest_arrays_view(forest);
+    if (num_classes < 1 || num_classes > 2147483645) throw py::value_error("n_classes must be in [1, 2147483645]");
+    lay_out(held.view, static_cast<size_t>(num_classes));
   }
   return prepared;
 }
 
 // The PreparedForest passed as `forest`, or one made from its dict of node
 // arrays (held by `made`).
-const PreparedForest& prepared_forest(const py::object& forest, int64_t num_classes,
+const PreparedForest& prepared_forest(const py::object& forest, int64_t num_classes, int num_threads,
                                       std::unique_ptr<PreparedForest>& made) {
   if (py::isinstance<PreparedForest>(forest)) {
     const PreparedForest& prepared = forest.cast<const PreparedForest&>();
@@ -271,7 +281,7 @@ const PreparedForest& prepared_forest(const py::object& forest, int64_t num_clas
   }
   if (!py::isinstance<py::dict>(forest))
     throw py::type_error("forest must be a dict of node arrays or a PreparedForest");
-  made = std::make_unique<PreparedForest>(prepare_forest(forest.cast<py::dict>(), num_classes));
+  made = std::make_unique<PreparedForest>(prepare_forest(forest.cast<py::dict>(), num_classes, num_threads));
   return *made;
 }
 
@@ -283,7 +293,7 @@ py::array predict(const py::object& forest, const py::array& samples, int64_t nu
                   bool proba) {
   if (num_classes < 1) throw py::value_error("n_classes must be in [1, 2147483645]");
   std::unique_ptr<PreparedForest> made;
-  const PreparedForest* prepared = &prepared_forest(forest, num_classes, made);
+  const PreparedForest* prepared = &prepared_forest(forest, num_classes, num_threads, made);
   PyVelmot::core::require_ndim(samples, "X", 2);
   if (num_threads < 1) throw py::value_error("n_threads must be at least 1");
   const py::ssize_t num_samples = samples.shape(0);
@@ -323,7 +333,7 @@ py::array predict(const py::object& forest, const py::array& samples, int64_t nu
 // n_features): each the mean of its trees' leaves.
 py::array_t<double> predict_mean(const py::object& forest, const py::array& samples, int num_threads) {
   std::unique_ptr<PreparedForest> made;
-  const PreparedForest& prepared = prepared_forest(forest, 0, made);
+  const PreparedForest& prepared = prepared_forest(forest, 0, num_threads, made);
   PyVelmot::core::require_ndim(samples, "X", 2);
   if (num_threads < 1) throw py::value_error("n_threads must be at least 1");
   py::array_t<double> out(samples.shape(0));
@@ -368,10 +378,10 @@ PYBIND11_MODULE(_core, m) {
         py::arg("min_leaf_size") = Velmot::GrowthLimits().min_leaf_size,
         py::arg("min_samples_leaf") = Velmot::GrowthLimits().leaf.min_side,
         py::arg("min_impurity_decrease") = Velmot::GrowthLimits().min_impurity_decrease, py::arg("out_of_bag") = false,
-        py::arg("sample_weight") = py::none(),
+        py::arg("sample_weight") = py::none(), py::arg("prepare") = false,
         "Trees [first_tree, last_tree) of the forest of `seed`: a dict of node arrays and per-tree importances.");
   py::class_<PreparedForest>(m, "PreparedForest")
-      .def(py::init(&prepare_forest), py::arg("forest"), py::arg("n_classes"))
+      .def(py::init(&prepare_forest), py::arg("forest"), py::arg("n_classes"), py::arg("n_threads") = 1)
       .def_property_readonly("n_classes", [](const PreparedForest& forest) { return forest.num_classes; });
   m.def("predict", &predict, py::arg("forest"), py::arg("X"), py::arg("n_classes"), py::arg("n_threads"),
         py::arg("proba"),

@@ -46,7 +46,8 @@ class LearntForest:
     def predict(self, X):
         """The estimators' predict of X, whose columns are the forest's features."""
         if self.classes_ is None:
-            return _core.predict_mean(self.nodes.prepared(0), *self._samples(X))
+            samples, n_threads = self._samples(X)
+            return _core.predict_mean(self.nodes.prepared(0, n_threads), samples, n_threads)
         return self.classes_[self._predict_codes_or_proba(X, proba=False)]
 
     def predict_proba(self, X):
@@ -55,7 +56,7 @@ class LearntForest:
     def _predict_codes_or_proba(self, X, *, proba):
         samples, n_threads = self._samples(X)
         n_classes = len(self.classes_)
-        return _core.predict(self.nodes.prepared(n_classes), samples, n_classes, n_threads, proba)
+        return _core.predict(self.nodes.prepared(n_classes, n_threads), samples, n_classes, n_threads, proba)
 
     def _samples(self, X):
         n_threads = threads_for_call(thread_count(self.params.get("n_jobs")))

@@ -125,6 +125,7 @@ class ForestEstimator(ExportExplainMixin, BaseEstimator):
             random_state=self.random_state,
             verbose=self.verbose,
             sample_weight=weights,
+            lay_out=True,
         )
         self._set_fitted(targets, nodes, importances, medians)
         self._set_out_of_bag(out_of_bag, labels)
@@ -574,7 +575,7 @@ class RandomForestClassifier(ClassifierMixin, ForestEstimator):
 
     def _predict_codes_or_proba(self, X, *, proba):
         _, samples, n_classes, n_threads = self._walk_arguments(X)
-        return _core.predict(self.nodes_.prepared(n_classes), samples, n_classes, n_threads, proba)
+        return _core.predict(self.nodes_.prepared(n_classes, n_threads), samples, n_classes, n_threads, proba)
 
     # -- model files -----------------------------------------------------
 

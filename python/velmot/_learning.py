@@ -50,12 +50,13 @@ def prepare(features, labels, *, n_classes, settings, in_place=True):
     return _core.TrainingData(features, labels, n_classes, threads_for_call(settings.n_threads), in_place)
 
 
-def learn_trees(data, *, first_tree, last_tree, seed, settings, on_progress=None, sample_weight=None):
+def learn_trees(data, *, first_tree, last_tree, seed, settings, on_progress=None, sample_weight=None, lay_out=False):
     """Trees [first_tree, last_tree) of the forest of ``seed``: (ForestNodes,
     per-tree importance rows, NaN rows for trees without an informative
     split, out-of-bag estimates or None: {"oob_votes": per sample and class}
     for classes, {"oob_counts": trees per sample, "oob_sums": their
-    predictions summed in tree order} for targets)."""
+    predictions summed in tree order} for targets). With ``lay_out``, the
+    nodes come with their prediction layout, made as the trees are grown."""
     result = _core.learn(
         data,
         criterion=CRITERION_NAMES[settings.criterion],
@@ -69,16 +70,23 @@ def learn_trees(data, *, first_tree, last_tree, seed, settings, on_progress=None
         on_progress=on_progress,
         **settings.controls(),
         sample_weight=sample_weight,
+        prepare=lay_out,
     )
     importances = result.pop("importances")
+    prepared = result.pop("prepared", None)
     out_of_bag = {name: result.pop(name) for name in ("oob_votes", "oob_counts", "oob_sums") if name in result}
-    nodes = RegressionNodes if settings.criterion == "squared_error" else ForestNodes
-    return nodes(**result), importances, out_of_bag or None
+    nodes = (RegressionNodes if settings.criterion == "squared_error" else ForestNodes)(**result)
+    if prepared is not None:
+        nodes.keep_prepared(prepared)
+    return nodes, importances, out_of_bag or None
 
 
-def learn_forest(features, labels, *, n_classes, n_trees, settings, random_state, verbose, sample_weight=None):
+def learn_forest(
+    features, labels, *, n_classes, n_trees, settings, random_state, verbose, sample_weight=None, lay_out=False
+):
     """Learn n_trees trees in one call: (ForestNodes, importances or None,
-    out-of-bag estimates or None)."""
+    out-of-bag estimates or None); with ``lay_out``, the nodes come with
+    their prediction layout (for an estimator, which predicts in-process)."""
     data = prepare(features, labels, n_classes=n_classes, settings=settings)
     with _progress_bar(n_trees, verbose) as progress:
         nodes, rows, out_of_bag = learn_trees(
@@ -89,6 +97,7 @@ def learn_forest(features, labels, *, n_classes, n_trees, settings, random_state
             settings=settings,
             on_progress=(lambda done: progress.update(done - progress.n)) if verbose > 0 else None,
             sample_weight=sample_weight,
+            lay_out=lay_out,
         )
     return nodes, mean_importances(rows), out_of_bag
 

@@ -62,15 +62,21 @@ class ForestNodes:
     def as_dict(self):
         return {field.name: getattr(self, field.name) for field in fields(self)}
 
-    def prepared(self, n_classes):
+    def prepared(self, n_classes, n_threads):
         """The core's checked, laid-out copy of these nodes for prediction,
-        made on first use and kept while the nodes live: laying out a large
-        forest costs as much as predicting thousands of samples."""
+        made on first use (on n_threads) and kept while the nodes live:
+        laying out a large forest costs as much as predicting thousands of
+        samples."""
         prepared = _PREPARED.get(self)
         if prepared is None or prepared.n_classes != n_classes:
-            prepared = _core.PreparedForest(self.as_dict(), n_classes)
+            prepared = _core.PreparedForest(self.as_dict(), n_classes, n_threads)
             _PREPARED[self] = prepared
         return prepared
+
+    def keep_prepared(self, prepared):
+        """Keeps ``prepared`` (made by the learning call) as these nodes'
+        PreparedForest."""
+        _PREPARED[self] = prepared
 
     def _rows(self):
         return (self.left, self.right, self.feature, self.threshold, self.value)

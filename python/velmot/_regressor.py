@@ -149,7 +149,7 @@ class RandomForestRegressor(RegressorMixin, ForestEstimator):
             Predicted targets, float64.
         """
         samples, n_threads = self._prepared_samples(X)
-        return _core.predict_mean(self.nodes_.prepared(0), samples, n_threads)
+        return _core.predict_mean(self.nodes_.prepared(0, n_threads), samples, n_threads)
 
     def _check_targets(self, y):
         if not np.all(np.abs(y) <= MAX_TARGET):

@@ -1,6 +1,7 @@
 """velmot.RandomForestRegressor: trees recomputed by an independent
 squared-error learner, precision, accuracy beside scikit-learn, model files."""
 
+import functools
 import io
 import pickle
 from collections import deque
@@ -110,6 +111,29 @@ def test_targets_offset_by_a_million_give_the_same_splits():
     splits = near.nodes_.feature >= 0  # a depth-limited leaf keeps the threshold of a split it did not make
     np.testing.assert_array_equal(near.nodes_.threshold[splits], far.nodes_.threshold[splits])
     np.testing.assert_allclose(far.predict(X) - 1e6, near.predict(X), atol=1e-9)
+
+
+@pytest.mark.parametrize("n_jobs", [1, 2])
+def test_predictions_are_leaf_values_added_in_tree_order_whatever_the_node_numbering(n_jobs):
+    X, y = make_friedman1(n_samples=301, n_features=6, random_state=0)
+    forest = RandomForestRegressor(n_estimators=7, n_jobs=n_jobs, random_state=0).fit(X, y)
+    nodes = forest.nodes_
+    expected = functools.reduce(np.add, nodes.value[forest.apply(X) + nodes.offsets[:-1]].T)
+    np.testing.assert_array_equal(forest.predict(X), expected / 7)
+    # Depth first instead of breadth first: siblings apart, children still after their parents.
+    order, number = [], np.empty(len(nodes.left), dtype=np.int32)
+    for begin in nodes.offsets[:-1]:
+        pending = [0]
+        while pending:
+            node = begin + pending.pop()
+            number[node] = len(order) - begin
+            order.append(node)
+            pending += [nodes.right[node], nodes.left[node]] if nodes.left[node] >= 0 else []
+    renumbered = {name: array if name == "offsets" else array[order] for name, array in nodes.as_dict().items()}
+    tree_start = np.repeat(nodes.offsets[:-1], np.diff(nodes.offsets))
+    for side in ("left", "right"):
+        renumbered[side] = np.where(renumbered[side] >= 0, number[renumbered[side] + tree_start], -1)
+    np.testing.assert_array_equal(velmot._core.predict_mean(renumbered, X, n_jobs), expected / 7)
 
 
 @pytest.mark.parametrize("data", [load_diabetes, lambda return_X_y: make_friedman1(n_samples=2000, random_state=0)])

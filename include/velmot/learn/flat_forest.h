@@ -247,6 +247,7 @@ FlatTree flatten_encoded_tree(int n, const Array1D<E>& left_row, const Array1D<E
 class FlatForest {
 public:
   FlatForest() = default;
+  explicit FlatForest(std::vector<FlatTree>&& trees) : trees(std::move(trees)) {}
 
   void append(FlatTree&& tree) { trees.push_back(std::move(tree)); }
   void clear() { trees.clear(); }

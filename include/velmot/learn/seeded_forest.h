@@ -44,6 +44,7 @@
 #include "velmot/defs/parallel.h"
 #include "velmot/defs/tree_seeds.h"
 #include "velmot/learn/forest_arrays.h"
+#include "velmot/learn/forest_arrays_layout.h"
 #include "velmot/learn/learn_tree.h"
 #include "velmot/learn/learning_progress.h"
 #include "velmot/learn/node_statistics.h"
@@ -67,6 +68,10 @@ struct SeededForestSettings {
   // (dataset/weighted_bootstrap.h); empty for uniform draws.
   std::vector<double> sample_weights;
   int num_threads = 1;
+  // Each tree also laid out for prediction (learn/flat_forest.h) as soon as
+  // it is grown, while its arrays are in cache: laying out a forest of large
+  // trees later, from memory, costs about as much as predicting with it.
+  bool lay_out = false;
 };
 
 template <class L>
@@ -80,6 +85,7 @@ struct SeededForestOf {
   // out-of-bag trees and the sum of their predictions.
   std::vector<int32_t> oob_counts;
   std::vector<double> oob_sums;
+  FlatForest laid_out;  // with lay_out, the trees as prediction walks them
   bool cancelled = false;
 };
 typedef SeededForestOf<int> SeededForest;
@@ -136,8 +142,10 @@ SeededForestOf<L> learn_seeded_forest(const TrainingSet<F, L>& set, const Seeded
   const WeightedDraws draws(settings.sample_weights);
   std::optional<OutOfBagOf<L>> oob;
   if (settings.out_of_bag) oob.emplace(data.get_num_instances(), data.get_num_classes());
+  std::vector<FlatTree> laid_out(settings.lay_out ? trees.size() : 0);
+  std::vector<forest_arrays_detail::LayoutScratch> scratch(settings.lay_out ? settings.num_threads : 0);
 
-  for_each_index(num_trees, settings.num_threads, [&](int64_t j, const Worker&) {
+  for_each_index(num_trees, settings.num_threads, [&](int64_t j, const Worker& w) {
     if (progress.cancel.load(std::memory_order_relaxed)) return;
     XorShiftRNG rng = tree_generator(settings.seed, static_cast<uint64_t>(settings.first_tree + j));
     IndexedDataSet<D> sample = weighted_subset_iid(&data, settings.sample_prop, draws, rng);
@@ -155,6 +163,9 @@ SeededForestOf<L> learn_seeded_forest(const TrainingSet<F, L>& set, const Seeded
     tree.count.assign(statistics.count.begin(), statistics.count.end());
     tree.impurity.assign(statistics.impurity.begin(), statistics.impurity.end());
     if (oob) oob->add_tree(j, tree, data, sample.indices);
+    if (settings.lay_out) {
+      laid_out[static_cast<size_t>(j)] = lay_out_grown_tree(tree, scratch[static_cast<size_t>(w.number)]);
+    }
     std::copy(importances.begin(), importances.end(), forest.tree_importances.begin() + j * static_cast<int64_t>(nf));
     progress.trees_done.fetch_add(1, std::memory_order_relaxed);
   });
@@ -164,6 +175,7 @@ SeededForestOf<L> learn_seeded_forest(const TrainingSet<F, L>& set, const Seeded
     return forest;
   }
   forest.trees = join_trees(trees);
+  forest.laid_out = FlatForest(std::move(laid_out));
   if (oob) oob->take(forest.oob_counts, forest.oob_sums);
   return forest;
 }
