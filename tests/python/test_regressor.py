@@ -3,7 +3,7 @@ squared-error learner, precision, accuracy beside scikit-learn, model files."""
 
 import io
 import pickle
-from collections import deque
+from collections import Counter, deque
 
 import numpy as np
 import pytest
@@ -36,15 +36,16 @@ def tree_generator(seed, k):
 
 def best_split(X, y, weight, items, f, n, mean, total):
     """(decrease, (f, lower, upper)): every boundary between distinct values,
-    the first best one kept; the unsplit node's bounds are both the smallest."""
-    pairs = sorted((X[i, f], y[i]) for i in items for _ in range(weight[i]))
-    best, where, left = total * total / n, (f, pairs[0][0], pairs[0][0]), 0.0
-    for k in range(len(pairs) - 1):
-        left += 1.0 * (pairs[k][1] - mean)
-        if pairs[k][0] != pairs[k + 1][0]:
-            score = left * left / (k + 1) + (total - left) * (total - left) / (n - k - 1)
+    the first best one kept; the unsplit node's bounds are both the smallest.
+    The copies of equal (value, target) pairs are added as one product."""
+    runs = sorted(Counter((X[i, f], y[i]) for i in items for _ in range(weight[i])).items())
+    best, where, left, left_n = total * total / n, (f, runs[0][0][0], runs[0][0][0]), 0.0, 0
+    for ((value, target), copies), ((upper, _), _) in zip(runs, runs[1:]):
+        left, left_n = left + copies * (target - mean), left_n + copies
+        if value != upper:
+            score = left * left / left_n + (total - left) * (total - left) / (n - left_n)
             if best < score:
-                best, where = score, (f, pairs[k][0], pairs[k + 1][0])
+                best, where = score, (f, value, upper)
     return best - total * total / n, where
 
 
