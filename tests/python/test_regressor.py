@@ -113,6 +113,20 @@ def test_targets_offset_by_a_million_give_the_same_splits():
     np.testing.assert_allclose(far.predict(X) - 1e6, near.predict(X), atol=1e-9)
 
 
+@pytest.mark.parametrize("dtype", [np.float32, np.int32, np.uint8])
+def test_a_tree_does_not_depend_on_the_feature_type(dtype):
+    # Ranked floats and value-sorted integers, ties and repeated draws alike.
+    rng = np.random.RandomState(3)
+    X = rng.randint(0, 6, size=(300, 4))
+    y = X[:, 0] - 2.0 * X[:, 1] + np.sin(X[:, 2]) / 3 + rng.normal(size=300).round(1)
+    nodes = [
+        RandomForestRegressor(n_estimators=5, max_features=2, random_state=1).fit(X.astype(t), y).nodes_
+        for t in (np.float64, dtype)
+    ]
+    for name in ("left", "feature", "value", "count", "impurity"):
+        np.testing.assert_array_equal(getattr(nodes[0], name), getattr(nodes[1], name))
+
+
 @pytest.mark.parametrize("data", [load_diabetes, lambda return_X_y: make_friedman1(n_samples=2000, random_state=0)])
 def test_held_out_r2_is_close_to_scikit_learns(data):
     X_train, X_test, y_train, y_test = train_test_split(*data(return_X_y=True), random_state=0)

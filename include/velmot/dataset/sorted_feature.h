@@ -152,8 +152,12 @@ public:
   enum Form { in_buffer, ranked_positions, packed_ranks, packed_values };
 
   // With count_dense_keys, packed keys that span fewer cells than there are
-  // keys are counted instead of sorted (CountedCells).
-  explicit SortedFeature(bool count_dense_keys = false) : count_dense_keys(count_dense_keys) {}
+  // keys are counted instead of sorted (CountedCells). With exact_labels,
+  // real labels beside integer values are sorted as they are: the counting
+  // sort would put them on an integer grid, which only the label classes of
+  // classification allow.
+  explicit SortedFeature(bool count_dense_keys = false, bool exact_labels = false)
+      : count_dense_keys(count_dense_keys), exact_labels(exact_labels) {}
 
   // Sorts the pairs of the feature at the sample's positions [begin, end),
   // unless the feature is constant there (then false, and nothing to
@@ -418,11 +422,18 @@ private:
       const pair_type pair(column[sample.indices[p]], sample.get_label(p));
       for (uint32_t c = sample.get_weight(p); c > 0; --c) pairs[out++] = pair;
     }
-    flexi_sort.sort(feature_index, pairs.begin(), pairs.begin() + static_cast<std::ptrdiff_t>(sorted_count),
-                    FeatureLabelLessThan<pair_type>());
+    const auto last = pairs.begin() + static_cast<std::ptrdiff_t>(sorted_count);
+    if constexpr (std::is_integral<F>::value && std::is_floating_point<L>::value) {
+      if (exact_labels) {
+        sort_detail::comparison_sort(pairs.begin(), last);
+        return;
+      }
+    }
+    flexi_sort.sort(feature_index, pairs.begin(), last, FeatureLabelLessThan<pair_type>());
   }
 
   bool count_dense_keys;
+  bool exact_labels;
   Form form = in_buffer;
   // Elements of the sorted form (not of CountedCells).
   size_t sorted_count = 0;
