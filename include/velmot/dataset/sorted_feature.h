@@ -376,14 +376,28 @@ private:
     const uint32_t mask = ranked.position_mask();
     const uint64_t* position = sample.indices.data() + begin;
     uint32_t kmin = std::numeric_limits<uint32_t>::max(), kmax = 0;
-    for (size_t i = 0; i < n; ++i) {
-      if (i + prefetch_distance < n) __builtin_prefetch(rank_of + position[i + prefetch_distance] * stride);
+    auto take = [&](size_t i) {
       const uint32_t k =
           (static_cast<uint32_t>(rank_of[position[i] * stride]) << shift) | (static_cast<uint32_t>(i) & mask);
       key[i] = k;
       kmin = std::min(kmin, k);
       kmax = std::max(kmax, k);
+    };
+    // Prefetched as the packed gather is, the loop split where the
+    // prefetches run out.
+    size_t i = 0;
+    if (sample.dataset->get_num_instances() * stride * sizeof(Rank) > far_prefetch_column_bytes) {
+      for (; i + far_prefetch_distance < n; ++i) {
+        __builtin_prefetch(rank_of + position[i + far_prefetch_distance] * stride, 0, 1);
+        __builtin_prefetch(rank_of + position[i + prefetch_distance] * stride);
+        take(i);
+      }
     }
+    for (; i + prefetch_distance < n; ++i) {
+      __builtin_prefetch(rank_of + position[i + prefetch_distance] * stride);
+      take(i);
+    }
+    for (; i < n; ++i) take(i);
     // A feature with as many ranks as the data set has instances has no
     // ties to put in label order.
     const bool may_tie = num_ranks < sample.dataset->get_num_instances();
