@@ -67,8 +67,8 @@ PACKAGE_DIGESTS = {
     ("gini", "pairs"): "801b416653d15b4c4920f29283aa72133ff802e830818e2db7235bc0e56d3643",
     ("entropy", "pairs"): "b226e5d750fe683754fcc8b7b54cd577bf28b336ef39c9dd017cba3647455d83",
     ("gain_ratio", "pairs"): "f0b43a0ff29cdd028373d0ecf96f0ca1794b225966637b42498c94a55ec91749",
-    ("squared_error", 1): "82f430494bd0935da2c8d122a112f2eb0fd69edd92aaf65c92d358bd03184770",
-    ("squared_error", "pairs"): "ca1d101a7ae6cb394000cbbb283baf1c8fd78fbe721686e5fbef68e4f6c73ebe",
+    ("squared_error", 1): "9a8497b1367f811aaee5db8804fa8856b0b258aa93ed98d53c0eadff5fde4bfd",
+    ("squared_error", "pairs"): "c8a67f0203a382f0a74d1d2916a4e9a5f0daf8a22d7f181710b9a4f9fc068605",
 }
 
 

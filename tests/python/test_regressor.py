@@ -4,7 +4,7 @@ squared-error learner, precision, accuracy beside scikit-learn, model files."""
 import functools
 import io
 import pickle
-from collections import deque
+from collections import Counter, deque
 
 import numpy as np
 import pytest
@@ -37,15 +37,16 @@ def tree_generator(seed, k):
 
 def best_split(X, y, weight, items, f, n, mean, total):
     """(decrease, (f, lower, upper)): every boundary between distinct values,
-    the first best one kept; the unsplit node's bounds are both the smallest."""
-    pairs = sorted((X[i, f], y[i]) for i in items for _ in range(weight[i]))
-    best, where, left = total * total / n, (f, pairs[0][0], pairs[0][0]), 0.0
-    for k in range(len(pairs) - 1):
-        left += 1.0 * (pairs[k][1] - mean)
-        if pairs[k][0] != pairs[k + 1][0]:
-            score = left * left / (k + 1) + (total - left) * (total - left) / (n - k - 1)
+    the first best one kept; the unsplit node's bounds are both the smallest.
+    The copies of equal (value, target) pairs are added as one product."""
+    runs = sorted(Counter((X[i, f], y[i]) for i in items for _ in range(weight[i])).items())
+    best, where, left, left_n = total * total / n, (f, runs[0][0][0], runs[0][0][0]), 0.0, 0
+    for ((value, target), copies), ((upper, _), _) in zip(runs, runs[1:]):
+        left, left_n = left + copies * (target - mean), left_n + copies
+        if value != upper:
+            score = left * left / left_n + (total - left) * (total - left) / (n - left_n)
             if best < score:
-                best, where = score, (f, pairs[k][0], pairs[k + 1][0])
+                best, where = score, (f, value, upper)
     return best - total * total / n, where
 
 
@@ -134,6 +135,20 @@ def test_predictions_are_leaf_values_added_in_tree_order_whatever_the_node_numbe
     for side in ("left", "right"):
         renumbered[side] = np.where(renumbered[side] >= 0, number[renumbered[side] + tree_start], -1)
     np.testing.assert_array_equal(velmot._core.predict_mean(renumbered, X, n_jobs), expected / 7)
+
+
+@pytest.mark.parametrize("dtype", [np.float32, np.int32, np.uint8])
+def test_a_tree_does_not_depend_on_the_feature_type(dtype):
+    # Ranked floats and value-sorted integers, ties and repeated draws alike.
+    rng = np.random.RandomState(3)
+    X = rng.randint(0, 6, size=(300, 4))
+    y = X[:, 0] - 2.0 * X[:, 1] + np.sin(X[:, 2]) / 3 + rng.normal(size=300).round(1)
+    nodes = [
+        RandomForestRegressor(n_estimators=5, max_features=2, random_state=1).fit(X.astype(t), y).nodes_
+        for t in (np.float64, dtype)
+    ]
+    for name in ("left", "feature", "value", "count", "impurity"):
+        np.testing.assert_array_equal(getattr(nodes[0], name), getattr(nodes[1], name))
 
 
 @pytest.mark.parametrize("data", [load_diabetes, lambda return_X_y: make_friedman1(n_samples=2000, random_state=0)])

@@ -64,7 +64,10 @@ public:
   bool sort(size_t n, uint32_t kmin, uint32_t kmax, const L* label, bool may_tie) {
     count = n;
     if ((kmin >> key_shift) == (kmax >> key_shift)) return false;
-    if (packed) {
+    if (packed && n <= small_size) {
+      sorted_key = sort_small(packed_sort.keys(), n);
+      offset = 0;
+    } else if (packed) {
       packed_sort.sort(n, kmin, kmax, key_shift, key_shift);
       sorted_key = packed_sort.sorted();
       offset = 0;
@@ -97,6 +100,23 @@ public:
   }
 
 private:
+  // Up to this many packed keys are placed by counting the smaller ones: no
+  // branch, where a comparison sort's go either way at random (most nodes
+  // are this small).
+  static constexpr size_t small_size = 16;
+
+  // Packed keys are distinct (their positions differ), so each one's place
+  // is the number of keys below it.
+  const uint32_t* sort_small(const uint32_t* key, size_t n) {
+    uint32_t* out = small_sorted;
+    for (size_t i = 0; i < n; ++i) {
+      size_t place = 0;
+      for (size_t j = 0; j < n; ++j) place += key[j] < key[i];
+      out[place] = key[i];
+    }
+    return out;
+  }
+
   static int bit_width(uint64_t x) { return x == 0 ? 0 : 64 - __builtin_clzll(x); }
 
   bool has_equal_ranks() const {
@@ -147,6 +167,7 @@ private:
   PackedRankSort packed_sort;
   RankSort<uint32_t, uint32_t> rank_sort;
   std::vector<uint32_t> tied_rank, tied_position;
+  uint32_t small_sorted[small_size];
 };
 
 }  // namespace Velmot

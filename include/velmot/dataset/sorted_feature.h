@@ -152,8 +152,12 @@ public:
   enum Form { in_buffer, ranked_positions, packed_ranks, packed_values };
 
   // With count_dense_keys, packed keys that span fewer cells than there are
-  // keys are counted instead of sorted (CountedCells).
-  explicit SortedFeature(bool count_dense_keys = false) : count_dense_keys(count_dense_keys) {}
+  // keys are counted instead of sorted (CountedCells). With exact_labels,
+  // real labels beside integer values are sorted as they are: the counting
+  // sort would put them on an integer grid, which only the label classes of
+  // classification allow.
+  explicit SortedFeature(bool count_dense_keys = false, bool exact_labels = false)
+      : count_dense_keys(count_dense_keys), exact_labels(exact_labels) {}
 
   // Sorts the pairs of the feature at the sample's positions [begin, end),
   // unless the feature is constant there (then false, and nothing to
@@ -372,14 +376,28 @@ private:
     const uint32_t mask = ranked.position_mask();
     const uint64_t* position = sample.indices.data() + begin;
     uint32_t kmin = std::numeric_limits<uint32_t>::max(), kmax = 0;
-    for (size_t i = 0; i < n; ++i) {
-      if (i + prefetch_distance < n) __builtin_prefetch(rank_of + position[i + prefetch_distance] * stride);
+    auto take = [&](size_t i) {
       const uint32_t k =
           (static_cast<uint32_t>(rank_of[position[i] * stride]) << shift) | (static_cast<uint32_t>(i) & mask);
       key[i] = k;
       kmin = std::min(kmin, k);
       kmax = std::max(kmax, k);
+    };
+    // Prefetched as the packed gather is, the loop split where the
+    // prefetches run out.
+    size_t i = 0;
+    if (sample.dataset->get_num_instances() * stride * sizeof(Rank) > far_prefetch_column_bytes) {
+      for (; i + far_prefetch_distance < n; ++i) {
+        __builtin_prefetch(rank_of + position[i + far_prefetch_distance] * stride, 0, 1);
+        __builtin_prefetch(rank_of + position[i + prefetch_distance] * stride);
+        take(i);
+      }
     }
+    for (; i + prefetch_distance < n; ++i) {
+      __builtin_prefetch(rank_of + position[i + prefetch_distance] * stride);
+      take(i);
+    }
+    for (; i < n; ++i) take(i);
     // A feature with as many ranks as the data set has instances has no
     // ties to put in label order.
     const bool may_tie = num_ranks < sample.dataset->get_num_instances();
@@ -418,11 +436,18 @@ private:
       const pair_type pair(column[sample.indices[p]], sample.get_label(p));
       for (uint32_t c = sample.get_weight(p); c > 0; --c) pairs[out++] = pair;
     }
-    flexi_sort.sort(feature_index, pairs.begin(), pairs.begin() + static_cast<std::ptrdiff_t>(sorted_count),
-                    FeatureLabelLessThan<pair_type>());
+    const auto last = pairs.begin() + static_cast<std::ptrdiff_t>(sorted_count);
+    if constexpr (std::is_integral<F>::value && std::is_floating_point<L>::value) {
+      if (exact_labels) {
+        sort_detail::comparison_sort(pairs.begin(), last);
+        return;
+      }
+    }
+    flexi_sort.sort(feature_index, pairs.begin(), last, FeatureLabelLessThan<pair_type>());
   }
 
   bool count_dense_keys;
+  bool exact_labels;
   Form form = in_buffer;
   // Elements of the sorted form (not of CountedCells).
   size_t sorted_count = 0;

@@ -125,7 +125,7 @@ struct SplitCandidate {
 template <class D>
 struct SearchWorkspace {
   // Packed keys that span fewer cells than there are keys are counted.
-  SearchWorkspace() : sorted(true) {}
+  explicit SearchWorkspace(bool exact_labels) : sorted(true, exact_labels) {}
   SortedFeature<D> sorted;
 };
 
@@ -251,7 +251,7 @@ Node<typename D::label_type>* grow_tree(const IndexedDataSet<D>& data, int fte_p
   indexed_data.merge_repeats();
   learn_tree_detail::DrawnFeatures drawn(data.get_num_features());
   NodeLabels<Criterion> labels;
-  learn_tree_detail::SearchWorkspace<D> workspace;
+  learn_tree_detail::SearchWorkspace<D> workspace(NodeLabels<Criterion>::exact_labels);
   std::deque<NodeLearnTask<L>> to_learn;
   const size_t root_n = data.weight_of(0, data.get_num_instances());
   Node<L>* root = new Node<L>();

@@ -20,6 +20,8 @@
 //   improvement(impurity, criteria)  the winner's decrease, at least 0;
 //   importance_credit(g, n)  what a split of improvement g over n instances
 //                           adds to its feature's importance;
+//   exact_labels            whether the sort must keep real labels exact
+//                           (squared error), or may take their classes;
 //   all_features_search_ends  whether the all-features mode stops once
 //                           every feature was tried (squared error), or
 //                           tries a constant feature again and again (the
@@ -41,6 +43,7 @@ template <class Criterion>
 class NodeLabels {
 public:
   typedef int leaf_type;
+  static constexpr bool exact_labels = false;
   static constexpr bool all_features_search_ends = false;
 
   template <class R>
@@ -76,6 +79,7 @@ template <>
 class NodeLabels<SquaredError> {
 public:
   typedef double leaf_type;
+  static constexpr bool exact_labels = true;
   static constexpr bool all_features_search_ends = true;
 
   template <class R>

@@ -33,16 +33,20 @@ public:
   size_t total() const { return static_cast<size_t>(node_total); }
   bool splittable() const { return limit.splittable(node_total); }
   bool within_limit() const { return limit.admits(left_total, node_total); }
-  // Copies are added one at a time: the sums, to the bit, of the instances
-  // taken one by one in sorted order.
+  // The left sum grows by one product per run of elements with equal keys
+  // and equal labels, (copies in the run) x (y - centre): the same terms
+  // whether a node's copies come as one weighted element or one by one.
   template <class L>
   [[gnu::always_inline]] void move(L label, uint32_t copies) {
-    const double d = static_cast<double>(label) - centre;
+    const double y = static_cast<double>(label);
+    if (run_copies != 0 && !(y == run_label)) close_run();
+    run_label = y;
+    run_copies += copies;
     left_total += copies;
-    for (; copies > 0; --copies) left_sum += d;
   }
   template <class Key>
-  [[gnu::always_inline]] bool offer(bool admissible, const Key&, const Key&) {
+  [[gnu::always_inline]] bool offer(bool admissible, const Key& lower, const Key& upper) {
+    if (lower != upper) close_run();
     const double right_sum = node_sum - left_sum;
     const double left_n = static_cast<double>(left_total);
     const double right_n = static_cast<double>(node_total - left_total);
@@ -60,6 +64,11 @@ public:
   double impurity() const { return final_score(); }
 
 private:
+  [[gnu::always_inline]] void close_run() {
+    left_sum += static_cast<double>(run_copies) * (run_label - centre);
+    run_copies = 0;
+  }
+
   LeafLimit limit;
   double centre;
   double node_sum;
@@ -75,6 +84,9 @@ private:
   double bound = margin * best;
   double left_sum = 0.0;
   int64_t left_total = 0;
+  // The open run: its label and the copies moved left so far.
+  double run_label = 0.0;
+  int64_t run_copies = 0;
 };
 
 }  // namespace Velmot
