@@ -86,8 +86,8 @@ size_t partition_by_value(S& sample, size_t feature_index, size_t begin, size_t 
 
 // The same for a ranked feature, given the first rank whose value is not
 // below the threshold (among the ranks present in the range): reads ranks
-// (1 to 4 bytes) instead of values, from the instance-major copy where a
-// small node gains by it (FeatureRanks::rows_serve). On the way, holder[k]
+// (1 to 4 bytes) instead of values, from the rows where there are
+// (FeatureRanks::rows_serve). On the way, holder[k]
 // becomes an instance of the range holding rank watched[k] (unchanged if
 // none does), where the caller reads that rank's value (FeatureRanks::
 // value_at).
