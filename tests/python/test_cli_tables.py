@@ -114,13 +114,3 @@ def test_bad_parquet_exits_2_with_one_line(tmp_path, capsys, columns, message):
     assert message in fails(capsys, "train", tmp_path / "d.pq", "-o", tmp_path / "m.npz")
     assert not (tmp_path / "m.npz").exists()
 
-
-@pytest.mark.parametrize("second", [[4, 5, 6], [4, None, 6]])
-def test_parquet_features_keep_their_type_unless_a_null_needs_nan(tmp_path, second):
-    columns = {"a": pa.array([1, 2, 3], pa.int32()), "b": pa.array(second, pa.int32()), "y": ["u", "v", "u"]}
-    pq.write_table(pa.table(columns), tmp_path / "d.pq")
-    with _tables.open_table(str(tmp_path / "d.pq")) as table:
-        X, classes, codes = table.training_data([0, 1], 2)
-    assert X.dtype == (np.int32 if None not in second else np.float64) and X.flags.f_contiguous
-    np.testing.assert_array_equal(X, [[1, 4], [2, np.nan if None in second else 5], [3, 6]])
-    assert classes == ["u", "v"] and codes.tolist() == [0, 1, 0]
