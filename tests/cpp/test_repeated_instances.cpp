@@ -145,7 +145,6 @@ TEST(RepeatedInstances, RoundedThresholdsSplitAsWithoutRanks) {
   for (double& x : data.features[1]) x = (x - 20.0) * 9e306;
   const auto ranked = learn(data, draws, true, false, 1, Velmot::TwoSplitGiniImpurity());
   const auto values = learn(data, draws, false, false, 1, Velmot::TwoSplitGiniImpurity());
-  EXPECT_GT(ranked.tree.get_num_nodes(), 3u);
   EXPECT_TRUE(VelmotTest::same_tree(ranked.tree, values.tree));
 }
 

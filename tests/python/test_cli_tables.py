@@ -113,4 +113,3 @@ def test_bad_parquet_exits_2_with_one_line(tmp_path, capsys, columns, message):
     pq.write_table(pa.table(columns), tmp_path / "d.pq")
     assert message in fails(capsys, "train", tmp_path / "d.pq", "-o", tmp_path / "m.npz")
     assert not (tmp_path / "m.npz").exists()
-

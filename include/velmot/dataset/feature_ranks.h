@@ -195,7 +195,8 @@ public:
   // column(j), a contiguous column of F.
   template <class D>
   explicit FeatureRanks(const D& data)
-      : rank_count(data.get_num_features(), 0), zero(data.get_num_features(), F(0)),
+      : rank_count(data.get_num_features(), 0),
+        zero(data.get_num_features(), F(0)),
         ranked(data.get_num_features(), 0) {
     namespace detail = feature_ranks_detail;
     const int64_t nf = static_cast<int64_t>(data.get_num_features());

@@ -107,7 +107,8 @@ size_t partition_by_rank(S& sample, const FeatureRanks<F>& ranks, size_t feature
     return left;
   };
   if (ranks.rows_serve(end - begin)) return by_rank(ranks.row_ranks(feature_index), ranks.row_stride());
-  return ranks.visit_ranks(feature_index, [&](const auto* rank_of) { return by_rank(rank_of, std::integral_constant<size_t, 1>()); });
+  return ranks.visit_ranks(feature_index,
+                           [&](const auto* rank_of) { return by_rank(rank_of, std::integral_constant<size_t, 1>()); });
 }
 
 // Puts the positions [begin, end) back in ascending instance order, their
