@@ -89,21 +89,29 @@ class CsvTable:
         import pyarrow as pa
         import pyarrow.csv as pacsv
 
+        columns = []
         try:
             table = pacsv.read_csv(self.path, **self._arrow_options(feature_columns, use_threads=True))
             if table.num_columns != self.n_columns:
                 raise _Unsure
-            features = np.empty((table.num_rows, len(feature_columns)), order="F")
-            for k, c in enumerate(feature_columns):
-                _checked_floats(features[:, k], table.column(_column_name(c)))
             _check_fields(table, feature_columns)
             classes, inverse = _class_texts(table.column(_column_name(class_column)))
             if "" in classes:
                 raise _Unsure
+            # Each column's memory goes back as soon as it is copied: the
+            # table and the matrix are never both whole.
+            columns = [table.column(_column_name(c)) for c in feature_columns]
+            table = None
+            features = np.empty((len(inverse), len(feature_columns)), order="F")
+            for k in range(len(columns)):
+                column, columns[k] = columns[k], None
+                _checked_floats(features[:, k], column)
+                column = None
+                _release_memory()
         except (pa.ArrowException, _Unsure):
             return self._read_rows(feature_columns, class_column)
         finally:
-            table = None
+            table = columns = None
             _release_memory()
         return features, classes, inverse
 
@@ -267,22 +275,23 @@ class ParquetTable:
 
     def training_data(self, feature_columns, class_column):
         """As CsvTable.training_data, in the features' own type where the
-        library learns on it."""
+        library learns on it. Columns are read one at a time, each freed
+        once copied, so that the matrix is the only whole copy of the data."""
         import pyarrow.compute as pc
 
         self._check_numbers(feature_columns)
-        table = self._read([*feature_columns, class_column])
-        kinds = {str(table.schema.field(k).type) for k in range(len(feature_columns))}
-        native = len(kinds) == 1 and kinds <= set(_NATIVE_TYPES)
-        dtype = (
-            _NATIVE_TYPES[kinds.pop()]
-            if native and all(table.column(k).null_count == 0 for k in range(len(feature_columns)))
-            else np.float64
-        )
-        features = np.empty((table.num_rows, len(feature_columns)), dtype=dtype, order="F")
+        classes = self._read([class_column]).column(0)
+        kinds = {str(self._data.schema.field(c).type) for c in feature_columns}
+        dtype = _NATIVE_TYPES[kinds.pop()] if len(kinds) == 1 and kinds <= set(_NATIVE_TYPES) else np.float64
+        features = np.empty((len(classes), len(feature_columns)), dtype=dtype, order="F")
         for k, c in enumerate(feature_columns):
-            self._numbers(features[:, k], table.column(k), c, 0)
-        classes = table.column(len(feature_columns))
+            column = self._read([c]).column(0)
+            if column.null_count and features.dtype != np.float64:
+                # Missing values need NaN: the columns read so far are converted.
+                features = np.asfortranarray(features, dtype=np.float64)
+            self._numbers(features[:, k], column, c, 0)
+            del column
+            _release_memory()
         if classes.null_count:
             row = int(np.flatnonzero(np.asarray(pc.is_null(classes)))[0])
             raise ValueError(f"{self.path} row {row + 1}: the class (column {class_column}) is empty")
@@ -290,8 +299,6 @@ class ParquetTable:
         if "" in texts:
             row = int(np.flatnonzero(np.asarray(inverse) == texts.index(""))[0])
             raise ValueError(f"{self.path} row {row + 1}: the class (column {class_column}) is empty")
-        del table, classes
-        _release_memory()
         return features, texts, inverse
 
     def feature_batches(self, feature_columns, rows_per_batch):

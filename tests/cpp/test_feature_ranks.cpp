@@ -1,6 +1,6 @@
 // FeatureRanks against a comparison-sort ranking: the same ranks (in the
-// columns and in the instance-major copy) and the same value table, bit for
-// bit, on data that reaches every path of the radix sort (skipped digits,
+// columns and in the instance-major copy) and the same value of each rank,
+// bit for bit, on data that reaches every path of the radix sort (skipped digits,
 // runs of equal high halves, both zeros, ties).
 
 #include <gtest/gtest.h>
@@ -41,9 +41,10 @@ void expect_reference_ranks(const std::vector<std::vector<F>>& columns, int thre
       ASSERT_EQ(ranks.row_ranks(j)[i * ranks.row_stride()], expected[i]);
     }
     ASSERT_EQ(ranks.num_ranks(j), values.size());
-    // Bytes, not values: the sign of a zero counts.
+    // Bytes, not values: the sign of a zero counts. Read at each rank's
+    // first instance, whose zero may differ from the last one's.
     std::vector<F> found(values.size());
-    for (uint32_t r = 0; r < found.size(); ++r) found[r] = ranks.value(columns[j].data(), j, r);
+    for (size_t i = expected.size(); i-- > 0;) found[expected[i]] = ranks.value_at(columns[j].data(), j, i);
     ASSERT_EQ(std::memcmp(values.data(), found.data(), values.size() * sizeof(F)), 0);
   }
 }

@@ -2,11 +2,19 @@
 #define VELMOT_DATASET_FEATURE_RANKS_H
 
 // FeatureRanks: for each feature of a data set, the dense rank of every
-// instance's value (0 for the smallest distinct value) and, for each rank,
-// an instance that holds its value (whose value the data set's column
-// gives: 4 bytes a rank rather than a copy of every distinct double). Made once per learning call and shared read-only
-// by all trees, it lets a node sort small integer ranks instead of values, with a counting or two-pass radix sort; the
-// ranks order exactly as the values do, so the sorted pairs are those a comparison sort gives.
+// instance's value (0 for the smallest distinct value). Made once per
+// learning call and shared read-only by all trees, it lets a node sort small
+// integer ranks instead of values, with a counting or two-pass radix sort;
+// the ranks order exactly as the values do, so the sorted pairs are those a
+// comparison sort gives.
+//
+// A rank's value is read at any instance that holds it (value_at): the
+// grower finds one among the node's instances while it partitions them, so
+// no table from ranks to values or instances is kept (at 500,000 instances
+// it would take as much memory as the ranks). Equal values other than zero
+// have equal bits; the two zeros share a rank, whose value is the zero of
+// the feature's last instance holding a zero, as when a table of values is
+// filled in instance order.
 //
 // A feature holding a not-a-number value gets no ranks (has_ranks false):
 // NaN has no place in an order, and its nodes use the value sort instead.
@@ -38,10 +46,8 @@
 //      entries with one high half stay in instance order.
 //   3. Keys of 64 bits: sort each group of entries with one high half whose
 //      keys are out of order by (key, instance).
-//   4. Walk the sorted entries: the rank grows by one at each new run. Each
-//      rank keeps the run's last (highest) instance: its value is the
-//      rank's, and for the two zeros, which share a key, the zero of that
-//      instance, as when a table of values is filled in instance order.
+//   4. Walk the sorted entries: the rank grows by one at each new run.
+//      Keep the zero of the last instance holding one (see above).
 //   5. After all features: narrow each column to its width, in place and in
 //      feature order (a column never moves past where it was written).
 //
@@ -188,15 +194,17 @@ public:
   // D offers get_num_features(), get_num_instances() (fewer than 2^32) and
   // column(j), a contiguous column of F.
   template <class D>
-  explicit FeatureRanks(const D& data) : instance_of_rank(data.get_num_features()), ranked(data.get_num_features(), 0) {
+  explicit FeatureRanks(const D& data)
+      : rank_count(data.get_num_features(), 0),
+        zero(data.get_num_features(), F(0)),
+        ranked(data.get_num_features(), 0) {
     namespace detail = feature_ranks_detail;
     const int64_t nf = static_cast<int64_t>(data.get_num_features());
     const size_t ni = data.get_num_instances();
     if (nf == 0 || ni == 0) return;
-    // Scratch memory and the rank table are made here, the instance tables
-    // by the workers (an allocation failure there stops them and is rethrown).
-    // Every rank of a ranked feature is written below, 4 bytes each at
-    // first: no zero fill.
+    // Scratch memory and the rank table are made here, before the workers
+    // start. Every rank of a ranked feature is written below, 4 bytes each
+    // at first: no zero fill.
     num_instances = ni;
     rank_table = RandomAccessTable<unsigned char>(static_cast<size_t>(nf) * ni * sizeof(uint32_t));
     const size_t workers = static_cast<size_t>(std::min<int64_t>(default_team_size(), nf));
@@ -212,29 +220,33 @@ public:
       detail::Workspace<F>& work = workspaces[static_cast<size_t>(w.number)];
       if (!detail::sort_keys(column, ni, work)) return;
       const auto* entries = work.entries.data();
-      size_t distinct = 1;
-      for (size_t k = 1; k < ni; ++k) distinct += entries[k].key != entries[k - 1].key;
-      instance_of_rank[feature].resize(distinct);
       uint32_t* const ranks = reinterpret_cast<uint32_t*>(rank_table.data()) + feature * ni;
-      uint32_t* const instances = instance_of_rank[feature].data();
       uint32_t current = 0;
       for (size_t k = 0; k < ni; ++k) {
         current += k > 0 && entries[k].key != entries[k - 1].key;
         ranks[entries[k].instance] = current;
-        instances[current] = entries[k].instance;
+      }
+      rank_count[feature] = current + 1;
+      for (size_t i = ni; i-- > 0;) {
+        if (column[i] == F(0)) {
+          zero[feature] = column[i];
+          break;
+        }
       }
       ranked[feature] = 1;
     });
     narrow_columns();
   }
 
-  // Adds an instance-major copy of the ranks (row i: instance i's rank of
-  // every feature, 0 for unranked ones). A node holding a small share of
-  // the instances reads one rank per instance and feature from anywhere in
-  // a column, a cache miss each; the features a node tries for one
-  // instance then share a few cache lines instead of one line each. Worth
-  // its memory only where the table outgrows the cache: below, every
-  // column stays cached.
+  // Turns the ranks instance-major (row i: instance i's rank of every
+  // feature, 0 for unranked ones, 4 bytes each) and frees the columns. A
+  // node holding a small share of the instances reads one rank per instance
+  // and feature from anywhere in a column, a cache miss each; the features
+  // a node tries for one instance then share a few cache lines instead of
+  // one line each. Worth it only where the table outgrows the cache: below,
+  // every column stays cached. A large node reads the rows as fast as the
+  // columns (W1, 100,000 x 40 doubles, two threads: the same CPU time), so
+  // the columns are not kept beside them.
   void copy_to_rows() {
     const size_t nf = ranked.size();
     if (nf == 0 || num_instances == 0) return;
@@ -257,14 +269,12 @@ public:
         });
       }
     });
+    rank_table = RandomAccessTable<unsigned char>();
   }
   bool has_rows() const { return row_table.size() != 0; }
-  // Whether a node of node_size positions reads the instance-major copy:
-  // where there is one and the node holds under a sixteenth of the
-  // instances (a denser node reads most of a column's cache lines anyway,
-  // in order). 200,000 x 40 doubles, two threads: a sixteenth or a
-  // thirty-second equally fast, a fourth or a sixty-fourth 1-2% slower.
-  bool rows_serve(size_t node_size) const { return has_rows() && node_size * 16 < num_instances; }
+  // Whether a node of node_size positions reads the rows: whenever they
+  // exist, since the columns are gone then.
+  bool rows_serve(size_t /*node_size*/) const { return has_rows(); }
   // Feature j's rank of instance i is row_ranks(j)[i * row_stride()].
   const uint32_t* row_ranks(size_t feature) const { return row_table.data() + feature; }
   size_t row_stride() const { return ranked.size(); }
@@ -272,9 +282,9 @@ public:
   size_t table_bytes() const { return table_end; }
 
   bool has_ranks(size_t feature) const { return feature < ranked.size() && ranked[feature] != 0; }
-  // Returns visit(column), column the ranked feature's ranks as a pointer
-  // to uint8_t, uint16_t or uint32_t (its width); visit's result must not
-  // depend on the pointer's type.
+  // Returns visit(column), column the ranked feature's ranks (while there
+  // are no rows) as a pointer to uint8_t, uint16_t or uint32_t (its
+  // width); visit's result must not depend on the pointer's type.
   template <class Visit>
   decltype(auto) visit_ranks(size_t feature, Visit&& visit) const {
     const unsigned char* column = rank_table.data() + column_offset[feature];
@@ -287,15 +297,20 @@ public:
         return visit(reinterpret_cast<const uint32_t*>(column));
     }
   }
-  // One rank, where a column's width does not matter.
+  // One rank, from the columns or the rows, whichever there are.
   uint32_t rank(size_t feature, size_t instance) const {
+    if (has_rows()) return row_ranks(feature)[instance * row_stride()];
     return visit_ranks(feature, [instance](const auto* column) { return static_cast<uint32_t>(column[instance]); });
   }
-  // The value of a rank of a ranked feature; column: the feature's column
-  // in the data set the ranks were made from, or in one with equal values.
-  F value(const F* column, size_t feature, uint32_t rank) const { return column[instance_of_rank[feature][rank]]; }
+  // The value of the rank that `instance` holds in a ranked feature; column:
+  // the feature's column in the data set the ranks were made from, or in
+  // one with equal values.
+  F value_at(const F* column, size_t feature, size_t instance) const {
+    const F value = column[instance];
+    return value == F(0) ? zero[feature] : value;
+  }
   // Number of distinct values of a ranked feature: its ranks lie below it.
-  size_t num_ranks(size_t feature) const { return instance_of_rank[feature].size(); }
+  size_t num_ranks(size_t feature) const { return rank_count[feature]; }
 
 private:
   // Step 5: each ranked column, written 4 bytes a rank at feature * ni * 4,
@@ -310,7 +325,7 @@ private:
     unsigned char* const table = rank_table.data();
     for (size_t f = 0; f < nf; ++f) {
       if (!ranked[f]) continue;
-      const size_t distinct = instance_of_rank[f].size();
+      const size_t distinct = rank_count[f];
       const unsigned width = distinct <= 256 ? 1 : distinct <= 65536 ? 2 : 4;
       const unsigned char* from = table + f * num_instances * sizeof(uint32_t);
       unsigned char* to = table + table_end;
@@ -334,9 +349,9 @@ private:
     }
   }
 
-  // The ranked features' columns, one block, so that the gathers'
-  // scattered reads go through huge pages: feature j's at column_offset[j],
-  // column_width[j] bytes a rank.
+  // The ranked features' columns (until copy_to_rows), one block, so that
+  // the gathers' scattered reads go through huge pages: feature j's at
+  // column_offset[j], column_width[j] bytes a rank.
   RandomAccessTable<unsigned char> rank_table;
   std::vector<size_t> column_offset;
   std::vector<unsigned char> column_width;
@@ -344,7 +359,9 @@ private:
   // Empty unless copy_to_rows ran.
   RandomAccessTable<uint32_t> row_table;
   size_t num_instances = 0;
-  std::vector<std::vector<uint32_t>> instance_of_rank;
+  std::vector<uint32_t> rank_count;
+  // Per feature, the zero its rank of zero stands for (see above).
+  std::vector<F> zero;
   std::vector<char> ranked;
 };
 

@@ -3,8 +3,8 @@
 
 // SortedFeature: a node's (value, label) pairs of one feature, sorted for
 // the split sweep (learn/sweep.h), in whichever form is cheapest, behind one
-// interface: the grower sorts (sort_unless_constant), hands a search to
-// search(), and turns the points the search kept into values (value_of).
+// interface: the grower sorts (sort_unless_constant) and hands a search to
+// search(), which returns the points it kept.
 // How the pairs are held stays in this file.
 //
 // Glossary:
@@ -12,8 +12,8 @@
 //           its rank among the feature's distinct values (dataset/
 //           feature_ranks.h), or a byte value; equal keys mean equal values;
 //   point   a key turned back into something the grower can keep: a rank
-//           of the feature (its value is looked up only for the node's
-//           winner, a cache miss into a value table) or a value;
+//           of the feature (the grower reads its value at an instance of
+//           the node that holds it, learn/learn_tree.h) or a value;
 //   weight  how many pairs an element stands for (dataset/node_sample.h,
 //           merge_repeats).
 //
@@ -165,7 +165,6 @@ public:
   bool sort_unless_constant(const Sample& sample, size_t feature_index, size_t begin, size_t end) {
     form = in_buffer;
     ranks = sample.ranks;
-    data = sample.dataset;
     const size_t n = end - begin;
     if constexpr (learns_with_ranks<F, L>()) {
       if (ranks != nullptr && ranks->has_ranks(feature_index)) {
@@ -262,12 +261,6 @@ public:
                     point.value = value;
                     return point;
                   });
-  }
-
-  // The value at a point of the feature (ranked points: looked up in the
-  // sample's ranks of the last sort).
-  F value_of(size_t feature_index, const SortedPoint<F>& point) const {
-    return point.ranked ? ranks->value(data->column(feature_index), feature_index, point.rank) : point.value;
   }
 
 private:
@@ -452,7 +445,6 @@ private:
   // Elements of the sorted form (not of CountedCells).
   size_t sorted_count = 0;
   const FeatureRanks<F>* ranks = nullptr;
-  const D* data = nullptr;  // the sample's, whose columns hold the ranks' values
   std::vector<pair_type> pairs;
   FlexiSort<F, L> flexi_sort;
   RankedPositions ranked;

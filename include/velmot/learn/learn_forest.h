@@ -40,7 +40,7 @@ namespace Velmot {
 
 namespace learn_forest_detail {
 
-// The rank table's size above which small nodes read an instance-major copy
+// The rank table's size above which the ranks are turned instance-major
 // (FeatureRanks::copy_to_rows): about the L3 cache a process gets here.
 // 16 to 80 trees, two threads, four alternating runs: 200,000 x 40 doubles
 // (32 MB of ranks) 2-7% faster, 100,000 (16 MB) 0-3%, 50,000 and 25,000
@@ -147,7 +147,7 @@ std::vector<Node<typename D::label_type>*> learn_forest(const D& data,
       try {
         if (ranks.table_bytes() > learn_forest_detail::rows_above_table_bytes) ranks.copy_to_rows();
       } catch (const std::bad_alloc&) {
-        // Without the copy, small nodes read the columns.
+        // Without the rows, nodes read the columns.
       }
       reusable.made = true;
     }

@@ -48,6 +48,7 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <utility>
 #include <vector>
 
 #include "velmot/dataset/node_sample.h"
@@ -185,34 +186,36 @@ Tracker<SplitCandidate<typename D::feature_type>, std::less<double>> search_feat
   return best_over_features;
 }
 
-// The winning split's threshold: the smallest value for the seed, else the
-// threshold between the two values around the boundary.
+// Splits the range by the winner: returns the number sent left (value <
+// threshold) and the threshold, the smallest value for the seed, else the
+// threshold between the two values around the boundary. Ranks stand in for
+// values when the threshold lies above the lower value and not above the
+// upper one (or for the seed), which the usual midpoint does; the two
+// values are read at instances found during that partition. Any other
+// rounding partitions again by value.
 template <class D>
-typename D::feature_type threshold_of(const SortedFeature<D>& sorted,
-                                      const SplitCandidate<typename D::feature_type>& c) {
+std::pair<size_t, typename D::feature_type> split_by_winner(const RangeDataSet<IndexedDataSet<D>>& range,
+                                                            const SplitCandidate<typename D::feature_type>& c) {
   typedef typename D::feature_type F;
-  const size_t f = static_cast<size_t>(c.feature_index);
-  const F lower = sorted.value_of(f, c.lower);
-  return c.is_seed ? lower : ThresholdInfo<F>::get_less_than_threshold(lower, sorted.value_of(f, c.upper));
-}
-
-// Splits the range by the winner; returns the number sent left (value <
-// threshold). Ranks stand in for values when the threshold lies above the
-// lower value and not above the upper one (or the seed's smallest value),
-// which the usual midpoint does; any other rounding falls back to comparing
-// values.
-template <class D>
-size_t partition_by_winner(const RangeDataSet<IndexedDataSet<D>>& range, const SortedFeature<D>& sorted,
-                           const SplitCandidate<typename D::feature_type>& c, typename D::feature_type threshold) {
   IndexedDataSet<D>& sample = *range.dataset;
   const size_t f = static_cast<size_t>(c.feature_index);
-  if (c.lower.ranked) {
-    if (c.is_seed) return partition_by_rank(sample, *sample.ranks, f, range.begin_i, range.end_i, c.lower.rank);
-    if (sorted.value_of(f, c.lower) < threshold && !(sorted.value_of(f, c.upper) < threshold)) {
-      return partition_by_rank(sample, *sample.ranks, f, range.begin_i, range.end_i, c.upper.rank);
-    }
+  const size_t begin = range.begin_i, end = range.end_i;
+  if (!c.lower.ranked) {
+    const F t = c.is_seed ? c.lower.value : ThresholdInfo<F>::get_less_than_threshold(c.lower.value, c.upper.value);
+    return {partition_by_value(sample, f, begin, end, t), t};
   }
-  return partition_by_value(sample, f, range.begin_i, range.end_i, threshold);
+  const FeatureRanks<F>& ranks = *sample.ranks;
+  const F* column = sample.dataset->column(f);
+  uint64_t holder[2] = {0, 0};
+  const size_t left = partition_by_rank(sample, ranks, f, begin, end, c.is_seed ? c.lower.rank : c.upper.rank,
+                                        {c.lower.rank, c.upper.rank}, holder);
+  const F lower = ranks.value_at(column, f, holder[0]);
+  if (c.is_seed) return {left, lower};
+  const F upper = ranks.value_at(column, f, holder[1]);
+  const F t = ThresholdInfo<F>::get_less_than_threshold(lower, upper);
+  if (lower < t && !(upper < t)) return {left, t};
+  sort_positions(sample, begin, end);
+  return {partition_by_value(sample, f, begin, end, t), t};
 }
 
 }  // namespace learn_tree_detail
@@ -285,10 +288,10 @@ Node<typename D::label_type>* grow_tree(const IndexedDataSet<D>& data, int fte_p
       if (winner.is_initialized()) {
         const auto& best = winner.get_maximizer();
         f = best.feature_index;
-        t = learn_tree_detail::threshold_of(workspace.sorted, best);
+        const auto [left, threshold] = learn_tree_detail::split_by_winner(range, best);
+        t = threshold;
         g = labels.improvement(best.impurity, criteria);
-        split_index =
-            task.begin_i + static_cast<int>(learn_tree_detail::partition_by_winner(range, workspace.sorted, best, t));
+        split_index = task.begin_i + static_cast<int>(left);
       }
       if (!limits.decrease_suffices(g, root_n)) {
         node->set_label(static_cast<L>(labels.leaf_value(random)));

@@ -4,8 +4,8 @@
 // TrainingSet: a training set as learning reads it, prepared once and then
 // shared read-only by any number of trees: the features copied into the
 // library's columns, missing values imputed, and (for floating-point and
-// int features) ranked, with the instance-major copy of the ranks where the
-// rank table outgrows the cache (the same preparation learn_forest makes).
+// int features) ranked, the ranks instance-major where their table
+// outgrows the cache (the same preparation learn_forest makes).
 //
 // The ranks only speed learning up: without memory for them, nodes sort
 // values, and the trees are the same. A matrix that is already feature-major
@@ -39,14 +39,17 @@ void rank(TrainingSet<F, L>& set) {
     } catch (const std::bad_alloc&) {
       set.ranks = FeatureRanks<F>();
     }
+    // The ranking's scratch (two entries per instance and thread) goes back
+    // to the system before the rows are made beside the columns, so that
+    // the three are never resident together.
+    return_free_memory();
     try {
       if (set.ranks.table_bytes() > learn_forest_detail::rows_above_table_bytes) set.ranks.copy_to_rows();
     } catch (const std::bad_alloc&) {
-      // Without the copy, small nodes read the columns.
+      // Without the rows, nodes read the columns.
     }
-    // The ranking's scratch (two entries per instance and thread) is freed
-    // now; the trees grown next allocate from other threads' heaps, which
-    // would not reuse it, so it goes back to the system.
+    // So do the columns the rows replace: the trees grown next allocate
+    // from other threads' heaps, which would not reuse them.
     return_free_memory();
   }
 }
