@@ -34,7 +34,7 @@ IndexedDataSet<D> random_subset_iid(const D* dataset, double fraction_of_parent,
   subset.indices.reserve(num_sample_instances);
   for (uint64_t k = 0; k < num_sample_instances; ++k) {
     const int32_t index = static_cast<int32_t>(random_generator.next_int(num_instances));
-    subset.indices.push_back(static_cast<uint64_t>(index));
+    subset.indices.push_back(static_cast<uint32_t>(index));
   }
   return subset;
 }
