@@ -113,13 +113,18 @@ public:
   // Puts the index list in ascending instance order (a counting sort by
   // instance number, so that gathers read columns forwards), each instance
   // once with its number of copies as its weight, and follows labels.
+  // The merged list is made exactly sized once the drawn one is freed: it
+  // is about 63% as long, and is held while the whole tree grows.
   void merge_repeats() {
     const size_t ni = dataset->get_num_instances();
     std::vector<uint32_t> copies(ni, 0);
     for (const uint32_t i : indices) ++copies[i];
+    std::vector<uint32_t>().swap(indices);
+    const size_t distinct = ni - static_cast<size_t>(std::count(copies.begin(), copies.end(), 0u));
+    indices.resize(distinct);
+    position_weights.resize(distinct);
     size_t p = 0;
     uint32_t most = 0;
-    position_weights.resize(indices.size());
     for (size_t i = 0; i < ni; ++i) {
       if (copies[i] == 0) continue;
       indices[p] = static_cast<uint32_t>(i);
@@ -127,8 +132,6 @@ public:
       most = std::max(most, copies[i]);
       ++p;
     }
-    indices.resize(p);
-    position_weights.resize(p);
     largest_weight = most;
     follow_labels();
   }
