@@ -50,7 +50,6 @@
 #include "training_data.h"
 #include "velmot/dataset/native_array_dataset.h"
 #include "velmot/defs/exception.h"
-#include "velmot/defs/free_memory.h"
 #include "velmot/learn/forest_arrays_layout.h"
 #include "velmot/learn/forest_classifier.h"
 #include "velmot/learn/forest_regressor.h"
@@ -394,7 +393,5 @@ PYBIND11_MODULE(_core, m) {
         "The leaf (node number within its tree) each sample of X reaches in each tree: (n_samples, n_trees).");
   m.def("decision_path", &decision_path, py::arg("forest"), py::arg("X"), py::arg("n_classes"), py::arg("n_threads"),
         "(row starts, forest-wide node numbers) of the nodes each sample of X passes, tree after tree.");
-  m.def("map_large_blocks", &Velmot::map_large_blocks, py::arg("n_bytes"),
-        "Blocks of n_bytes or more get pages of their own, returned as soon as they are freed (process-wide).");
   PyVelmot::core::bind_shap_values(m);
 }

@@ -172,12 +172,7 @@ def _load_model(path, predicting=False):
 
 
 def train(args):
-    from . import _core
     from ._cli_forest import learn, save
-
-    # The command owns its process: blocks from 1 MiB up are handed back as
-    # soon as they are freed, instead of staying resident between the trees.
-    _core.map_large_blocks(1 << 20)
 
     output = _output_file(args.output, args.data, args.description)
     layout = read_layout(args.description)
