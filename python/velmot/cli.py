@@ -209,13 +209,16 @@ def train(args):
     X, weights = (X, None) if weight_column is None else (X[:, :-1], X[:, -1])
     codes, class_names = _targets(classes, args.data) if regression else _encode_classes(classes, layout, args.data)
     y = codes[rows_class]
+    n_rows = X.shape[0]
     try:
         forest = learn(X, y, params, regression=regression, sample_weight=weights)
     except (RuntimeError, MemoryError) as error:
         raise CommandError(f"cannot learn {args.trees} trees: {error}") from None
+    # The matrix, learnt on in place, goes before the model file's copies of the forest are made.
+    del X, weights
     save(forest, output, _model_entries(feature_names, class_names, class_column_name, _class_codes(forest)))
     print(
-        f"learnt {args.trees} trees on {X.shape[0]} rows and {forest.n_features_in_} features; saved {args.output}",
+        f"learnt {args.trees} trees on {n_rows} rows and {forest.n_features_in_} features; saved {args.output}",
         file=sys.stderr,
     )
     if args.oob:

@@ -56,7 +56,7 @@ template <class D, class Criterion>
 Learnt<typename D::label_type> learn(const D& data, const std::vector<uint64_t>& sample, bool with_ranks,
                                      bool rank_rows, int fte_per_split, const Criterion& criterion) {
   Velmot::IndexedDataSet<D> indexed(&data);
-  indexed.indices = sample;
+  indexed.indices.assign(sample.begin(), sample.end());
   Velmot::FeatureRanks<typename D::feature_type> ranks;
   if (with_ranks) {
     ranks = Velmot::FeatureRanks<typename D::feature_type>(data);

@@ -32,11 +32,9 @@ IndexedDataSet<D> random_subset_iid(const D* dataset, double fraction_of_parent,
   if (num_sample_instances == 0) return subset;
   if (num_instances == 0) throw IncompatibleDataException("data set is empty");
   subset.indices.reserve(num_sample_instances);
-  subset.feature_label_buffer.reserve(num_sample_instances);
   for (uint64_t k = 0; k < num_sample_instances; ++k) {
     const int32_t index = static_cast<int32_t>(random_generator.next_int(num_instances));
-    subset.indices.push_back(static_cast<uint64_t>(index));
-    subset.feature_label_buffer.emplace_back(typename D::feature_type(0), dataset->get_label(index));
+    subset.indices.push_back(static_cast<uint32_t>(index));
   }
   return subset;
 }

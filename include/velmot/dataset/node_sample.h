@@ -113,22 +113,25 @@ public:
   // Puts the index list in ascending instance order (a counting sort by
   // instance number, so that gathers read columns forwards), each instance
   // once with its number of copies as its weight, and follows labels.
+  // The merged list is made exactly sized once the drawn one is freed: it
+  // is about 63% as long, and is held while the whole tree grows.
   void merge_repeats() {
     const size_t ni = dataset->get_num_instances();
     std::vector<uint32_t> copies(ni, 0);
-    for (const uint64_t i : indices) ++copies[i];
+    for (const uint32_t i : indices) ++copies[i];
+    std::vector<uint32_t>().swap(indices);
+    const size_t distinct = ni - static_cast<size_t>(std::count(copies.begin(), copies.end(), 0u));
+    indices.resize(distinct);
+    position_weights.resize(distinct);
     size_t p = 0;
     uint32_t most = 0;
-    position_weights.resize(indices.size());
     for (size_t i = 0; i < ni; ++i) {
       if (copies[i] == 0) continue;
-      indices[p] = i;
+      indices[p] = static_cast<uint32_t>(i);
       position_weights[p] = copies[i];
       most = std::max(most, copies[i]);
       ++p;
     }
-    indices.resize(p);
-    position_weights.resize(p);
     largest_weight = most;
     follow_labels();
   }
@@ -143,16 +146,19 @@ public:
 
   void use_all_instances() {
     forget_positions();
-    indices.resize(dataset->get_num_instances());
-    for (size_t i = 0; i < indices.size(); ++i) indices[i] = i;
+    const size_t n = dataset->get_num_instances();
+    if (n > std::numeric_limits<uint32_t>::max()) throw Exception("a sample holds at most 2^32 - 1 instances");
+    indices.resize(n);
+    for (size_t i = 0; i < n; ++i) indices[i] = static_cast<uint32_t>(i);
   }
   void clear_indices() {
     forget_positions();
     indices.clear();
   }
   void add_index(uint64_t i) {
+    if (i > std::numeric_limits<uint32_t>::max()) throw Exception("instance numbers in a sample fit 32 bits");
     forget_positions();
-    indices.push_back(i);
+    indices.push_back(static_cast<uint32_t>(i));
   }
   void set_dataset(const D* d) {
     forget_positions();
@@ -160,7 +166,9 @@ public:
   }
 
   const D* dataset;
-  std::vector<uint64_t> indices;
+  // Instance numbers, 4 bytes each: halves what the positions, the most
+  // touched array of a node's work, take in memory and cache.
+  std::vector<uint32_t> indices;
   // The label of each position, while labels_follow (see follow_labels).
   std::vector<label_type> position_labels;
   bool labels_follow = false;

@@ -29,7 +29,7 @@ namespace Velmot {
 // the left one: scratch the sample keeps across its nodes.
 template <class L>
 struct PartitionScratch {
-  std::vector<uint64_t> indices;
+  std::vector<uint32_t> indices;
   std::vector<L> labels;
   std::vector<uint32_t> weights;
 };
@@ -40,7 +40,7 @@ template <class S, class GoesLeft>
 size_t partition_positions(S& sample, size_t begin, size_t end, GoesLeft goes_left) {
   typedef typename S::label_type L;
   PartitionScratch<L>& right_part = sample.partition_scratch;
-  uint64_t* index = sample.indices.data();
+  uint32_t* index = sample.indices.data();
   L* label = sample.labels_follow ? sample.position_labels.data() : nullptr;
   uint32_t* weight = sample.position_weights.empty() ? nullptr : sample.position_weights.data();
   right_part.indices.resize(end - begin);
@@ -49,12 +49,12 @@ size_t partition_positions(S& sample, size_t begin, size_t end, GoesLeft goes_le
   // Each position is written to both parts and only the part it belongs
   // to advances (the left part's slot is never ahead of p): no branch on
   // the split, which falls either way at random.
-  uint64_t* right_index = right_part.indices.data();
+  uint32_t* right_index = right_part.indices.data();
   L* right_label = right_part.labels.data();
   uint32_t* right_weight = right_part.weights.data();
   size_t left = begin, right = 0;
   for (size_t p = begin; p < end; ++p) {
-    const uint64_t i = index[p];
+    const uint32_t i = index[p];
     const bool to_left = goes_left(i);
     index[left] = i;
     right_index[right] = i;
@@ -119,7 +119,7 @@ void sort_positions(S& sample, size_t begin, size_t end) {
   const size_t n = end - begin;
   std::vector<size_t> order(n);
   for (size_t k = 0; k < n; ++k) order[k] = k;
-  const uint64_t* index = sample.indices.data() + begin;
+  const uint32_t* index = sample.indices.data() + begin;
   std::sort(order.begin(), order.end(), [index](size_t a, size_t b) { return index[a] < index[b]; });
   const auto permute = [&order, n](auto* values) {
     const std::vector<std::remove_pointer_t<decltype(values)>> copy(values, values + n);

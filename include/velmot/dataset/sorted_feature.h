@@ -306,7 +306,7 @@ private:
                               size_t stride = 1) {
     packed_sort.prepare(n);
     uint32_t* key = packed_sort.keys();
-    const uint64_t* position = sample.indices.data() + begin;
+    const uint32_t* position = sample.indices.data() + begin;
     const uint32_t* weight = sample.position_weights.empty() ? nullptr : sample.position_weights.data() + begin;
     const int shift = label_bits;
     const int weights = weight_bits;
@@ -367,7 +367,7 @@ private:
     uint32_t* key = ranked.prepare(n, num_ranks);
     const int shift = ranked.shift();
     const uint32_t mask = ranked.position_mask();
-    const uint64_t* position = sample.indices.data() + begin;
+    const uint32_t* position = sample.indices.data() + begin;
     uint32_t kmin = std::numeric_limits<uint32_t>::max(), kmax = 0;
     auto take = [&](size_t i) {
       const uint32_t k =

@@ -102,7 +102,8 @@ IndexedDataSet<D> weighted_subset_iid(const D* dataset, double fraction_of_paren
   }
   const uint64_t num_sample_instances = static_cast<uint64_t>(wanted);
   subset.indices.reserve(num_sample_instances);
-  for (uint64_t k = 0; k < num_sample_instances; ++k) subset.indices.push_back(draws.draw(random_generator));
+  for (uint64_t k = 0; k < num_sample_instances; ++k)
+    subset.indices.push_back(static_cast<uint32_t>(draws.draw(random_generator)));
   return subset;
 }
 

@@ -233,30 +233,29 @@ struct IgnoreNodes {
 // statistics (NodeLabels::statistics(): a histogram, or squared-error sums;
 // empty for an empty node) once, in the order nodes are processed:
 // breadth-first, the numbering of the tree arrays.
+//
+// grow_tree_in_place grows the same tree on a sample as drawn (no weights)
+// itself, which it leaves holding each drawn instance once, in the order of
+// the tree's leaves; grow_tree works on a copy of the sample's positions.
 template <class D, class Criterion, class OnNode = IgnoreNodes>
-Node<typename D::label_type>* grow_tree(const IndexedDataSet<D>& data, int fte_per_split, int max_depth,
-                                        const GrowthLimits& limits, const Criterion& criteria,
-                                        bool compute_feature_importances, std::vector<double>& feature_importances,
-                                        XorShiftRNG& random, OnNode on_node = OnNode()) {
+Node<typename D::label_type>* grow_tree_in_place(IndexedDataSet<D>& indexed_data, int fte_per_split, int max_depth,
+                                                 const GrowthLimits& limits, const Criterion& criteria,
+                                                 bool compute_feature_importances,
+                                                 std::vector<double>& feature_importances, XorShiftRNG& random,
+                                                 OnNode on_node = OnNode()) {
   typedef typename D::label_type L;
   typedef typename D::feature_type F;
   typedef IndexedDataSet<D> I;
 
-  // The private copy takes the sample's indices and ranks only: its buffer
-  // and sort workspaces are filled per feature before they are read, so
-  // copying the sample's (a 16-byte pair per instance) would be wasted.
-  I indexed_data(data.get_dataset());
-  indexed_data.indices = data.indices;
-  indexed_data.ranks = data.ranks;
+  const size_t root_n = indexed_data.weight_of(0, indexed_data.get_num_instances());
   // Sorted pairs do not depend on the order of a node's positions, so they
   // are kept ascending: gathers then read each column forwards. Repeated
   // instances become one weighted position each.
   indexed_data.merge_repeats();
-  learn_tree_detail::DrawnFeatures drawn(data.get_num_features());
+  learn_tree_detail::DrawnFeatures drawn(indexed_data.get_num_features());
   NodeLabels<Criterion> labels;
   learn_tree_detail::SearchWorkspace<D> workspace(NodeLabels<Criterion>::exact_labels);
   std::deque<NodeLearnTask<L>> to_learn;
-  const size_t root_n = data.weight_of(0, data.get_num_instances());
   Node<L>* root = new Node<L>();
   try {
     to_learn.emplace_back(root, -1, 2.2250738585072014e-308, 0, static_cast<int>(indexed_data.get_num_instances()), 0);
@@ -333,6 +332,20 @@ Node<typename D::label_type>* grow_tree(const IndexedDataSet<D>& data, int fte_p
     for (double& v : feature_importances) v /= sum;
   }
   return root;
+}
+
+template <class D, class Criterion, class OnNode = IgnoreNodes>
+Node<typename D::label_type>* grow_tree(const IndexedDataSet<D>& data, int fte_per_split, int max_depth,
+                                        const GrowthLimits& limits, const Criterion& criteria,
+                                        bool compute_feature_importances, std::vector<double>& feature_importances,
+                                        XorShiftRNG& random, OnNode on_node = OnNode()) {
+  // The copy takes the sample's positions and ranks only: buffers and sort
+  // workspaces are filled per feature before they are read.
+  IndexedDataSet<D> indexed_data(data.get_dataset());
+  indexed_data.indices = data.indices;
+  indexed_data.ranks = data.ranks;
+  return grow_tree_in_place(indexed_data, fte_per_split, max_depth, limits, criteria, compute_feature_importances,
+                            feature_importances, random, on_node);
 }
 
 // Under the library's growth rule with the given smallest leaf size.

@@ -153,9 +153,11 @@ SeededForestOf<L> learn_seeded_forest(const TrainingSet<F, L>& set, const Seeded
     std::vector<double> importances(nf, 0.0);
     // Regression nodes are measured by their mean squared error, whatever the measure.
     NodeStatistics statistics(impurity_measure_of<Criterion>());
-    std::unique_ptr<Node<L>> root(grow_tree(sample, settings.fte_per_split, settings.max_depth, settings.limits,
-                                            criteria, true, importances, rng,
-                                            [&statistics](const auto& node) { statistics(node); }));
+    // Grown on the sample itself: a copy would double the positions each
+    // worker holds. Out-of-bag estimates need only which instances it holds.
+    std::unique_ptr<Node<L>> root(grow_tree_in_place(sample, settings.fte_per_split, settings.max_depth,
+                                                     settings.limits, criteria, true, importances, rng,
+                                                     [&statistics](const auto& node) { statistics(node); }));
     NodeArrays<L>& tree = trees[static_cast<size_t>(j)];
     tree = flatten_tree(*root);
     root.reset();
