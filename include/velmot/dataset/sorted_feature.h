@@ -297,6 +297,28 @@ private:
     return true;
   }
 
+  // Runs take(i) for every i in [0, n), prefetching the rank of the
+  // position prefetch_distance ahead and, with far, also the one
+  // far_prefetch_distance ahead (into L2). The loop is split where the
+  // prefetches run out, so that no key pays for a test of its own.
+  template <class Rank, class Take>
+  [[gnu::always_inline]] static void gather_prefetched(const Rank* rank_of, const uint32_t* position, size_t stride,
+                                                       size_t n, bool far, Take& take) {
+    size_t i = 0;
+    if (far) {
+      for (; i + far_prefetch_distance < n; ++i) {
+        __builtin_prefetch(rank_of + position[i + far_prefetch_distance] * stride, 0, 1);
+        __builtin_prefetch(rank_of + position[i + prefetch_distance] * stride);
+        take(i);
+      }
+    }
+    for (; i + prefetch_distance < n; ++i) {
+      __builtin_prefetch(rank_of + position[i + prefetch_distance] * stride);
+      take(i);
+    }
+    for (; i < n; ++i) take(i);
+  }
+
   // Gathers ((rank_of[instance * stride], label) [, weight]) keys of the
   // range and sorts (or counts) them; rank_of is the feature's ranks (a
   // column, stride 1, or its place in the rows) or, for bytes, its values.
@@ -312,8 +334,6 @@ private:
     const int weights = weight_bits;
     uint32_t kmin = std::numeric_limits<uint32_t>::max(), kmax = 0;
     const bool far_prefetch = sample.dataset->get_num_instances() * sizeof(Rank) > far_prefetch_column_bytes;
-    // The loop is split where the prefetches run out, so that no key pays
-    // for a test of its own.
     auto gather = [&](auto key_of) {
       auto take = [&](size_t i) {
         const uint32_t k = key_of(i, (static_cast<uint32_t>(rank_of[position[i] * stride]) << shift) |
@@ -322,19 +342,7 @@ private:
         kmin = std::min(kmin, k);
         kmax = std::max(kmax, k);
       };
-      size_t i = 0;
-      if (far_prefetch) {
-        for (; i + far_prefetch_distance < n; ++i) {
-          __builtin_prefetch(rank_of + position[i + far_prefetch_distance] * stride, 0, 1);
-          __builtin_prefetch(rank_of + position[i + prefetch_distance] * stride);
-          take(i);
-        }
-      }
-      for (; i + prefetch_distance < n; ++i) {
-        __builtin_prefetch(rank_of + position[i + prefetch_distance] * stride);
-        take(i);
-      }
-      for (; i < n; ++i) take(i);
+      gather_prefetched(rank_of, position, stride, n, far_prefetch, take);
     };
     if (weight == nullptr) {
       gather([](size_t, uint32_t rank_and_label) { return rank_and_label; });
@@ -376,21 +384,8 @@ private:
       kmin = std::min(kmin, k);
       kmax = std::max(kmax, k);
     };
-    // Prefetched as the packed gather is, the loop split where the
-    // prefetches run out.
-    size_t i = 0;
-    if (sample.dataset->get_num_instances() * stride * sizeof(Rank) > far_prefetch_column_bytes) {
-      for (; i + far_prefetch_distance < n; ++i) {
-        __builtin_prefetch(rank_of + position[i + far_prefetch_distance] * stride, 0, 1);
-        __builtin_prefetch(rank_of + position[i + prefetch_distance] * stride);
-        take(i);
-      }
-    }
-    for (; i + prefetch_distance < n; ++i) {
-      __builtin_prefetch(rank_of + position[i + prefetch_distance] * stride);
-      take(i);
-    }
-    for (; i < n; ++i) take(i);
+    const bool far_prefetch = sample.dataset->get_num_instances() * stride * sizeof(Rank) > far_prefetch_column_bytes;
+    gather_prefetched(rank_of, position, stride, n, far_prefetch, take);
     // A feature with as many ranks as the data set has instances has no
     // ties to put in label order.
     const bool may_tie = num_ranks < sample.dataset->get_num_instances();
