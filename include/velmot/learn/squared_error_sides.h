@@ -17,7 +17,12 @@ namespace Velmot {
 
 // The sides of the split sweep (learn/sweep.h) under squared error: the
 // left side's weight and centred sum; the right side's follow from the
-// node's. Scores every boundary between distinct keys.
+// node's. Scores every boundary between distinct keys. With limited false
+// the leaf limit admits every boundary the sweep visits (a limit of at most
+// one pair per side: each side of a visited boundary holds an element), and
+// is not tested per element. With distinct_keys the input's keys are all
+// distinct, so every run (below) is one element, added as it moves left.
+template <bool limited = true, bool distinct_keys = false>
 class SquaredErrorSides {
 public:
   static constexpr bool scores_every_boundary = true;
@@ -32,13 +37,18 @@ public:
 
   size_t total() const { return static_cast<size_t>(node_total); }
   bool splittable() const { return limit.splittable(node_total); }
-  bool within_limit() const { return limit.admits(left_total, node_total); }
+  bool within_limit() const { return !limited || limit.admits(left_total, node_total); }
   // The left sum grows by one product per run of elements with equal keys
   // and equal labels, (copies in the run) x (y - centre): the same terms
   // whether a node's copies come as one weighted element or one by one.
   template <class L>
   [[gnu::always_inline]] void move(L label, uint32_t copies) {
     const double y = static_cast<double>(label);
+    if constexpr (distinct_keys) {
+      left_sum += static_cast<double>(copies) * (y - centre);
+      left_total += copies;
+      return;
+    }
     if (run_copies != 0 && !(y == run_label)) close_run();
     run_label = y;
     run_copies += copies;
@@ -46,7 +56,7 @@ public:
   }
   template <class Key>
   [[gnu::always_inline]] bool offer(bool admissible, const Key& lower, const Key& upper) {
-    if (lower != upper) close_run();
+    if (!distinct_keys && lower != upper) close_run();
     const double right_sum = node_sum - left_sum;
     const double left_n = static_cast<double>(left_total);
     const double right_n = static_cast<double>(node_total - left_total);
