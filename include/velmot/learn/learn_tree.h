@@ -147,8 +147,10 @@ public:
 
   static constexpr bool possible = learns_with_ranks<F, L>() && !std::is_integral<L>::value;
 
+  static constexpr size_t max_positions = SmallNodeSplits::max_positions;
+
   static bool serves(const IndexedDataSet<D>& sample, size_t positions) {
-    return possible && sample.ranks != nullptr && positions >= 2 && positions <= SmallNodeSplits::max_positions;
+    return possible && sample.ranks != nullptr && positions >= 2 && positions <= max_positions;
   }
 
   SmallNodeSearch(const RangeDataSet<IndexedDataSet<D>>& range, SmallNodeSplits& splits)
@@ -167,10 +169,10 @@ public:
               double& score) {
     const size_t feature = static_cast<size_t>(f);
     if (!sample.ranks->has_ranks(feature)) return false;
-    uint32_t rank[SmallNodeSplits::max_positions];
-    uint8_t order[SmallNodeSplits::max_positions];
+    uint32_t rank[max_positions];
+    uint8_t order[max_positions];
     for (size_t i = 0; i < n; ++i) rank[i] = sample.ranks->rank(feature, sample.indices[begin + i]);
-    if (!splits.order_of(rank, order)) return false;
+    if (!SmallNodeSplits::order_of(rank, n, order)) return false;
     const FeatureSplit<uint32_t>& split = splits.split(order, [&](const uint8_t* o) {
       return labels.best_split(
           distinct_sorted_keys<L>(
@@ -192,8 +194,8 @@ private:
   const IndexedDataSet<D>& sample;
   size_t begin, n;
   SmallNodeSplits& splits;
-  L label[SmallNodeSplits::max_positions];
-  uint32_t weight[SmallNodeSplits::max_positions];
+  L label[max_positions];
+  uint32_t weight[max_positions];
 };
 
 // The best split over the features chosen for one node, or an uninitialized

@@ -19,8 +19,9 @@
 //          is the position of the j-th smallest rank;
 //   code   the order as one number, 2 bits per place (256 codes).
 //
-// Steps: begin(n) for each node; order_of(rank, order) sorts a feature's n
-// ranks (false if two are equal: the grower then sorts as usual);
+// Steps: begin(n) for each node; order_of(rank, n, order) sorts a
+// feature's n ranks (false if two are equal: the grower then sorts as
+// usual);
 // split(order, sweep) returns the result for that order, calling
 // sweep(order) only the first time the node meets it.
 
@@ -44,8 +45,8 @@ public:
     }
   }
 
-  // The node's positions by ascending rank; false if two ranks are equal.
-  bool order_of(const uint32_t* rank, uint8_t* order) const {
+  // The n positions by ascending rank; false if two ranks are equal.
+  static bool order_of(const uint32_t* rank, size_t n, uint8_t* order) {
     unsigned equal = 0;
     for (size_t i = 0; i < n; ++i) {
       size_t place = 0;
