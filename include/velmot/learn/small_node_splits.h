@@ -21,8 +21,7 @@
 //
 // Steps: begin(n) for each node; order_of(rank, n, order) sorts a
 // feature's n ranks (false if two are equal: the grower then sorts as
-// usual);
-// split(order, sweep) returns the result for that order, calling
+// usual); split(order, sweep) returns the result for that order, calling
 // sweep(order) only the first time the node meets it.
 
 #include <cstdint>
