@@ -111,6 +111,7 @@ void expect_squared_error_sorts_agree(const std::pair<Velmot::MemoryDataSet<doub
                             learn(data, draws, false, false, fte_per_split, criterion)}) {
     EXPECT_TRUE(VelmotTest::same_tree(ranked.tree, other.tree));
     EXPECT_EQ(ranked.importances, other.importances);
+    EXPECT_EQ(ranked.generator_after.x, other.generator_after.x);
   }
 }
 
@@ -119,6 +120,9 @@ TEST(RepeatedInstances, SquaredErrorLearnsAlikeFromEverySort) {
   // and the feature's ranks need more than 32 bits together.
   expect_squared_error_sorts_agree(make_case<double, double>(1500, 4, 900, 1500, 11), 2);
   expect_squared_error_sorts_agree(make_case<double, double>(150000, 2, 150000, 150000, 12), 1);
+  // Nearly tie-free values, several features per split: nodes of two to
+  // four positions draw between features' equal scores.
+  expect_squared_error_sorts_agree(make_case<double, double>(3000, 6, 1 << 30, 3000, 13), 3);
 }
 
 TEST(RepeatedInstances, EveryPathLearnsAsCopies) {

@@ -68,7 +68,7 @@ public:
       sorted_key = sort_small(packed_sort.keys(), n);
       offset = 0;
     } else if (packed) {
-      packed_sort.sort(n, kmin, kmax, key_shift, key_shift);
+      packed_sort.sort(n, kmin, kmax, key_shift, key_shift, bucket_sort_max);
       sorted_key = packed_sort.sorted();
       offset = 0;
     } else {
@@ -79,9 +79,12 @@ public:
       sorted_position = rank_sort.sorted_label();
       offset = rank_sort.key_offset();
     }
-    if (may_tie && has_equal_ranks()) order_equal_ranks_by_label(label);
+    distinct = !(may_tie && has_equal_ranks());
+    if (!distinct) order_equal_ranks_by_label(label);
     return true;
   }
+  // Whether the last sort's ranks were all distinct.
+  bool distinct_ranks() const { return distinct; }
 
   uint32_t rank_offset() const { return offset; }
 
@@ -104,6 +107,12 @@ private:
   // branch, where a comparison sort's go either way at random (most nodes
   // are this small).
   static constexpr size_t small_size = 16;
+  // Above this many keys the radix sort runs instead of the bucket sort:
+  // its passes leave the position bits out, so ranks below 2^22 take two.
+  // One tree of W5's regression forest on one thread: 1.3% fewer
+  // instructions than at PackedRankSort's own limit of 4,096, 2.4% fewer
+  // than at 128.
+  static constexpr size_t bucket_sort_max = 512;
 
   // Packed keys are distinct (their positions differ), so each one's place
   // is the number of keys below it.
@@ -158,6 +167,7 @@ private:
   }
 
   bool packed = true;
+  bool distinct = false;
   int key_shift = 0;
   uint32_t mask = 0;
   size_t count = 0;

@@ -67,11 +67,13 @@ struct UnitWeight {
   uint32_t operator()(size_t) const { return 1; }
 };
 
-template <class L, class KeyAt, class LabelAt, class WeightAt>
+// distinct: no two of the keys are equal (a fact the sweep's sides may use).
+template <class L, class KeyAt, class LabelAt, class WeightAt, bool distinct = false>
 class SortedKeys {
 public:
   typedef typename std::decay<decltype(std::declval<KeyAt>()(size_t()))>::type key_type;
   typedef L label_type;
+  static constexpr bool distinct_keys = distinct;
 
   SortedKeys(size_t n, KeyAt key_at, LabelAt label_at, WeightAt weight_at)
       : n(n), key_at(key_at), label_at(label_at), weight_at(weight_at) {}
@@ -96,6 +98,19 @@ template <class L, class KeyAt, class LabelAt, class WeightAt>
 SortedKeys<L, KeyAt, LabelAt, WeightAt> sorted_keys(size_t n, KeyAt key_at, LabelAt label_at, WeightAt weight_at) {
   return SortedKeys<L, KeyAt, LabelAt, WeightAt>(n, key_at, label_at, weight_at);
 }
+// The same over distinct keys.
+template <class L, class KeyAt, class LabelAt, class WeightAt>
+SortedKeys<L, KeyAt, LabelAt, WeightAt, true> distinct_sorted_keys(size_t n, KeyAt key_at, LabelAt label_at,
+                                                                   WeightAt weight_at) {
+  return SortedKeys<L, KeyAt, LabelAt, WeightAt, true>(n, key_at, label_at, weight_at);
+}
+
+// Whether an input's keys are all distinct: false unless it says so.
+template <class Input, class = void>
+struct has_distinct_keys : std::false_type {};
+template <class Input>
+struct has_distinct_keys<Input, std::void_t<decltype(Input::distinct_keys)>>
+    : std::integral_constant<bool, Input::distinct_keys> {};
 
 // Cell k counts the pairs whose packed key is k: rank k >> label_bits,
 // label (k & mask) - 1. At least one cell is not empty.
@@ -246,10 +261,16 @@ public:
       const L* label = node_label;
       const uint32_t* weight = node_weight;
       return ranked.visit([&](auto key_at, auto position_at) {
-        return search(sorted_keys<L>(
-                          sorted_count, key_at, [label, position_at](size_t i) { return label[position_at(i)]; },
-                          [weight, position_at](size_t i) { return weight[position_at(i)]; }),
-                      point_of);
+        auto label_at = [label, position_at](size_t i) { return label[position_at(i)]; };
+        auto weight_at = [weight, position_at](size_t i) { return weight[position_at(i)]; };
+        // Under real labels only: the classification sweeps keep one input
+        // form here.
+        if constexpr (!std::is_integral<L>::value) {
+          if (ranked.distinct_ranks()) {
+            return search(distinct_sorted_keys<L>(sorted_count, key_at, label_at, weight_at), point_of);
+          }
+        }
+        return search(sorted_keys<L>(sorted_count, key_at, label_at, weight_at), point_of);
       });
     }
     const pair_type* pair = pairs.data();
@@ -387,8 +408,9 @@ private:
     const bool far_prefetch = sample.dataset->get_num_instances() * stride * sizeof(Rank) > far_prefetch_column_bytes;
     gather_prefetched(rank_of, position, stride, n, far_prefetch, take);
     // A feature with as many ranks as the data set has instances has no
-    // ties to put in label order.
-    const bool may_tie = num_ranks < sample.dataset->get_num_instances();
+    // ties to put in label order, unless an instance fills several
+    // positions (repeats not merged).
+    const bool may_tie = num_ranks < sample.dataset->get_num_instances() || sample.position_weights.empty();
     if (!ranked.sort(n, kmin, kmax, node_label, may_tie)) return false;
     sorted_count = n;
     form = ranked_positions;

@@ -481,8 +481,10 @@ public:
   // Digits are taken from the keys lowered by kmin's rank (so that they
   // need as few bits as the range's span), the keys themselves move as
   // they are. The lowest skipped_bits bits of the keys are left out of the
-  // order where that saves work (the radix passes skip them).
-  void sort(size_t n, uint32_t kmin, uint32_t kmax, int label_bits, int skipped_bits = 0) {
+  // order where that saves work (the radix passes skip them). The bucket
+  // sort serves at most bucket_limit keys.
+  void sort(size_t n, uint32_t kmin, uint32_t kmax, int label_bits, int skipped_bits = 0,
+            size_t bucket_limit = bucket_sort_max) {
     uint32_t* in = key.data();
     result = in;
     if (n < comparison_size) {
@@ -497,7 +499,7 @@ public:
     // pass over them all beats buckets full of equal keys.
     const int order_bits = std::max(bits - skipped_bits, 1);
     const bool dense = order_bits <= 11 && 8 * n >= (size_t(1) << order_bits);
-    if (!dense && n <= bucket_sort_max && bucket_sort(n, base, bits)) return;
+    if (!dense && n <= bucket_limit && bucket_sort(n, base, bits)) return;
     radix_sort(n, base, bits, skipped_bits);
   }
 

@@ -42,12 +42,16 @@
 // a feature's pairs come sorted in value-then-label order whatever the
 // slice's order (dataset/sorted_feature.h); each feature's sweep
 // (learn/sweep.h) keeps only its score and the points around its best
-// boundary, and the threshold is looked up for the node's winner alone.
+// boundary, and the threshold is looked up for the node's winner alone;
+// under real labels, a node of two to four positions sweeps each order of
+// its positions once (learn/small_node_splits.h).
 
 #include <algorithm>
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <optional>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -60,6 +64,7 @@
 #include "velmot/defs/tracker.h"
 #include "velmot/learn/growth_limits.h"
 #include "velmot/learn/node_labels.h"
+#include "velmot/learn/small_node_splits.h"
 #include "velmot/learn/split_search.h"
 #include "velmot/learn/sweep.h"
 #include "velmot/learn/tree.h"
@@ -128,6 +133,69 @@ struct SearchWorkspace {
   // Packed keys that span fewer cells than there are keys are counted.
   explicit SearchWorkspace(bool exact_labels) : sorted(true, exact_labels) {}
   SortedFeature<D> sorted;
+  SmallNodeSplits small;
+};
+
+// A node of two to SmallNodeSplits::max_positions positions with real
+// labels, whose ranked features sort as ranked_positions
+// (dataset/sorted_feature.h): their splits come from SmallNodeSplits.
+template <class D>
+class SmallNodeSearch {
+public:
+  typedef typename D::feature_type F;
+  typedef typename D::label_type L;
+
+  static constexpr bool possible = learns_with_ranks<F, L>() && !std::is_integral<L>::value;
+
+  static constexpr size_t max_positions = SmallNodeSplits::max_positions;
+
+  static bool serves(const IndexedDataSet<D>& sample, size_t positions) {
+    return possible && sample.ranks != nullptr && positions >= 2 && positions <= max_positions;
+  }
+
+  SmallNodeSearch(const RangeDataSet<IndexedDataSet<D>>& range, SmallNodeSplits& splits)
+      : sample(*range.dataset), begin(range.begin_i), n(range.end_i - range.begin_i), splits(splits) {
+    splits.begin(n);
+    for (size_t i = 0; i < n; ++i) {
+      label[i] = sample.get_label(begin + i);
+      weight[i] = sample.get_weight(begin + i);
+    }
+  }
+
+  // Feature f's split, as the sorted search would find it; false where f
+  // has no ranks or two of its ranks are equal, which the sort handles.
+  template <class Labels, class Criterion>
+  bool search(int f, Labels& labels, const Criterion& criteria, LeafLimit limit, SplitCandidate<F>& candidate,
+              double& score) {
+    const size_t feature = static_cast<size_t>(f);
+    if (!sample.ranks->has_ranks(feature)) return false;
+    uint32_t rank[max_positions];
+    uint8_t order[max_positions];
+    for (size_t i = 0; i < n; ++i) rank[i] = sample.ranks->rank(feature, sample.indices[begin + i]);
+    if (!SmallNodeSplits::order_of(rank, n, order)) return false;
+    const FeatureSplit<uint32_t>& split = splits.split(order, [&](const uint8_t* o) {
+      return labels.best_split(
+          distinct_sorted_keys<L>(
+              n, [](size_t i) { return static_cast<uint32_t>(i); }, [this, o](size_t i) { return label[o[i]]; },
+              [this, o](size_t i) { return weight[o[i]]; }),
+          criteria, limit);
+    });
+    score = split.score;
+    candidate.feature_index = f;
+    candidate.impurity = split.impurity;
+    candidate.is_seed = split.where.is_seed;
+    candidate.lower.ranked = candidate.upper.ranked = true;
+    candidate.lower.rank = rank[order[split.where.lower]];
+    candidate.upper.rank = rank[order[split.where.upper]];
+    return true;
+  }
+
+private:
+  const IndexedDataSet<D>& sample;
+  size_t begin, n;
+  SmallNodeSplits& splits;
+  L label[max_positions];
+  uint32_t weight[max_positions];
 };
 
 // The best split over the features chosen for one node, or an uninitialized
@@ -148,6 +216,10 @@ Tracker<SplitCandidate<typename D::feature_type>, std::less<double>> search_feat
   SortedFeature<D>& sorted = workspace.sorted;
   Tracker<SplitCandidate<F>, std::less<double>> best_over_features;
   drawn.clear();
+  std::optional<SmallNodeSearch<D>> small;
+  if constexpr (SmallNodeSearch<D>::possible) {
+    if (SmallNodeSearch<D>::serves(*range.dataset, range.end_i - range.begin_i)) small.emplace(range, workspace.small);
+  }
   for (int kk = 0; kk < k;) {
     int fte;
     if (random_mode) {
@@ -163,13 +235,19 @@ Tracker<SplitCandidate<typename D::feature_type>, std::less<double>> search_feat
       fte = kk;
     }
     drawn.insert(fte);
-    // A constant feature is skipped and not counted.
-    if (total < 2 ||
-        !sorted.sort_unless_constant(*range.dataset, static_cast<size_t>(fte), range.begin_i, range.end_i)) {
-      continue;
-    }
+    if (total < 2) continue;
+    SplitCandidate<F> candidate;
     double score = 0.0;
-    SplitCandidate<F> candidate = sorted.search([&](const auto& input, auto point_of) {
+    if constexpr (SmallNodeSearch<D>::possible) {
+      if (small && small->search(fte, labels, criteria, limit, candidate, score)) {
+        best_over_features.try_candidate_break_ties(score, candidate, random);
+        ++kk;
+        continue;
+      }
+    }
+    // A constant feature is skipped and not counted.
+    if (!sorted.sort_unless_constant(*range.dataset, static_cast<size_t>(fte), range.begin_i, range.end_i)) continue;
+    candidate = sorted.search([&](const auto& input, auto point_of) {
       const auto split = labels.best_split(input, criteria, limit);
       score = split.score;
       SplitCandidate<F> c;

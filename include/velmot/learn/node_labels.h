@@ -96,7 +96,12 @@ public:
   void begin_search(const SquaredError&) {}
   template <class Input>
   FeatureSplit<typename Input::key_type> best_split(const Input& input, const SquaredError&, LeafLimit limit) {
-    SquaredErrorSides sides(stats, limit);
+    constexpr bool distinct = has_distinct_keys<Input>::value;
+    if (limit.min_side <= 1) {
+      SquaredErrorSides<false, distinct> sides(stats, limit);
+      return sweep_with(input, sides);
+    }
+    SquaredErrorSides<true, distinct> sides(stats, limit);
     return sweep_with(input, sides);
   }
   double improvement(double decrease, const SquaredError&) const { return std::max(decrease, 0.0); }
