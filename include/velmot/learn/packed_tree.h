@@ -28,6 +28,7 @@
 #include <cstdint>
 #include <cstring>
 #include <limits>
+#include <type_traits>
 #include <vector>
 
 #include "velmot/defs/exception.h"
@@ -116,7 +117,12 @@ private:
   // Bit for bit: a NaN of another payload, or -0.0, is stored.
   template <class T>
   static bool same_bits(T a, T b) {
-    return std::memcmp(&a, &b, sizeof a) == 0;
+    typedef std::conditional_t<sizeof(T) == sizeof(uint64_t), uint64_t, uint32_t> Bits;
+    static_assert(sizeof(T) == sizeof(Bits), "values of 4 or 8 bytes");
+    Bits x, y;
+    std::memcpy(&x, &a, sizeof x);
+    std::memcpy(&y, &b, sizeof y);
+    return x == y;
   }
 
   std::vector<uint8_t> flags;
