@@ -26,7 +26,6 @@
 #include <type_traits>
 #include <vector>
 
-#include "velmot/defs/free_memory.h"
 #include "velmot/learn/tree.h"
 
 namespace Velmot {
@@ -50,8 +49,7 @@ typedef NodeArrays<double> RegressionForestArrays;
 // A one-tree NodeArrays of a linked tree, breadth-first (the numbering of
 // VectorizedTree::root_to_vector); counts 0 and impurities NaN. L is int
 // (classes) or double (regression). Every array holds exactly one entry per
-// node: a forest keeps its trees' arrays until they are joined, and arrays
-// grown by doubling would hold up to twice that.
+// node: arrays grown by doubling would hold up to twice that.
 template <class L>
 NodeArrays<L> flatten_tree(const Node<L>& root) {
   std::vector<const Node<L>*> nodes{&root};
@@ -81,52 +79,6 @@ NodeArrays<L> flatten_tree(const Node<L>& root) {
   tree.impurity.assign(n, std::numeric_limits<double>::quiet_NaN());
   tree.offsets.push_back(static_cast<int64_t>(n));
   return tree;
-}
-
-// The trees of `trees` as one forest, in order. The join copies one member
-// (left, right, ...) at a time, frees each tree's part as soon as it is
-// copied and hands the freed memory back to the system every few
-// megabytes, so that it adds a few megabytes to the trees' own memory:
-// copying every member beside the trees would double the forest's memory
-// at the end of a fit, and copying one member beside them would add a
-// sixth of it (W1: 16 MiB).
-template <class Value>
-NodeArrays<Value> join_trees(std::vector<NodeArrays<Value>>& trees) {
-  constexpr size_t return_every_bytes = size_t(4) << 20;
-  NodeArrays<Value> forest;
-  size_t total = 0;
-  forest.offsets.reserve(trees.size() + 1);
-  for (const NodeArrays<Value>& tree : trees) {
-    for (size_t k = 1; k < tree.offsets.size(); ++k) {
-      forest.offsets.push_back(static_cast<int64_t>(total) + tree.offsets[k]);
-    }
-    total += tree.num_nodes();
-  }
-  const auto join = [&](auto member) {
-    auto& joined = forest.*member;
-    // Reserved pages become resident only as they are written.
-    joined.reserve(total);
-    size_t freed = 0;
-    for (NodeArrays<Value>& tree : trees) {
-      auto& part = tree.*member;
-      joined.insert(joined.end(), part.begin(), part.end());
-      freed += part.size() * sizeof(part[0]);
-      std::remove_reference_t<decltype(part)>().swap(part);
-      if (freed >= return_every_bytes) {
-        return_free_memory();
-        freed = 0;
-      }
-    }
-    return_free_memory();
-  };
-  join(&NodeArrays<Value>::left);
-  join(&NodeArrays<Value>::right);
-  join(&NodeArrays<Value>::feature);
-  join(&NodeArrays<Value>::value);
-  join(&NodeArrays<Value>::threshold);
-  join(&NodeArrays<Value>::count);
-  join(&NodeArrays<Value>::impurity);
-  return forest;
 }
 
 }  // namespace Velmot

@@ -15,8 +15,9 @@
 // workers' shares on the calling thread); for each
 // tree draw its sample, grow it with learn_tree while recording its nodes'
 // in-bag counts and impurities, flatten it into ForestArrays (and, if asked,
-// add its out-of-bag estimates); record its normalised importances. Trees
-// are joined in tree order after the region.
+// add its out-of-bag estimates), and keep it packed (learn/packed_tree.h);
+// record its normalised importances. Trees are joined in tree order after
+// the region.
 //
 // Labels: class codes (L = int) under a classification criterion, or real
 // targets (L = double) under SquaredError; a regression forest's leaves
@@ -40,6 +41,7 @@
 #include "velmot/dataset/node_sample.h"
 #include "velmot/dataset/weighted_bootstrap.h"
 #include "velmot/defs/exception.h"
+#include "velmot/defs/free_memory.h"
 #include "velmot/defs/int32_limits.h"
 #include "velmot/defs/parallel.h"
 #include "velmot/defs/tree_seeds.h"
@@ -49,6 +51,7 @@
 #include "velmot/learn/learning_progress.h"
 #include "velmot/learn/node_statistics.h"
 #include "velmot/learn/out_of_bag.h"
+#include "velmot/learn/packed_tree.h"
 #include "velmot/learn/training_set.h"
 #include "velmot/stats/label_accumulator.h"
 #include "velmot/stats/squared_error.h"
@@ -136,7 +139,7 @@ SeededForestOf<L> learn_seeded_forest(const TrainingSet<F, L>& set, const Seeded
   const D& data = set.data;
   const int64_t num_trees = settings.last_tree - settings.first_tree;
   const size_t nf = data.get_num_features();
-  std::vector<NodeArrays<L>> trees(static_cast<size_t>(num_trees));
+  std::vector<PackedTree<L>> trees(static_cast<size_t>(num_trees));
   SeededForestOf<L> forest;
   forest.tree_importances.assign(static_cast<size_t>(num_trees) * nf, 0.0);
   const WeightedDraws draws(settings.sample_weights);
@@ -158,8 +161,7 @@ SeededForestOf<L> learn_seeded_forest(const TrainingSet<F, L>& set, const Seeded
     std::unique_ptr<Node<L>> root(grow_tree_in_place(sample, settings.fte_per_split, settings.max_depth,
                                                      settings.limits, criteria, true, importances, rng,
                                                      [&statistics](const auto& node) { statistics(node); }));
-    NodeArrays<L>& tree = trees[static_cast<size_t>(j)];
-    tree = flatten_tree(*root);
+    NodeArrays<L> tree = flatten_tree(*root);
     root.reset();
     // Copied into the tree's exactly sized arrays: the recorder's grew by doubling.
     tree.count.assign(statistics.count.begin(), statistics.count.end());
@@ -168,6 +170,7 @@ SeededForestOf<L> learn_seeded_forest(const TrainingSet<F, L>& set, const Seeded
     if (settings.lay_out) {
       laid_out[static_cast<size_t>(j)] = lay_out_grown_tree(tree, scratch[static_cast<size_t>(w.number)]);
     }
+    trees[static_cast<size_t>(j)] = PackedTree<L>(tree);
     std::copy(importances.begin(), importances.end(), forest.tree_importances.begin() + j * static_cast<int64_t>(nf));
     progress.trees_done.fetch_add(1, std::memory_order_relaxed);
   });
@@ -176,7 +179,9 @@ SeededForestOf<L> learn_seeded_forest(const TrainingSet<F, L>& set, const Seeded
     forest.tree_importances.clear();
     return forest;
   }
-  forest.trees = join_trees(trees);
+  // The workers' freed scratch goes back before the forest's arrays are written.
+  return_free_memory();
+  forest.trees = join_packed_trees(trees);
   forest.laid_out = FlatForest(std::move(laid_out));
   if (oob) oob->take(forest.oob_counts, forest.oob_sums);
   return forest;
