@@ -10,6 +10,7 @@
 #include <cstring>
 #include <limits>
 #include <random>
+#include <stdexcept>
 #include <vector>
 
 #include "test_support.h"
@@ -23,6 +24,8 @@ void expect_reference_ranks(const std::vector<std::vector<F>>& columns, int thre
   VelmotTest::ThreadCount count(threads);
   Velmot::FeatureRanks<F> ranks(data);
   ranks.copy_to_rows();
+  // The columns are gone once the rows exist: reading them is an error, not freed memory.
+  EXPECT_THROW(ranks.visit_ranks(0, [](const auto* column) { return uint32_t{column[0]}; }), std::logic_error);
   for (size_t j = 0; j < columns.size(); ++j) {
     SCOPED_TRACE(j);
     // Dense ranks; the value of a rank is that of its highest instance.

@@ -60,7 +60,9 @@
 #include <cstring>
 #include <limits>
 #include <new>
+#include <stdexcept>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 #include "velmot/defs/ordered_key.h"
@@ -264,7 +266,7 @@ public:
           for (size_t i = first; i < last; ++i) rows[i * nf + f] = 0;
           continue;
         }
-        visit_ranks(f, [&](const auto* column) {
+        visit_columns(f, [&](const auto* column) {
           for (size_t i = first; i < last; ++i) rows[i * nf + f] = column[i];
         });
       }
@@ -287,15 +289,10 @@ public:
   // width); visit's result must not depend on the pointer's type.
   template <class Visit>
   decltype(auto) visit_ranks(size_t feature, Visit&& visit) const {
-    const unsigned char* column = rank_table.data() + column_offset[feature];
-    switch (column_width[feature]) {
-      case 1:
-        return visit(column);
-      case 2:
-        return visit(reinterpret_cast<const uint16_t*>(column));
-      default:
-        return visit(reinterpret_cast<const uint32_t*>(column));
-    }
+    // The columns are freed once the rows exist: a reader that did not ask
+    // rows_serve first would read freed memory.
+    if (has_rows()) throw std::logic_error("rank columns read after the rank rows replaced them");
+    return visit_columns(feature, std::forward<Visit>(visit));
   }
   // One rank, from the columns or the rows, whichever there are.
   uint32_t rank(size_t feature, size_t instance) const {
@@ -313,6 +310,19 @@ public:
   size_t num_ranks(size_t feature) const { return rank_count[feature]; }
 
 private:
+  template <class Visit>
+  decltype(auto) visit_columns(size_t feature, Visit&& visit) const {
+    const unsigned char* column = rank_table.data() + column_offset[feature];
+    switch (column_width[feature]) {
+      case 1:
+        return visit(column);
+      case 2:
+        return visit(reinterpret_cast<const uint16_t*>(column));
+      default:
+        return visit(reinterpret_cast<const uint32_t*>(column));
+    }
+  }
+
   // Step 5: each ranked column, written 4 bytes a rank at feature * ni * 4,
   // moves to table_end in its own width; columns start at multiples of 4
   // bytes. A column's new place never passes its old one, and each rank is
