@@ -1,4 +1,5 @@
-// The packed rank sort against std::sort on each of its paths.
+// The packed rank sort against std::sort on each of its paths; the
+// sorting networks on every input of zeros and ones.
 
 #include <gtest/gtest.h>
 
@@ -8,6 +9,7 @@
 
 #include "velmot/defs/random.h"
 #include "velmot/defs/sort.h"
+#include "velmot/defs/sorting_network.h"
 
 namespace {
 
@@ -61,6 +63,20 @@ TEST(PackedRankSort, SortsLikeStdSortOnEveryPath) {
   EXPECT_EQ(sorter.cell_base(), 7u << 2);
   EXPECT_EQ(std::vector<uint32_t>(sorter.cell_counts(), sorter.cell_counts() + sorter.cell_count()),
             (std::vector<uint32_t>{0, 6, 1, 5, 0, 3}));
+}
+
+// A network that sorts every sequence of zeros and ones sorts every
+// sequence; the largest key stands in for one (the padding's value).
+TEST(SortingNetwork, SortsEveryZeroOneInputOfEachSize) {
+  for (size_t n = 1; n <= Velmot::sorting_network_max; ++n) {
+    for (uint32_t bits = 0; bits < (1u << n); ++bits) {
+      std::vector<uint32_t> keys(n), sorted(n);
+      for (size_t i = 0; i < n; ++i) keys[i] = (bits >> i & 1) ? UINT32_MAX : 0;
+      Velmot::sort_by_network(sorted.data(), keys.data(), n);
+      std::sort(keys.begin(), keys.end());
+      ASSERT_EQ(sorted, keys) << n << " " << bits;
+    }
+  }
 }
 
 }  // namespace

@@ -55,6 +55,10 @@ struct FeatureLabelLessThan {
 
 namespace sort_detail {
 
+// The number of bits x needs (0 for 0): one instruction, where a loop
+// over the bits runs once per bit.
+inline int bit_width(uint64_t x) { return x == 0 ? 0 : 64 - __builtin_clzll(x); }
+
 // Ascending value, then ascending label: the one order every sort leaves.
 // Labels are never NaN in a learner (they are checked against the class
 // range first), so this is a strict weak order wherever values are not NaN.
@@ -362,8 +366,7 @@ private:
     }
     const int digit_bits = n < 2048 ? 8 : 11;
     const uint32_t mask = (1u << digit_bits) - 1;
-    int bits = 0;
-    while (bits < 32 && (span >> bits) != 0) ++bits;
+    const int bits = sort_detail::bit_width(span);
     const int passes = (bits + digit_bits - 1) / digit_bits;
     uint32_t* k_in = key.data();
     uint32_t* k_out = key_scratch.data();
@@ -493,8 +496,7 @@ public:
     }
     const uint32_t base = (kmin >> label_bits) << label_bits;
     const uint32_t span = kmax - base;
-    int bits = 1;
-    while (bits < 32 && (span >> bits) != 0) ++bits;
+    const int bits = std::max(sort_detail::bit_width(span), 1);
     // Few distinct keys for their number (byte values, say): one counting
     // pass over them all beats buckets full of equal keys.
     const int order_bits = std::max(bits - skipped_bits, 1);
@@ -524,8 +526,8 @@ private:
   // per key: with 2n to 4n buckets the buckets' share was a tenth of a
   // fit's instructions, with n to 2n it halves for a few more moves.
   bool bucket_sort(size_t n, uint32_t base, int bits) {
-    int bucket_bits = 1;
-    while ((size_t(1) << bucket_bits) < n) ++bucket_bits;
+    // The fewest bits, at least one, for which 2^bits >= n.
+    int bucket_bits = std::max(sort_detail::bit_width(n - 1), 1);
     if (bucket_bits > bits) bucket_bits = bits;
     const int shift = bits - bucket_bits;
     const size_t buckets = size_t(1) << bucket_bits;
