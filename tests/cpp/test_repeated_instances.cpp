@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <limits>
 #include <memory>
 #include <random>
@@ -35,7 +36,7 @@ std::pair<Velmot::MemoryDataSet<F, L>, std::vector<uint64_t>> make_case(size_t n
   for (size_t i = 0; i < n; ++i) {
     for (size_t j = 0; j < nf; ++j) data.features[j].push_back(static_cast<F>(static_cast<int>(gen() % levels)));
     if (nan_every > 0 && i % nan_every == 0) data.features[1].back() = std::numeric_limits<F>::quiet_NaN();
-    const int signal = static_cast<int>(data.features[0].back()) * 3 / levels;
+    const int signal = static_cast<int>(static_cast<int64_t>(data.features[0].back()) * 3 / levels);
     const int label = gen() % 5 == 0 ? static_cast<int>(gen() % 3) : signal;
     data.labels.push_back(static_cast<L>(label) + (std::is_integral<L>::value ? L(0) : static_cast<L>(0.5)));
   }
