@@ -17,6 +17,7 @@
 
 #include "test_support.h"
 #include "velmot/dataset/feature_ranks.h"
+#include "velmot/dataset/rank_order.h"
 #include "velmot/defs/random.h"
 #include "velmot/learn/learn_tree.h"
 #include "velmot/stats/criteria.h"
@@ -55,7 +56,8 @@ struct Learnt {
 
 template <class D, class Criterion>
 Learnt<typename D::label_type> learn(const D& data, const std::vector<uint64_t>& sample, bool with_ranks,
-                                     bool rank_rows, int fte_per_split, const Criterion& criterion) {
+                                     bool rank_rows, int fte_per_split, const Criterion& criterion,
+                                     size_t walk_factor = 0) {
   Velmot::IndexedDataSet<D> indexed(&data);
   indexed.indices.assign(sample.begin(), sample.end());
   Velmot::FeatureRanks<typename D::feature_type> ranks;
@@ -63,6 +65,11 @@ Learnt<typename D::label_type> learn(const D& data, const std::vector<uint64_t>&
     ranks = Velmot::FeatureRanks<typename D::feature_type>(data);
     if (rank_rows) ranks.copy_to_rows();
     indexed.ranks = &ranks;
+  }
+  Velmot::RankOrder order;
+  if (walk_factor > 0) {
+    order = Velmot::RankOrder(ranks, data.get_num_features(), data.get_num_instances(), walk_factor);
+    indexed.rank_order = &order;
   }
   Velmot::init_pool("", 23);
   Learnt<typename D::label_type> learnt;
@@ -98,8 +105,9 @@ void expect_repeats_learn_as_copies(const std::pair<Velmot::MemoryDataSet<F, L>,
 }
 
 // Squared error adds an instance's copies together, so a sample is compared
-// with itself learnt through the other sorts: ranks from their rows, and
-// values alone, which put tied values in label order without ranks.
+// with itself learnt through the other sorts: ranks from their rows, values
+// alone, which put tied values in label order without ranks, and every node
+// walking the rank orders of its tie-free features.
 void expect_squared_error_sorts_agree(const std::pair<Velmot::MemoryDataSet<double, double>, std::vector<uint64_t>>& c,
                                       int fte_per_split) {
   auto [data, draws] = c;
@@ -108,8 +116,10 @@ void expect_squared_error_sorts_agree(const std::pair<Velmot::MemoryDataSet<doub
   const Velmot::SquaredError criterion;
   const auto ranked = learn(data, draws, true, false, fte_per_split, criterion);
   EXPECT_GT(ranked.tree.get_num_nodes(), 3u);
+  const size_t every_node = data.get_num_instances();
   for (const auto& other : {learn(data, draws, true, true, fte_per_split, criterion),
-                            learn(data, draws, false, false, fte_per_split, criterion)}) {
+                            learn(data, draws, false, false, fte_per_split, criterion),
+                            learn(data, draws, true, false, fte_per_split, criterion, every_node)}) {
     EXPECT_TRUE(VelmotTest::same_tree(ranked.tree, other.tree));
     EXPECT_EQ(ranked.importances, other.importances);
     EXPECT_EQ(ranked.generator_after.x, other.generator_after.x);

@@ -38,6 +38,7 @@
 
 #include "velmot/dataset/feature_ranks.h"
 #include "velmot/dataset/partition.h"
+#include "velmot/dataset/rank_order.h"
 #include "velmot/defs/exception.h"
 #include "velmot/defs/labeling.h"
 #include "velmot/defs/sort.h"
@@ -182,6 +183,9 @@ public:
   // Optional ranks of the data set's features (not owned), made once per
   // learning call (learn/learn_forest.h).
   const FeatureRanks<feature_type>* ranks = nullptr;
+  // Optional rank orders of the features without ties (not owned), made
+  // with the ranks for real labels (learn/training_set.h).
+  const RankOrder* rank_order = nullptr;
   PartitionScratch<label_type> partition_scratch;
 
 private:

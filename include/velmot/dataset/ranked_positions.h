@@ -26,7 +26,10 @@
 // (key[i] = rank << shift() | (i & position_mask())); sort(n, kmin, kmax,
 // label) sorts them, false for a constant feature; visit(read) hands
 // read(key_at, position_at) the sorted elements, key_at(i) a rank lowered
-// by rank_offset().
+// by rank_offset(). Ranks that come sorted and distinct (a node's walk of
+// the feature's rank order, dataset/node_rank_walk.h) skip the sort: they
+// are written to walked_ranks(n) and walked_positions(n) and taken by
+// take_walked(n).
 
 #include <algorithm>
 #include <cstdint>
@@ -84,6 +87,26 @@ public:
     if (!distinct) order_equal_ranks_by_label(label);
     return true;
   }
+  // Arrays of n + 1 entries for n ascending, distinct ranks and their
+  // positions; walked_ranks(n) first.
+  uint32_t* walked_ranks(size_t n) {
+    walked_rank.resize(n + 1);
+    walked_position.resize(n + 1);
+    return walked_rank.data();
+  }
+  uint32_t* walked_positions() { return walked_position.data(); }
+  // Takes the n walked elements as sorted; false if every key has one rank.
+  bool take_walked(size_t n) {
+    count = n;
+    if (walked_rank[0] == walked_rank[n - 1]) return false;
+    packed = false;
+    offset = 0;
+    distinct = true;
+    sorted_key = walked_rank.data();
+    sorted_position = walked_position.data();
+    return true;
+  }
+
   // Whether the last sort's ranks were all distinct.
   bool distinct_ranks() const { return distinct; }
 
@@ -172,6 +195,7 @@ private:
   PackedRankSort packed_sort;
   RankSort<uint32_t, uint32_t> rank_sort;
   std::vector<uint32_t> tied_rank, tied_position;
+  std::vector<uint32_t> walked_rank, walked_position;
   uint32_t small_sorted[small_size];
 };
 

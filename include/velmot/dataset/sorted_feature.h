@@ -25,7 +25,10 @@
 // - packed_values: the same for byte features, the value serving as rank;
 // - ranked_positions: a ranked feature with real labels (which do not
 //   pack): each position's rank sorted with the position, its label and
-//   weight read through it (dataset/ranked_positions.h);
+//   weight read through it (dataset/ranked_positions.h); in a node that
+//   holds a large share of the instances, a feature with a rank order
+//   (dataset/rank_order.h) has them walked out in order instead
+//   (dataset/node_rank_walk.h, between begin_node and end_node);
 // - in_buffer: any other feature: (value, label) pairs, a copy per
 //   instance, sorted by FlexiSort (defs/sort.h).
 // Every form leaves the elements ascending by value and, within equal
@@ -49,7 +52,9 @@
 #include <vector>
 
 #include "velmot/dataset/feature_ranks.h"
+#include "velmot/dataset/node_rank_walk.h"
 #include "velmot/dataset/node_sample.h"
+#include "velmot/dataset/rank_order.h"
 #include "velmot/dataset/ranked_positions.h"
 #include "velmot/defs/sort.h"
 
@@ -173,6 +178,26 @@ public:
   // classification allow.
   explicit SortedFeature(bool count_dense_keys = false, bool exact_labels = false)
       : count_dense_keys(count_dense_keys), exact_labels(exact_labels) {}
+
+  // Prepares the search of the node at the sample's positions [begin, end):
+  // a node holding a large enough share of a sample's distinct instances
+  // walks the rank orders of its features. end_node() ends it, before the
+  // positions move.
+  void begin_node(const Sample& sample, size_t begin, size_t end) {
+    if constexpr (learns_with_ranks<F, L>() && !std::is_integral<L>::value) {
+      const RankOrder* order = sample.rank_order;
+      const size_t n = end - begin;
+      // Merged repeats: each instance holds one position.
+      if (order != nullptr && !sample.position_weights.empty() && order->walks(n) &&
+          order->num_instances() == sample.dataset->get_num_instances()) {
+        walk.enter(sample.indices.data() + begin, n, order->num_instances());
+        rank_order = order;
+      }
+    }
+  }
+  void end_node() {
+    if (walk.active()) walk.leave();
+  }
 
   // Sorts the pairs of the feature at the sample's positions [begin, end),
   // unless the feature is constant there (then false, and nothing to
@@ -382,6 +407,14 @@ private:
   // instance once. False for a constant feature.
   bool gather_and_sort_ranks(const Sample& sample, size_t feature_index, size_t begin, size_t n) {
     follow_positions(sample, begin, n);
+    if (walk.active() && rank_order->has_order(feature_index)) {
+      uint32_t* const rank = ranked.walked_ranks(n);
+      walk.walk(rank_order->order(feature_index), rank, ranked.walked_positions());
+      if (!ranked.take_walked(n)) return false;
+      sorted_count = n;
+      form = ranked_positions;
+      return true;
+    }
     const size_t num_ranks = ranks->num_ranks(feature_index);
     if (ranks->rows_serve(n)) {
       return gather_and_sort_ranks(sample, ranks->row_ranks(feature_index), begin, n, num_ranks, ranks->row_stride());
@@ -465,6 +498,8 @@ private:
   std::vector<pair_type> pairs;
   FlexiSort<F, L> flexi_sort;
   RankedPositions ranked;
+  NodeRankWalk walk;
+  const RankOrder* rank_order = nullptr;
   const L* node_label = nullptr;
   const uint32_t* node_weight = nullptr;
   std::vector<L> label_copy;

@@ -220,6 +220,7 @@ Tracker<SplitCandidate<typename D::feature_type>, std::less<double>> search_feat
   if constexpr (SmallNodeSearch<D>::possible) {
     if (SmallNodeSearch<D>::serves(*range.dataset, range.end_i - range.begin_i)) small.emplace(range, workspace.small);
   }
+  sorted.begin_node(*range.dataset, range.begin_i, range.end_i);
   for (int kk = 0; kk < k;) {
     int fte;
     if (random_mode) {
@@ -261,6 +262,7 @@ Tracker<SplitCandidate<typename D::feature_type>, std::less<double>> search_feat
     best_over_features.try_candidate_break_ties(score, candidate, random);
     ++kk;
   }
+  sorted.end_node();
   return best_over_features;
 }
 
@@ -422,6 +424,7 @@ Node<typename D::label_type>* grow_tree(const IndexedDataSet<D>& data, int fte_p
   IndexedDataSet<D> indexed_data(data.get_dataset());
   indexed_data.indices = data.indices;
   indexed_data.ranks = data.ranks;
+  indexed_data.rank_order = data.rank_order;
   return grow_tree_in_place(indexed_data, fte_per_split, max_depth, limits, criteria, compute_feature_importances,
                             feature_importances, random, on_node);
 }

@@ -153,6 +153,7 @@ SeededForestOf<L> learn_seeded_forest(const TrainingSet<F, L>& set, const Seeded
     XorShiftRNG rng = tree_generator(settings.seed, static_cast<uint64_t>(settings.first_tree + j));
     IndexedDataSet<D> sample = weighted_subset_iid(&data, settings.sample_prop, draws, rng);
     sample.ranks = &set.ranks;
+    sample.rank_order = &set.order;
     std::vector<double> importances(nf, 0.0);
     // Regression nodes are measured by their mean squared error, whatever the measure.
     NodeStatistics statistics(impurity_measure_of<Criterion>());

@@ -17,6 +17,7 @@
 
 #include "velmot/dataset/dataset.h"
 #include "velmot/dataset/feature_ranks.h"
+#include "velmot/dataset/rank_order.h"
 #include "velmot/defs/free_memory.h"
 #include "velmot/learn/learn_forest.h"
 
@@ -27,6 +28,8 @@ template <class F, class L = int>
 struct TrainingSet {
   MemoryDataSet<F, L> data;
   FeatureRanks<F> ranks;
+  // Real labels only: large regression nodes walk it (dataset/rank_order.h).
+  RankOrder order;
 };
 
 namespace training_set_detail {
@@ -55,6 +58,13 @@ void rank(TrainingSet<F, L>& set) {
     // So do the columns the rows replace: the trees grown next allocate
     // from other threads' heaps, which would not reuse them.
     return_free_memory();
+    if constexpr (std::is_floating_point<L>::value) {
+      try {
+        set.order = RankOrder(set.ranks, set.data.get_num_features(), set.data.get_num_instances());
+      } catch (const std::bad_alloc&) {
+        // Without the orders, every node sorts its ranks.
+      }
+    }
   }
 }
 
