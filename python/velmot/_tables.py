@@ -104,9 +104,11 @@ class CsvTable:
             if "" in classes:
                 raise _Unsure
             # Each column's memory goes back as soon as it is copied: the
-            # table and the matrix are never both whole.
+            # table and the matrix are never both whole. So do the parsing's
+            # freed buffers (about 80 MiB for a 90 MiB file), before the matrix.
             columns = [table.column(_column_name(c)) for c in feature_columns]
             table = None
+            _release_memory()
             features = empty((len(inverse), len(feature_columns)), np.float64)
             for k in range(len(columns)):
                 column, columns[k] = columns[k], None
