@@ -16,6 +16,7 @@ import pickle
 import signal
 import socket
 import struct
+import warnings
 import weakref
 
 import numpy as np
@@ -35,7 +36,12 @@ def read_apart(read):
     if not can_read_apart():
         return read(_empty_here)
     ours, theirs = socket.socketpair()
-    pid = os.fork()
+    with warnings.catch_warnings():
+        # Python 3.12 warns of forking beside other threads (numpy's BLAS
+        # pool): the child runs no code of theirs, and their libraries
+        # reset them at a fork.
+        warnings.simplefilter("ignore", DeprecationWarning)
+        pid = os.fork()
     if pid == 0:
         ours.close()
         _read_and_send(read, theirs)
