@@ -12,9 +12,11 @@
 //   learn(data, criterion, seed, first_tree, last_tree, sample_prop,
 //         features_per_split, max_depth, n_threads, on_progress,
 //         min_leaf_size, min_samples_leaf, min_impurity_decrease,
-//         out_of_bag, sample_weight, prepare=False) -> dict (with out_of_bag,
-//         the out-of-bag estimates; with prepare, the PreparedForest, laid
-//         out as the trees are grown: see forest_dict)
+//         out_of_bag, sample_weight, prepare=False, last_use=False) -> dict
+//         (with out_of_bag, the out-of-bag estimates; with prepare, the
+//         PreparedForest, laid out as the trees are grown: see forest_dict;
+//         with last_use, data is freed once the trees are grown and refuses
+//         later calls: see TrainingData)
 //         (criterion "squared_error" for targets, the others for codes)
 //   PreparedForest(forest dict, n_classes, n_threads=1)
 //                                                 checked and laid out once
@@ -38,6 +40,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <type_traits>
@@ -82,10 +85,10 @@ struct PreparedForest {
 // classification criteria, double targets for squared error).
 template <class L, class Criterion>
 Velmot::SeededForestOf<L> learn_with(const TrainingData& data, const Velmot::SeededForestSettings& settings,
-                                     Velmot::LearningProgress& progress) {
+                                     Velmot::LearningProgress& progress, const std::function<void()>& after_growth) {
   return data.visit([&](const auto& set) -> Velmot::SeededForestOf<L> {
     if constexpr (std::is_same<typename std::decay_t<decltype(set.data)>::label_type, L>::value) {
-      return Velmot::learn_seeded_forest(set, settings, Criterion(), progress);
+      return Velmot::learn_seeded_forest(set, settings, Criterion(), progress, after_growth);
     } else {
       throw py::value_error("criterion 'squared_error' needs float64 targets, the others int32 class codes");
     }
@@ -129,10 +132,10 @@ py::dict forest_dict(Velmot::SeededForestOf<L>& forest, int64_t num_trees, const
 
 // The growth limits count in-bag samples (learn/growth_limits.h); their
 // defaults are the library's growth rule.
-py::dict learn(const TrainingData& data, const std::string& criterion, uint64_t seed, int64_t first_tree,
-               int64_t last_tree, double sample_prop, int features_per_split, int max_depth, int num_threads,
+py::dict learn(TrainingData& data, const std::string& criterion, uint64_t seed, int64_t first_tree, int64_t last_tree,
+               double sample_prop, int features_per_split, int max_depth, int num_threads,
                const py::object& on_progress, int min_leaf_size, int64_t min_samples_leaf, double min_impurity_decrease,
-               bool out_of_bag, const py::object& sample_weight, bool prepare) {
+               bool out_of_bag, const py::object& sample_weight, bool prepare, bool last_use) {
   Velmot::SeededForestSettings settings;
   settings.lay_out = prepare;
   settings.seed = seed;
@@ -162,22 +165,29 @@ py::dict learn(const TrainingData& data, const std::string& criterion, uint64_t 
   const double draws =
       sample_prop * static_cast<double>(data.num_samples()) * static_cast<double>(last_tree - first_tree);
   settings.num_threads = draws < one_thread_draws ? 1 : num_threads;
-  Velmot::LearningProgress progress;
-  if (criterion == "squared_error") {
-    Velmot::SeededRegressionForest forest;
-    PyVelmot::core::run_released([&]() { forest = learn_with<double, Velmot::SquaredError>(data, settings, progress); },
-                                 progress, on_progress);
-    return forest_dict(forest, last_tree - first_tree, data, out_of_bag);
-  }
-  Velmot::SeededForest (*learner)(const TrainingData&, const Velmot::SeededForestSettings&, Velmot::LearningProgress&) =
-      nullptr;
+  Velmot::SeededForest (*learner)(const TrainingData&, const Velmot::SeededForestSettings&, Velmot::LearningProgress&,
+                                  const std::function<void()>&) = nullptr;
   if (criterion == "gini") learner = learn_with<int, Velmot::TwoSplitGiniImpurity>;
   if (criterion == "infogain") learner = learn_with<int, Velmot::TwoSplitInfoGain>;
   if (criterion == "gainratio") learner = learn_with<int, Velmot::TwoSplitGainRatio>;
-  if (learner == nullptr) throw py::value_error("criterion must be 'gini', 'infogain', 'gainratio' or 'squared_error'");
-
+  const bool regression = criterion == "squared_error";
+  if (!regression && learner == nullptr) {
+    throw py::value_error("criterion must be 'gini', 'infogain', 'gainratio' or 'squared_error'");
+  }
+  const PyVelmot::core::LearningCall call(data, last_use);
+  std::function<void()> after_growth;
+  if (last_use) after_growth = [&data]() { data.release_if_alone(); };
+  Velmot::LearningProgress progress;
+  if (regression) {
+    Velmot::SeededRegressionForest forest;
+    PyVelmot::core::run_released(
+        [&]() { forest = learn_with<double, Velmot::SquaredError>(data, settings, progress, after_growth); }, progress,
+        on_progress);
+    return forest_dict(forest, last_tree - first_tree, data, out_of_bag);
+  }
   Velmot::SeededForest forest;
-  PyVelmot::core::run_released([&]() { forest = learner(data, settings, progress); }, progress, on_progress);
+  PyVelmot::core::run_released([&]() { forest = learner(data, settings, progress, after_growth); }, progress,
+                               on_progress);
   return forest_dict(forest, last_tree - first_tree, data, out_of_bag);
 }
 
@@ -378,7 +388,7 @@ PYBIND11_MODULE(_core, m) {
         py::arg("min_leaf_size") = Velmot::GrowthLimits().min_leaf_size,
         py::arg("min_samples_leaf") = Velmot::GrowthLimits().leaf.min_side,
         py::arg("min_impurity_decrease") = Velmot::GrowthLimits().min_impurity_decrease, py::arg("out_of_bag") = false,
-        py::arg("sample_weight") = py::none(), py::arg("prepare") = false,
+        py::arg("sample_weight") = py::none(), py::arg("prepare") = false, py::arg("last_use") = false,
         "Trees [first_tree, last_tree) of the forest of `seed`: a dict of node arrays and per-tree importances.");
   py::class_<PreparedForest>(m, "PreparedForest")
       .def(py::init(&prepare_forest), py::arg("forest"), py::arg("n_classes"), py::arg("n_threads") = 1)

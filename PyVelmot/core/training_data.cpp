@@ -31,6 +31,33 @@ TrainingData::TrainingData(const py::array& features, const py::array& labels, i
   }
 }
 
+void TrainingData::begin_learning(bool last_use) {
+  const std::lock_guard<std::mutex> lock(learning_mutex_);
+  if (last_use_begun_) {
+    throw py::value_error(
+        "this TrainingData was released by a call that learnt from it for the last time; prepare it "
+        "again");
+  }
+  last_use_begun_ = last_use;
+  ++learning_calls_;
+}
+
+void TrainingData::end_learning() {
+  const std::lock_guard<std::mutex> lock(learning_mutex_);
+  --learning_calls_;
+}
+
+void TrainingData::release_if_alone() {
+  const std::lock_guard<std::mutex> lock(learning_mutex_);
+  if (learning_calls_ != 1) return;
+  std::visit(
+      [](auto& set) {
+        set->ranks = {};
+        set->data = {};
+      },
+      set_);
+}
+
 template <class L>
 void TrainingData::prepare(const py::array& features, const L* labels, int num_threads, bool in_place) {
   with_feature_type(features, "X", [&](auto type) {

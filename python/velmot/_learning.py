@@ -50,13 +50,17 @@ def prepare(features, labels, *, n_classes, settings, in_place=True):
     return _core.TrainingData(features, labels, n_classes, threads_for_call(settings.n_threads), in_place)
 
 
-def learn_trees(data, *, first_tree, last_tree, seed, settings, on_progress=None, sample_weight=None, lay_out=False):
+def learn_trees(
+    data, *, first_tree, last_tree, seed, settings, on_progress=None, sample_weight=None, lay_out=False, last_use=False
+):
     """Trees [first_tree, last_tree) of the forest of ``seed``: (ForestNodes,
     per-tree importance rows, NaN rows for trees without an informative
     split, out-of-bag estimates or None: {"oob_votes": per sample and class}
     for classes, {"oob_counts": trees per sample, "oob_sums": their
     predictions summed in tree order} for targets). With ``lay_out``, the
-    nodes come with their prediction layout, made as the trees are grown."""
+    nodes come with their prediction layout, made as the trees are grown.
+    With ``last_use``, ``data`` is freed as soon as the trees are grown,
+    before the forest is written beside it, and refuses later calls."""
     result = _core.learn(
         data,
         criterion=CRITERION_NAMES[settings.criterion],
@@ -71,6 +75,7 @@ def learn_trees(data, *, first_tree, last_tree, seed, settings, on_progress=None
         **settings.controls(),
         sample_weight=sample_weight,
         prepare=lay_out,
+        last_use=last_use,
     )
     importances = result.pop("importances")
     prepared = result.pop("prepared", None)
@@ -98,6 +103,7 @@ def learn_forest(
             on_progress=(lambda done: progress.update(done - progress.n)) if verbose > 0 else None,
             sample_weight=sample_weight,
             lay_out=lay_out,
+            last_use=True,  # the set was prepared for this call alone
         )
     return nodes, mean_importances(rows), out_of_bag
 

@@ -173,6 +173,7 @@ def _load_model(path, predicting=False):
 
 def train(args):
     from ._cli_forest import learn, save
+    from ._reading_process import read_apart
 
     output = _output_file(args.output, args.data, args.description)
     layout = read_layout(args.description)
@@ -193,17 +194,10 @@ def train(args):
         "oob_score": args.oob,
         **({} if regression else {"class_weight": args.class_weight}),
     }
-    with _open_data(args.data) as rows:
-        layout.check_columns(rows.n_columns, args.data)
-        class_column = rows.n_columns - 1 if layout.class_column is None else layout.class_column
-        weight_column = _set_weight_column_aside(args.weight_column, layout, rows, class_column)
-        columns = _feature_columns(layout, rows, class_column)
-        header = rows.take_header(columns)
-        feature_names = [layout.feature_names.get(c, header[c].strip() if header else "") for c in columns]
-        class_column_name = header[class_column].strip() if header else ""
-        _refuse_repeated_names([*feature_names, class_column_name], [*columns, class_column], args.data)
-        read = columns + ([] if weight_column is None else [weight_column])
-        X, classes, rows_class = rows.training_data(read, class_column)
+    # Read in a child process: the reading's libraries and leftovers never sit beside the fit.
+    X, (classes, rows_class, feature_names, class_column_name, weight_column) = read_apart(
+        lambda empty: _read_training_file(args.data, layout, args.weight_column, empty)
+    )
     if not len(X):
         raise CommandError(f"{args.data}: the file holds a header but no rows")
     X, weights = (X, None) if weight_column is None else (X[:, :-1], X[:, -1])
@@ -223,6 +217,24 @@ def train(args):
     )
     if args.oob:
         print(f"out-of-bag {'R^2' if regression else 'accuracy'}: {forest.oob_score_:.4f}")
+
+
+def _read_training_file(path, layout, weight_column_text, empty):
+    """(features with the weight column last, if any, (class texts, each
+    row's index into them, feature names, class column name, weight column));
+    ``empty(shape, dtype)`` makes the matrix."""
+    with _open_data(path) as rows:
+        layout.check_columns(rows.n_columns, path)
+        class_column = rows.n_columns - 1 if layout.class_column is None else layout.class_column
+        weight_column = _set_weight_column_aside(weight_column_text, layout, rows, class_column)
+        columns = _feature_columns(layout, rows, class_column)
+        header = rows.take_header(columns)
+        feature_names = [layout.feature_names.get(c, header[c].strip() if header else "") for c in columns]
+        class_column_name = header[class_column].strip() if header else ""
+        _refuse_repeated_names([*feature_names, class_column_name], [*columns, class_column], path)
+        read = columns + ([] if weight_column is None else [weight_column])
+        X, classes, rows_class = rows.training_data(read, class_column, empty)
+    return X, (classes, rows_class, feature_names, class_column_name, weight_column)
 
 
 def _set_weight_column_aside(text, layout, rows, class_column):

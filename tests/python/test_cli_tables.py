@@ -9,7 +9,7 @@ import pyarrow.parquet as pq
 import pytest
 
 from test_cli import fails, leftovers, run
-from velmot import _tables, load
+from velmot import _reading_process, _tables, load
 
 HEADER = b"a,b,c,kind\n"
 
@@ -113,3 +113,34 @@ def test_bad_parquet_exits_2_with_one_line(tmp_path, capsys, columns, message):
     pq.write_table(pa.table(columns), tmp_path / "d.pq")
     assert message in fails(capsys, "train", tmp_path / "d.pq", "-o", tmp_path / "m.npz")
     assert not (tmp_path / "m.npz").exists()
+
+
+@pytest.mark.parametrize("apart", [True, False])
+def test_reading_in_a_child_process_or_not_gives_the_same_forest_and_errors(tmp_path, capsys, monkeypatch, apart):
+    monkeypatch.setattr(_reading_process, "can_read_apart", lambda: apart)
+    rng = np.random.default_rng(3)
+    a, b, holes = (
+        rng.integers(0, 50, 200, dtype=np.int32),
+        rng.integers(0, 50, 200, dtype=np.int32),
+        np.arange(200) % 7 == 0,
+    )
+    y = np.where(a > b, "u", "v")
+    # Nulls in the second int32 column turn the matrix read so far into float64.
+    pq.write_table(pa.table({"a": a, "b": pa.array(b, mask=holes), "y": y}), tmp_path / "ints.pq")
+    pq.write_table(pa.table({"a": a * 1.0, "b": np.where(holes, np.nan, b), "y": y}), tmp_path / "floats.pq")
+    for name in ("ints", "floats"):
+        assert run("train", tmp_path / f"{name}.pq", "--trees", 5, "--seed", 2, "-o", tmp_path / f"{name}.npz") == 0
+    np.testing.assert_equal(
+        load(tmp_path / "ints.npz").nodes_.as_dict(), load(tmp_path / "floats.npz").nodes_.as_dict()
+    )
+    (tmp_path / "bad.csv").write_bytes(HEADER + b"\n".join(rows(5) + [b"1,2,up"]))
+    assert "line 7: expected 4 fields, found 3" in fails(
+        capsys, "train", tmp_path / "bad.csv", "-o", tmp_path / "m.npz"
+    )
+    if apart:  # the reading's libraries stay out of the training process
+        code = "import sys; from velmot.cli import main; main(sys.argv[1:]); print('pyarrow' in sys.modules)"
+        argv = ["train", tmp_path / "ints.pq", "--quiet", "-o", tmp_path / "m.npz"]
+        assert (
+            subprocess.run([sys.executable, "-c", code, *map(str, argv)], capture_output=True, text=True).stdout
+            == "False\n"
+        )

@@ -133,6 +133,29 @@ def test_a_damaged_core_call_says_what_is_wrong(data):
         _core.predict_mean(_core.PreparedForest(forest, 3), X, 1)
 
 
+def test_a_last_use_frees_the_set_only_when_alone_and_refuses_later_calls(larger_data):
+    X, y = larger_data
+    features, labels = np.ascontiguousarray(X.T), y.astype(np.int32)
+    learn = dict(
+        criterion="gini", seed=0, first_tree=0, sample_prop=1.0, features_per_split=3, max_depth=0, n_threads=2
+    )
+    fields = ("left", "threshold", "value")
+    expected = {n: _core.learn(_core.TrainingData(features, labels, 3, 2), last_tree=n, **learn) for n in (3, 1000)}
+    shared, results, grown = _core.TrainingData(features, labels, 3, 2), {}, []
+
+    def last_use_while_learning(done):  # progress comes while the 1000-tree call grows its trees
+        if not results:
+            grown.append(done)
+            results[3] = _core.learn(shared, last_tree=3, last_use=True, **learn)
+
+    results[1000] = _core.learn(shared, last_tree=1000, on_progress=last_use_while_learning, **learn)
+    assert grown[0] < 1000 and sorted(results) == [3, 1000]
+    for n, forest in results.items():
+        np.testing.assert_equal([forest[k] for k in fields], [expected[n][k] for k in fields])
+    with pytest.raises(ValueError, match="prepare it again"):
+        _core.learn(shared, last_tree=1, **learn)
+
+
 def test_ctrl_c_stops_a_fit_leaving_the_estimator_unfitted():
     X, y = make_classification(n_samples=20_000, n_features=20, random_state=0)
     forest = RandomForestClassifier(n_estimators=2_000, n_jobs=2, random_state=0)

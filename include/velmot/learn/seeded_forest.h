@@ -32,6 +32,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <type_traits>
@@ -131,9 +132,14 @@ void check_seeded_forest_input(const TrainingSet<F, L>& set, const SeededForestS
   }
 }
 
+// after_growth, if given, is called once every tree is grown, before the
+// forest's arrays are written; the set is not read after it. A caller that
+// learns from the set for the last time frees it there, so that the set
+// and the forest are never resident together.
 template <class F, class L, class Criterion>
 SeededForestOf<L> learn_seeded_forest(const TrainingSet<F, L>& set, const SeededForestSettings& settings,
-                                      const Criterion& criteria, LearningProgress& progress) {
+                                      const Criterion& criteria, LearningProgress& progress,
+                                      const std::function<void()>& after_growth = {}) {
   check_seeded_forest_input(set, settings);
   typedef MemoryDataSet<F, L> D;
   const D& data = set.data;
@@ -180,6 +186,7 @@ SeededForestOf<L> learn_seeded_forest(const TrainingSet<F, L>& set, const Seeded
     forest.tree_importances.clear();
     return forest;
   }
+  if (after_growth) after_growth();
   // The workers' freed scratch goes back before the forest's arrays are written.
   return_free_memory();
   forest.trees = join_packed_trees(trees);
