@@ -6,7 +6,9 @@
 // classification criteria, squared-error sums for SquaredError. The grower
 // is written once over this interface:
 //   count(range)            the node's statistics over its range (weights
-//                           counted), empty for an empty range;
+//                           counted), empty for an empty range (squared
+//                           error: also each position's centred terms, which
+//                           the sweeps over distinct ranks add);
 //   statistics()            those statistics, for the node observers
 //                           (learn/node_statistics.h);
 //   total()                 the node's instances, repeats included;
@@ -31,6 +33,7 @@
 #include <cstddef>
 #include <vector>
 
+#include "velmot/dataset/sorted_feature.h"
 #include "velmot/learn/growth_limits.h"
 #include "velmot/learn/squared_error_sides.h"
 #include "velmot/learn/sweep.h"
