@@ -39,8 +39,10 @@
 // - SortedKeys: n sorted elements through key_at(i), label_at(i),
 //   weight_at(i);
 // - CountedCells: cells of a histogram of packed keys, in key order; a cell
-//   of c equal pairs is one element of weight c, empty cells are skipped.
-// Both offer first() (the first element), first_key(), last_key() and
+//   of c equal pairs is one element of weight c, empty cells are skipped;
+// - DistinctPositionedKeys: SortedKeys over distinct ranks that also tell
+//   each element's node position.
+// All offer first() (the first element), first_key(), last_key() and
 // for_each_after_first(visit), visit(key, label, weight) for every later
 // element in order.
 
@@ -109,6 +111,55 @@ SortedKeys<L, KeyAt, LabelAt, WeightAt, true> distinct_sorted_keys(size_t n, Key
                                                                    WeightAt weight_at) {
   return SortedKeys<L, KeyAt, LabelAt, WeightAt, true>(n, key_at, label_at, weight_at);
 }
+
+// Distinct keys whose labels and weights lie at node positions: element i
+// has label[position_at(i)] and weight[position_at(i)].
+// through_positions(of) gives the same keys with element i's label read as
+// of(position_at(i)), for sides that keep their own values per position.
+template <class L, class PositionAt>
+struct LabelThroughPosition {
+  const L* label;
+  PositionAt position_at;
+  L operator()(size_t i) const { return label[position_at(i)]; }
+};
+template <class PositionAt>
+struct WeightThroughPosition {
+  const uint32_t* weight;
+  PositionAt position_at;
+  uint32_t operator()(size_t i) const { return weight[position_at(i)]; }
+};
+template <class L, class KeyAt, class PositionAt>
+class DistinctPositionedKeys
+    : public SortedKeys<L, KeyAt, LabelThroughPosition<L, PositionAt>, WeightThroughPosition<PositionAt>, true> {
+public:
+  static constexpr bool positioned = true;
+
+  DistinctPositionedKeys(size_t n, KeyAt key_at, PositionAt position_at, const L* label, const uint32_t* weight)
+      : SortedKeys<L, KeyAt, LabelThroughPosition<L, PositionAt>, WeightThroughPosition<PositionAt>, true>(
+            n, key_at, {label, position_at}, {weight, position_at}),
+        n(n),
+        key_at(key_at),
+        position_at(position_at) {}
+
+  template <class Of>
+  auto through_positions(Of of) const {
+    const PositionAt at = position_at;
+    return distinct_sorted_keys<decltype(of(uint32_t()))>(
+        n, key_at, [of, at](size_t i) { return of(at(i)); }, UnitWeight());
+  }
+
+private:
+  size_t n;
+  KeyAt key_at;
+  PositionAt position_at;
+};
+
+// Whether an input reads its elements through node positions.
+template <class Input, class = void>
+struct has_positions : std::false_type {};
+template <class Input>
+struct has_positions<Input, std::void_t<decltype(Input::positioned)>>
+    : std::integral_constant<bool, Input::positioned> {};
 
 // Whether an input's keys are all distinct: false unless it says so.
 template <class Input, class = void>
@@ -292,7 +343,8 @@ public:
         // form here.
         if constexpr (!std::is_integral<L>::value) {
           if (ranked.distinct_ranks()) {
-            return search(distinct_sorted_keys<L>(sorted_count, key_at, label_at, weight_at), point_of);
+            typedef DistinctPositionedKeys<L, decltype(key_at), decltype(position_at)> Positioned;
+            return search(Positioned(sorted_count, key_at, position_at, label, weight), point_of);
           }
         }
         return search(sorted_keys<L>(sorted_count, key_at, label_at, weight_at), point_of);

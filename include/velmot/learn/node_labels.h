@@ -6,7 +6,9 @@
 // classification criteria, squared-error sums for SquaredError. The grower
 // is written once over this interface:
 //   count(range)            the node's statistics over its range (weights
-//                           counted), empty for an empty range;
+//                           counted), empty for an empty range (squared
+//                           error: also each position's centred terms, which
+//                           the sweeps over distinct ranks add);
 //   statistics()            those statistics, for the node observers
 //                           (learn/node_statistics.h);
 //   total()                 the node's instances, repeats included;
@@ -29,7 +31,9 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <vector>
 
+#include "velmot/dataset/sorted_feature.h"
 #include "velmot/learn/growth_limits.h"
 #include "velmot/learn/squared_error_sides.h"
 #include "velmot/learn/sweep.h"
@@ -84,7 +88,9 @@ public:
 
   template <class R>
   void count(const R& range) {
-    stats.count(range);
+    if (terms.size() < range.get_num_instances()) terms.resize(range.get_num_instances());
+    CentredTerm* term = terms.data();
+    stats.count(range, [term](size_t i, double copies, double centred) { term[i] = {copies, centred}; });
   }
   const SquaredErrorStatistics& statistics() const { return stats; }
   size_t total() const { return stats.total(); }
@@ -98,6 +104,11 @@ public:
   FeatureSplit<typename Input::key_type> best_split(const Input& input, const SquaredError&, LeafLimit limit) {
     constexpr bool distinct = has_distinct_keys<Input>::value;
     if (limit.min_side <= 1) {
+      if constexpr (has_positions<Input>::value) {
+        const CentredTerm* term = terms.data();
+        SquaredErrorSides<false, true> sides(stats, limit);
+        return sweep_with(input.through_positions([term](uint32_t position) { return term[position]; }), sides);
+      }
       SquaredErrorSides<false, distinct> sides(stats, limit);
       return sweep_with(input, sides);
     }
@@ -110,6 +121,8 @@ public:
 
 private:
   SquaredErrorStatistics stats;
+  // Each position's terms, for the sweeps over distinct ranks.
+  std::vector<CentredTerm> terms;
 };
 
 }  // namespace Velmot

@@ -15,6 +15,14 @@
 
 namespace Velmot {
 
+// A position's share of a side's sums: its copies and copies x (label -
+// centre), computed once per node (stats/squared_error.h's count) so that
+// the sweeps of the node's features only add them.
+struct CentredTerm {
+  double copies;
+  double centred;
+};
+
 // The sides of the split sweep (learn/sweep.h) under squared error: the
 // left side's weight and centred sum; the right side's follow from the
 // node's. Scores every boundary between distinct keys. With limited false
@@ -55,6 +63,13 @@ public:
     if (run_copies != 0 && !(y == run_label)) close_run();
     run_label = y;
     run_copies += copies;
+  }
+  // The same move from the position's precomputed terms, over distinct
+  // keys without a leaf limit: the same sums to the bit.
+  [[gnu::always_inline]] void move(const CentredTerm& term, uint32_t) {
+    static_assert(distinct_keys && !limited, "terms carry no run and no count");
+    left_count += term.copies;
+    left_sum += term.centred;
   }
   template <class Key>
   [[gnu::always_inline]] bool offer(bool admissible, const Key& lower, const Key& upper) {

@@ -89,19 +89,23 @@ template <class Input, class Sides>
   result.lower = result.upper = first.key;
   sides.move(first.label, first.weight);
   if (!(sides.splittable() && input.first_key() != input.last_key())) return result;
-  L run_label = first.label;
+  [[maybe_unused]] L run_label = first.label;
   bool new_label = false;
   Key previous = first.key;
   constexpr bool every_boundary = scores_every_boundary<Sides>::value;
   input.for_each_after_first([&](const Key& key, const L& label, uint32_t weight) {
-    new_label |= every_boundary || label != run_label;
+    if constexpr (every_boundary) {
+      new_label = true;
+    } else {
+      new_label |= label != run_label;
+    }
     const bool admissible = new_label & (previous != key) & sides.within_limit();
     if (sides.offer(admissible, previous, key)) {
       result.is_seed = false;
       result.lower = previous;
       result.upper = key;
     }
-    run_label = admissible ? label : run_label;
+    if constexpr (!every_boundary) run_label = admissible ? label : run_label;
     new_label &= !admissible;
     sides.move(label, weight);
     previous = key;

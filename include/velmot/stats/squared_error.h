@@ -19,6 +19,7 @@
 // be the best, so the classifier's label-change rule does not apply.
 
 #include <algorithm>
+#include <cstddef>
 #include <cstdint>
 
 namespace Velmot {
@@ -28,12 +29,19 @@ namespace Velmot {
 // from learn/squared_error_sides.h.
 struct SquaredError {};
 
+// Takes nothing per position.
+struct IgnoreCentredTerms {
+  void operator()(size_t, double, double) const {}
+};
+
 // The labels of one node's instances. R is a range view with
-// get_num_instances(), get_label(i) (real) and get_weight(i).
+// get_num_instances(), get_label(i) (real) and get_weight(i). count hands
+// each position's centred terms to term(i, w, w (y - centre)), the very
+// doubles the centred sum adds.
 class SquaredErrorStatistics {
 public:
-  template <class R>
-  void count(const R& range) {
+  template <class R, class Term = IgnoreCentredTerms>
+  void count(const R& range, Term&& term = Term()) {
     const size_t positions = range.get_num_instances();
     double sum = 0.0;
     n = 0;
@@ -51,8 +59,10 @@ public:
     for (size_t i = 0; i < positions; ++i) {
       const double d = static_cast<double>(range.get_label(i)) - centre;
       const double w = static_cast<double>(range.get_weight(i));
-      centred_sum += w * d;
-      centred_squares += w * d * d;
+      const double product = w * d;
+      term(i, w, product);
+      centred_sum += product;
+      centred_squares += product * d;
     }
   }
 
