@@ -9,6 +9,10 @@
 //                                                 if C-contiguous without NaN;
 //                                                 y: int32 codes, or float64
 //                                                 targets with n_classes 0
+//     .upper_medians                               per feature, the value at
+//                                                 sorted position n // 2 of a
+//                                                 ranked column, NaN for one
+//                                                 not ranked
 //   learn(data, criterion, seed, first_tree, last_tree, sample_prop,
 //         features_per_split, max_depth, n_threads, on_progress,
 //         min_leaf_size, min_samples_leaf, min_impurity_decrease,
@@ -41,6 +45,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <functional>
+#include <limits>
 #include <memory>
 #include <string>
 #include <type_traits>
@@ -128,6 +133,21 @@ py::dict forest_dict(Velmot::SeededForestOf<L>& forest, int64_t num_trees, const
     result["oob_sums"] = to_numpy(forest.oob_sums);
   }
   return result;
+}
+
+// Per feature of the prepared set, the upper median its ranking found, NaN
+// for a feature without ranks (bytes, a column that held NaN, or a set
+// whose ranks did not fit in memory).
+py::array_t<double> ranked_upper_medians(const TrainingData& data) {
+  py::array_t<double> medians(static_cast<py::ssize_t>(data.num_features()));
+  double* out = medians.mutable_data();
+  data.visit([&](const auto& set) {
+    for (size_t f = 0; f < data.num_features(); ++f) {
+      out[f] = set.ranks.has_ranks(f) ? static_cast<double>(set.ranks.upper_median(f))
+                                      : std::numeric_limits<double>::quiet_NaN();
+    }
+  });
+  return medians;
 }
 
 // The growth limits count in-bag samples (learn/growth_limits.h); their
@@ -381,7 +401,8 @@ PYBIND11_MODULE(_core, m) {
            py::arg("n_classes"), py::arg("n_threads"), py::arg("in_place") = true)
       .def_property_readonly("n_features", &TrainingData::num_features)
       .def_property_readonly("n_samples", &TrainingData::num_samples)
-      .def_property_readonly("n_classes", &TrainingData::num_classes);
+      .def_property_readonly("n_classes", &TrainingData::num_classes)
+      .def_property_readonly("upper_medians", &ranked_upper_medians);
   m.def("learn", &learn, py::arg("data"), py::kw_only(), py::arg("criterion"), py::arg("seed"), py::arg("first_tree"),
         py::arg("last_tree"), py::arg("sample_prop"), py::arg("features_per_split"), py::arg("max_depth"),
         py::arg("n_threads"), py::arg("on_progress") = py::none(),

@@ -53,6 +53,7 @@ void TrainingData::release_if_alone() {
   std::visit(
       [](auto& set) {
         set->ranks = {};
+        set->order = {};
         set->data = {};
       },
       set_);

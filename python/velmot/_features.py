@@ -112,6 +112,41 @@ def upper_medians(X):
     return medians
 
 
+def medians_left_to_ranking(X):
+    """upper_medians(X) where the ranking cannot give them, NaN where it can
+    (with_ranked_medians fills those in once the training set is ranked).
+
+    The ranking sorts every column anyway, so reading its middle value
+    saves a selection and a column-major copy of X. It cannot serve a
+    column holding NaN, since it ranks the imputed values, nor bytes, which
+    are not ranked.
+    """
+    if X.dtype == np.uint8:
+        return upper_medians(X)
+    medians = np.full(X.shape[1], np.nan)
+    if X.dtype.kind == "f" and np.isnan(X).any():
+        holding_nan = np.isnan(X).any(axis=0)
+        medians[holding_nan] = upper_medians(X[:, holding_nan])
+    return medians
+
+
+def with_ranked_medians(medians, ranked, features):
+    """medians with each NaN replaced by the ranking's median of its column
+    (``ranked``: the prepared set's ``upper_medians``; ``features``: the
+    feature-major matrix it was prepared from), or by numpy's where the
+    column was not ranked after all (the ranks did not fit in memory).
+
+    The two agree to the bit, but for the sign of a zero median in a column
+    holding both zeros: they compare equal and predict the same.
+    """
+    n_features = len(medians)
+    medians = np.where(np.isnan(medians), ranked[:n_features], medians)
+    unranked = np.isnan(medians)
+    if unranked.any():
+        medians[unranked] = upper_medians(features[:n_features].T[:, unranked])
+    return medians
+
+
 def check_splittable(X):
     """Refuse floating values so large that the midpoint of two of them,
     a split's threshold, overflows to infinity."""

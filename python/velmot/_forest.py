@@ -13,9 +13,17 @@ from sklearn.utils.validation import check_is_fitted, validate_data
 
 from . import _core
 from ._export_explain import ExportExplainMixin
-from ._features import as_module_dtype, check_splittable, fill_missing, learning_features, upper_medians
+from ._features import (
+    as_module_dtype,
+    check_splittable,
+    fill_missing,
+    learning_features,
+    medians_left_to_ranking,
+    upper_medians,
+    with_ranked_medians,
+)
 from ._fork import threads_for_call
-from ._learning import CRITERION_NAMES, learn_forest
+from ._learning import CRITERION_NAMES, learn_prepared_forest, prepare
 from ._model_file import check, checked_classes, float_vector, split_trees, write_model_file
 from ._nodes import ForestNodes
 from ._out_of_bag import out_of_bag_estimates
@@ -115,11 +123,13 @@ class ForestEstimator(ExportExplainMixin, BaseEstimator):
             The fitted estimator.
         """
         self._validate_params()
-        features, targets, labels, n_classes, weights, medians, settings = self._training_inputs(X, y, sample_weight)
-        nodes, importances, out_of_bag = learn_forest(
-            features,
-            labels,
-            n_classes=n_classes,
+        features, targets, labels, n_classes, weights, medians, settings = self._training_inputs(
+            X, y, sample_weight, ranked_medians=True
+        )
+        data = prepare(features, labels, n_classes=n_classes, settings=settings)
+        medians = with_ranked_medians(medians, data.upper_medians, features)
+        nodes, importances, out_of_bag = learn_prepared_forest(
+            data,
             n_trees=self.n_estimators,
             settings=settings,
             random_state=self.random_state,
@@ -131,9 +141,11 @@ class ForestEstimator(ExportExplainMixin, BaseEstimator):
         self._set_out_of_bag(out_of_bag, labels)
         return self
 
-    def _training_inputs(self, X, y, sample_weight):
+    def _training_inputs(self, X, y, sample_weight, ranked_medians=False):
         """X, y and the weights checked and converted for the core:
-        (features, targets, labels, n_classes, weights, medians, settings)."""
+        (features, targets, labels, n_classes, weights, medians, settings).
+        With ``ranked_medians``, the medians are NaN where the ranking of
+        the prepared features will give them (``with_ranked_medians``)."""
         X, y = validate_data(self, X, y, dtype="numeric", ensure_all_finite="allow-nan", y_numeric=self._Y_NUMERIC)
         self._check_targets(y)
         # Checks that need the data's shape come before anything is copied.
@@ -142,7 +154,10 @@ class ForestEstimator(ExportExplainMixin, BaseEstimator):
         weights = self._sample_weights(sample_weight, X, targets, labels)
         X = as_module_dtype(X)
         check_splittable(X)
-        X, medians = weighed_medians(X, weights)
+        if ranked_medians and (weights is None or np.all(weights > 0)):
+            medians = medians_left_to_ranking(X)
+        else:
+            X, medians = weighed_medians(X, weights)
         return learning_features(X, settings), targets, labels, n_classes, weights, medians, settings
 
     def _set_fitted(self, targets, nodes, importances, missing_value_fill):

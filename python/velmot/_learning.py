@@ -93,6 +93,19 @@ def learn_forest(
     out-of-bag estimates or None); with ``lay_out``, the nodes come with
     their prediction layout (for an estimator, which predicts in-process)."""
     data = prepare(features, labels, n_classes=n_classes, settings=settings)
+    return learn_prepared_forest(
+        data,
+        n_trees=n_trees,
+        settings=settings,
+        random_state=random_state,
+        verbose=verbose,
+        sample_weight=sample_weight,
+        lay_out=lay_out,
+    )
+
+
+def learn_prepared_forest(data, *, n_trees, settings, random_state, verbose, sample_weight=None, lay_out=False):
+    """learn_forest over a training set already prepared."""
     with _progress_bar(n_trees, verbose) as progress:
         nodes, rows, out_of_bag = learn_trees(
             data,

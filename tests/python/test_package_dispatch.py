@@ -5,7 +5,8 @@ which records every call and then makes it."""
 import numpy as np
 import pytest
 
-from velmot import RandomForestClassifier, _core
+from velmot import RandomForestClassifier, RandomForestRegressor, _core
+from velmot._features import as_module_dtype, upper_medians
 from velmot._learning import mean_importances
 
 
@@ -151,3 +152,18 @@ def test_missing_values_at_predict_are_filled_from_fit_whatever_the_training_dty
     np.testing.assert_array_equal(first[0], expected)
     np.testing.assert_array_equal(alone[0], expected)
     assert np.isnan(X[0, 0])  # the caller's matrix is left alone
+
+
+@pytest.mark.parametrize("dtype", [np.float64, np.float32, np.int32, np.int16, np.uint8])
+@pytest.mark.parametrize("n_samples", [9, 10])
+@pytest.mark.parametrize("Forest", [RandomForestClassifier, RandomForestRegressor])
+def test_fit_medians_are_numpys_whether_the_ranking_or_numpy_gives_them(Forest, n_samples, dtype):
+    rng = np.random.RandomState(n_samples)
+    ties, spread = rng.randint(0, 4, n_samples), rng.randint(-90, 90, n_samples) % 256
+    zeros = np.array([0.0, -0.0, 2.0, -2.0, -0.0] * 2)[:n_samples]  # the middle value a zero
+    X = np.column_stack([ties, spread, zeros, spread + 0.5 * (dtype in (np.float64, np.float32))]).astype(dtype)
+    if X.dtype.kind == "f":
+        X[1, 3] = np.nan  # ranked after imputation: its median must come from numpy
+    forest = Forest(n_estimators=1, max_features=None, random_state=0).fit(X, np.arange(n_samples) % 2)
+    # Equal as values: of two zeros, either sign may serve.
+    assert np.array_equal(forest._missing_value_fill_, upper_medians(as_module_dtype(X)))

@@ -47,7 +47,8 @@
 //   3. Keys of 64 bits: sort each group of entries with one high half whose
 //      keys are out of order by (key, instance).
 //   4. Walk the sorted entries: the rank grows by one at each new run.
-//      Keep the zero of the last instance holding one (see above).
+//      Keep the zero of the last instance holding one (see above), and the
+//      value at the middle entry (upper_median).
 //   5. After all features: narrow each column to its width, in place and in
 //      feature order (a column never moves past where it was written).
 //
@@ -199,6 +200,7 @@ public:
   explicit FeatureRanks(const D& data)
       : rank_count(data.get_num_features(), 0),
         zero(data.get_num_features(), F(0)),
+        middle_value(data.get_num_features(), F(0)),
         ranked(data.get_num_features(), 0) {
     namespace detail = feature_ranks_detail;
     const int64_t nf = static_cast<int64_t>(data.get_num_features());
@@ -235,6 +237,7 @@ public:
           break;
         }
       }
+      middle_value[feature] = value_at(column, feature, entries[ni / 2].instance);
       ranked[feature] = 1;
     });
     narrow_columns();
@@ -308,6 +311,12 @@ public:
   }
   // Number of distinct values of a ranked feature: its ranks lie below it.
   size_t num_ranks(size_t feature) const { return rank_count[feature]; }
+  // The value at position n / 2 of a ranked feature's n sorted values (the
+  // upper of the two middle ones for even n): the imputation's median of a
+  // column without missing values, read off the sort for free. Where that
+  // position holds a zero and both zeros occur, it is the zero the rank
+  // stands for (value_at), whichever sign a selection would have found.
+  F upper_median(size_t feature) const { return middle_value[feature]; }
 
 private:
   template <class Visit>
@@ -372,6 +381,7 @@ private:
   std::vector<uint32_t> rank_count;
   // Per feature, the zero its rank of zero stands for (see above).
   std::vector<F> zero;
+  std::vector<F> middle_value;
   std::vector<char> ranked;
 };
 

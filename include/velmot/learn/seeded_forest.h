@@ -189,7 +189,7 @@ SeededForestOf<L> learn_seeded_forest(const TrainingSet<F, L>& set, const Seeded
   if (after_growth) after_growth();
   // The workers' freed scratch goes back before the forest's arrays are written.
   return_free_memory();
-  forest.trees = join_packed_trees(trees);
+  forest.trees = join_packed_trees(trees, settings.num_threads);
   forest.laid_out = FlatForest(std::move(laid_out));
   if (oob) oob->take(forest.oob_counts, forest.oob_sums);
   return forest;
