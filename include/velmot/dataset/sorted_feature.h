@@ -287,6 +287,51 @@ public:
 
   Form sorted_form() const { return form; }
 
+  // Packed keys gathered and not yet sorted (gather_unless_constant):
+  // key[0, n), smallest kmin, largest kmax, packed as for PackedRankSort.
+  struct GatheredKeys {
+    uint32_t* key;
+    size_t n;
+    uint32_t kmin, kmax;
+    int label_bits, weight_bits;
+    bool ranked;  // ranks, else byte values
+  };
+  enum class Gathered { constant, sorted, packed };
+
+  // sort_unless_constant, except that a feature whose pairs pack into keys
+  // is only gathered (Gathered::packed, gathered_keys()): the caller then
+  // sorts them all (sort_gathered) or those it keeps (sort_kept).
+  Gathered gather_unless_constant(const Sample& sample, size_t feature_index, size_t begin, size_t end) {
+    defer_packed_sort = true;
+    gathered_only = false;
+    const bool varies = sort_unless_constant(sample, feature_index, begin, end);
+    defer_packed_sort = false;
+    if (!varies) return Gathered::constant;
+    return gathered_only ? Gathered::packed : Gathered::sorted;
+  }
+  const GatheredKeys& gathered_keys() const { return gathered; }
+  // Whether sort_gathered would count the keys into cells, not sort them.
+  bool would_count_gathered() const {
+    const GatheredKeys& g = gathered;
+    const uint32_t base = (g.kmin >> (g.label_bits + g.weight_bits)) << g.label_bits;
+    return count_dense_keys && g.n > 2 && static_cast<size_t>((g.kmax >> g.weight_bits) - base) + 1 <= g.n;
+  }
+  // Sorts (or counts) every gathered key, for search().
+  void sort_gathered() {
+    const GatheredKeys& g = gathered;
+    counted = !packed_sort.sort_or_count(g.n, g.kmin, g.kmax, g.label_bits, count_dense_keys && g.n > 2,
+                                         g.weight_bits);
+    sorted_count = g.n;
+    form = g.ranked ? packed_ranks : packed_values;
+  }
+  // Sorts the first n gathered keys (smallest kmin, largest kmax), which the
+  // caller chose and moved there; returns them sorted.
+  const uint32_t* sort_kept(size_t n, uint32_t kmin, uint32_t kmax) {
+    const GatheredKeys& g = gathered;
+    packed_sort.sort(n, kmin, kmax, g.label_bits + g.weight_bits, g.weight_bits);
+    return packed_sort.sorted();
+  }
+
   // Runs search(input, point_of) on the last sorted feature and returns what
   // it returns: input is a SortedKeys or a CountedCells, point_of(key) the
   // SortedPoint of one of its keys. The search's result type must not
@@ -448,6 +493,11 @@ private:
       gather([weight, weights](size_t i, uint32_t rank_and_label) { return (rank_and_label << weights) | weight[i]; });
     }
     if ((kmin >> (shift + weights)) == (kmax >> (shift + weights))) return false;
+    if (defer_packed_sort) {
+      gathered = {key, n, kmin, kmax, shift, weights, packed_form == packed_ranks};
+      gathered_only = true;
+      return true;
+    }
     // A range of two is never split, so it is never worth counting.
     counted = !packed_sort.sort_or_count(n, kmin, kmax, shift, count_dense_keys && n > 2, weights);
     sorted_count = n;
@@ -562,6 +612,11 @@ private:
   int weight_bits = 0;
   // Whether the last packed gather was counted instead of sorted.
   bool counted = false;
+  // gather_unless_constant's state: whether packed keys are only gathered,
+  // whether the last feature's were, and where.
+  bool defer_packed_sort = false;
+  bool gathered_only = false;
+  GatheredKeys gathered{};
 };
 
 }  // namespace Velmot

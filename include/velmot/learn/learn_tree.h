@@ -62,8 +62,10 @@
 #include "velmot/defs/int32_limits.h"
 #include "velmot/defs/random.h"
 #include "velmot/defs/tracker.h"
+#include "velmot/learn/gini_bins.h"
 #include "velmot/learn/growth_limits.h"
 #include "velmot/learn/node_labels.h"
+#include "velmot/learn/segmented_sweep.h"
 #include "velmot/learn/small_node_splits.h"
 #include "velmot/learn/split_search.h"
 #include "velmot/learn/sweep.h"
@@ -134,7 +136,63 @@ struct SearchWorkspace {
   explicit SearchWorkspace(bool exact_labels) : sorted(true, exact_labels) {}
   SortedFeature<D> sorted;
   SmallNodeSplits small;
+  GiniBins bins;
+  std::vector<double> node_counts;  // per label slot
 };
+
+// Under Gini with no leaf limit, a feature searched after another reached
+// a positive score can only win, or tie, at a boundary that scores at
+// least as high: its packed keys are binned first (learn/gini_bins.h) and
+// only the bins that may hold such a boundary are sorted and swept
+// (learn/segmented_sweep.h). Below this many keys the bins save less than
+// they cost.
+constexpr size_t pruned_search_min_keys = 64;
+// Below the best score by this share: far above the rounding of any score
+// (a few ulps), so a dropped boundary scores strictly below the best after
+// the subtraction of the node's own score too.
+constexpr double pruned_search_margin = 1e-10;
+
+// The feature's best split, or false where gini_bins.h shows that none of
+// its boundaries reaches the best score so far (`best`, a final score):
+// the whole search would offer a lower score, which changes nothing.
+template <class D, class Criterion>
+bool pruned_search(NodeLabels<Criterion>& labels, LeafLimit limit, int fte, double best,
+                   SearchWorkspace<D>& workspace, SplitCandidate<typename D::feature_type>& candidate,
+                   double& score) {
+  typedef typename D::feature_type F;
+  SortedFeature<D>& sorted = workspace.sorted;
+  const auto& keys = sorted.gathered_keys();
+  const double floor = (labels.initial_score() + best) * (1.0 - pruned_search_margin);
+  uint32_t kept_min = 0, kept_max = 0;
+  const size_t kept =
+      workspace.bins.keep_above(keys.key, keys.n, keys.kmin, keys.kmax, keys.label_bits, keys.weight_bits,
+                                workspace.node_counts.data(), workspace.node_counts.size(), floor, kept_min, kept_max);
+  if (kept == 0) return false;
+  const int rank_shift = keys.label_bits + keys.weight_bits;
+  const uint32_t first_rank = keys.kmin >> rank_shift;
+  const SegmentedKeys input{sorted.sort_kept(kept, kept_min, kept_max), kept, keys.label_bits, keys.weight_bits,
+                            first_rank, &workspace.bins};
+  const FeatureSplit<uint32_t> split =
+      best_segmented_split(input, labels.statistics(), labels.initial_score(), limit);
+  const bool ranked = keys.ranked;
+  auto point_of = [ranked](uint32_t key) {
+    SortedPoint<F> point;
+    point.ranked = ranked;
+    if (ranked) {
+      point.rank = key;
+    } else {
+      point.value = static_cast<F>(key);  // a byte value is its own rank
+    }
+    return point;
+  };
+  score = split.score;
+  candidate.feature_index = fte;
+  candidate.impurity = split.impurity;
+  candidate.is_seed = split.where.is_seed;
+  candidate.lower = point_of(split.where.lower);
+  candidate.upper = point_of(split.where.upper);
+  return true;
+}
 
 // A node of two to SmallNodeSplits::max_positions positions with real
 // labels, whose ranked features sort as ranked_positions
@@ -221,6 +279,17 @@ Tracker<SplitCandidate<typename D::feature_type>, std::less<double>> search_feat
     if (SmallNodeSearch<D>::serves(*range.dataset, range.end_i - range.begin_i)) small.emplace(range, workspace.small);
   }
   sorted.begin_node(*range.dataset, range.begin_i, range.end_i);
+  [[maybe_unused]] bool prunable = false;
+  if constexpr (std::is_same<Criterion, TwoSplitGiniImpurity>::value) {
+    prunable = limit.min_side <= 1 && static_cast<int64_t>(total) < GiniSides<NominalLabelPriorAccumulator<int>>::exact_sum_limit;
+    if (prunable) {
+      const auto& counts = labels.statistics();
+      workspace.node_counts.resize(counts.get_num_slots());
+      for (size_t slot = 0; slot < counts.get_num_slots(); ++slot) {
+        workspace.node_counts[slot] = static_cast<double>(counts[static_cast<int>(slot)]);
+      }
+    }
+  }
   for (int kk = 0; kk < k;) {
     int fte;
     if (random_mode) {
@@ -247,7 +316,25 @@ Tracker<SplitCandidate<typename D::feature_type>, std::less<double>> search_feat
       }
     }
     // A constant feature is skipped and not counted.
-    if (!sorted.sort_unless_constant(*range.dataset, static_cast<size_t>(fte), range.begin_i, range.end_i)) continue;
+    if constexpr (std::is_same<Criterion, TwoSplitGiniImpurity>::value) {
+      const auto gathered =
+          sorted.gather_unless_constant(*range.dataset, static_cast<size_t>(fte), range.begin_i, range.end_i);
+      typedef typename SortedFeature<D>::Gathered Gathered;
+      if (gathered == Gathered::constant) continue;
+      if (gathered == Gathered::packed) {
+        if (prunable && best_over_features.is_initialized() && best_over_features.get_maximum() > 0.0 &&
+            sorted.gathered_keys().n >= pruned_search_min_keys && !sorted.would_count_gathered()) {
+          if (pruned_search(labels, limit, fte, best_over_features.get_maximum(), workspace, candidate, score)) {
+            best_over_features.try_candidate_break_ties(score, candidate, random);
+          }
+          ++kk;
+          continue;
+        }
+        sorted.sort_gathered();
+      }
+    } else if (!sorted.sort_unless_constant(*range.dataset, static_cast<size_t>(fte), range.begin_i, range.end_i)) {
+      continue;
+    }
     candidate = sorted.search([&](const auto& input, auto point_of) {
       const auto split = labels.best_split(input, criteria, limit);
       score = split.score;

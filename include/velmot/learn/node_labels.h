@@ -64,6 +64,8 @@ public:
     return counts.get_prediction(random).first;
   }
   void begin_search(const Criterion& criteria) { initial = criteria.get_initial(counts); }
+  // criteria.get_initial of the node's counts, once begin_search ran.
+  double initial_score() const { return initial; }
   template <class Input>
   FeatureSplit<typename Input::key_type> best_split(const Input& input, const Criterion& criteria, LeafLimit limit) {
     return Velmot::best_split(input, counts, initial, left, right, criteria, limit);

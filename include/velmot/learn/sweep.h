@@ -258,6 +258,20 @@ public:
     return true;
   }
 
+  // Restarts the sweep at a boundary whose left side holds left[slot]
+  // pairs of each label slot, with the sums the moves there would have
+  // made (exact in Sum).
+  void restart(const double* left) {
+    left_squares = cross = left_total = 0;
+    for (size_t slot = 0; slot < class_counts.size(); ++slot) {
+      ClassCounts& k = class_counts[slot];
+      k.left = static_cast<Sum>(left[slot]);
+      left_squares += k.left * k.left;
+      cross += k.left * k.node;
+      left_total += k.left;
+    }
+  }
+
   double final_score() const { return best - initial; }
   // A split's Gini impurity is its score.
   double impurity() const { return improved ? best : 0.0; }
