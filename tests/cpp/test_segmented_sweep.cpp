@@ -42,8 +42,8 @@ TEST(SegmentedSweep, FindsEveryBoundaryAboveTheFloorAsTheWholeSweep) {
       const int label = random() % 4 == 0 ? static_cast<int>(random() % classes)
                                           : static_cast<int>(rank * static_cast<uint32_t>(classes) / ranks);
       const uint32_t weight = weight_bits == 0 ? 1 : 1 + random() % 3;
-      key[i] = (((rank << label_bits) | static_cast<uint32_t>(label + 1)) << weight_bits) |
-               (weight_bits == 0 ? 0 : weight);
+      key[i] =
+          (((rank << label_bits) | static_cast<uint32_t>(label + 1)) << weight_bits) | (weight_bits == 0 ? 0 : weight);
       for (uint32_t c = 0; c < weight; ++c) counts.increment_count(label);
     }
     const double initial = counts.compute_gini_impurity();
@@ -62,6 +62,7 @@ TEST(SegmentedSweep, FindsEveryBoundaryAboveTheFloorAsTheWholeSweep) {
     std::vector<double> node(counts.get_num_slots());
     for (size_t s = 0; s < node.size(); ++s) node[s] = static_cast<double>(counts[static_cast<int>(s)]);
     const double best = initial + expected.score;
+    // Floors under the best and one above it.
     for (const double below : {1e-9, 1e-4, 1e-2, 1e-1, -2e-2}) {
       const double floor = best * (1.0 - below);
       std::vector<uint32_t> pruned = key;
@@ -79,7 +80,7 @@ TEST(SegmentedSweep, FindsEveryBoundaryAboveTheFloorAsTheWholeSweep) {
       std::sort(pruned.begin(), pruned.begin() + static_cast<std::ptrdiff_t>(kept));
       EXPECT_EQ(pruned.front(), kept_min);
       EXPECT_EQ(pruned[kept - 1], kept_max);
-      const Velmot::SegmentedKeys input{pruned.data(), kept,  label_bits, weight_bits, sorted.front() >> rank_shift,
+      const Velmot::SegmentedKeys input{pruned.data(), kept, label_bits, weight_bits, sorted.front() >> rank_shift,
                                         &bins};
       const auto found = Velmot::best_segmented_split(input, counts, initial, Velmot::LeafLimit());
       if (!must_keep) continue;

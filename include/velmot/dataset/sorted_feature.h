@@ -319,8 +319,7 @@ public:
   // Sorts (or counts) every gathered key, for search().
   void sort_gathered() {
     const GatheredKeys& g = gathered;
-    counted = !packed_sort.sort_or_count(g.n, g.kmin, g.kmax, g.label_bits, count_dense_keys && g.n > 2,
-                                         g.weight_bits);
+    counted = !packed_sort.sort_or_count(g.n, g.kmin, g.kmax, g.label_bits, count_dense_keys && g.n > 2, g.weight_bits);
     sorted_count = g.n;
     form = g.ranked ? packed_ranks : packed_values;
   }

@@ -156,9 +156,8 @@ constexpr double pruned_search_margin = 1e-10;
 // its boundaries reaches the best score so far (`best`, a final score):
 // the whole search would offer a lower score, which changes nothing.
 template <class D, class Criterion>
-bool pruned_search(NodeLabels<Criterion>& labels, LeafLimit limit, int fte, double best,
-                   SearchWorkspace<D>& workspace, SplitCandidate<typename D::feature_type>& candidate,
-                   double& score) {
+bool pruned_search(NodeLabels<Criterion>& labels, LeafLimit limit, int fte, double best, SearchWorkspace<D>& workspace,
+                   SplitCandidate<typename D::feature_type>& candidate, double& score) {
   typedef typename D::feature_type F;
   SortedFeature<D>& sorted = workspace.sorted;
   const auto& keys = sorted.gathered_keys();
@@ -170,10 +169,9 @@ bool pruned_search(NodeLabels<Criterion>& labels, LeafLimit limit, int fte, doub
   if (kept == 0) return false;
   const int rank_shift = keys.label_bits + keys.weight_bits;
   const uint32_t first_rank = keys.kmin >> rank_shift;
-  const SegmentedKeys input{sorted.sort_kept(kept, kept_min, kept_max), kept, keys.label_bits, keys.weight_bits,
-                            first_rank, &workspace.bins};
-  const FeatureSplit<uint32_t> split =
-      best_segmented_split(input, labels.statistics(), labels.initial_score(), limit);
+  const SegmentedKeys input{
+      sorted.sort_kept(kept, kept_min, kept_max), kept, keys.label_bits, keys.weight_bits, first_rank, &workspace.bins};
+  const FeatureSplit<uint32_t> split = best_segmented_split(input, labels.statistics(), labels.initial_score(), limit);
   const bool ranked = keys.ranked;
   auto point_of = [ranked](uint32_t key) {
     SortedPoint<F> point;
@@ -281,7 +279,8 @@ Tracker<SplitCandidate<typename D::feature_type>, std::less<double>> search_feat
   sorted.begin_node(*range.dataset, range.begin_i, range.end_i);
   [[maybe_unused]] bool prunable = false;
   if constexpr (std::is_same<Criterion, TwoSplitGiniImpurity>::value) {
-    prunable = limit.min_side <= 1 && static_cast<int64_t>(total) < GiniSides<NominalLabelPriorAccumulator<int>>::exact_sum_limit;
+    prunable = limit.min_side <= 1 &&
+               static_cast<int64_t>(total) < GiniSides<NominalLabelPriorAccumulator<int>>::exact_sum_limit;
     if (prunable) {
       const auto& counts = labels.statistics();
       workspace.node_counts.resize(counts.get_num_slots());

@@ -7,15 +7,14 @@
 // starts at the node's first key, or at a dropped bin's first key (taken
 // so that the label-change rule sees at the next bin's first boundary what
 // it sees in the whole sweep), where the sides restart from the bins'
-// counts. A dropped bin's own boundaries are offered too: they score below
-// the floor, so they can only be the best of a feature that loses. Every boundary of a kept bin is offered as the whole sweep
-// offers it, with the same counts, so any boundary that reaches the floor
-// is found with its score, its split impurity and its place; one that does
-// not cannot win the node.
+// counts. Every boundary of a kept bin is offered as the whole sweep offers
+// it, with the same counts, so any boundary that reaches the floor is found
+// with its score, its split impurity and its place. A dropped bin's own
+// boundaries are offered too: they score below the floor, so they can only
+// be the best of a feature that loses anyway.
 
 #include <cstddef>
 #include <cstdint>
-#include <vector>
 
 #include "velmot/learn/gini_bins.h"
 #include "velmot/learn/sweep.h"
