@@ -61,7 +61,7 @@ public:
     const uint32_t span = (kmax >> rank_shift) - (kmin >> rank_shift);  // ranks - 1
     const size_t wanted = std::max<size_t>(n / keys_per_bin, 1);
     int width_bits = 0;
-    while (static_cast<size_t>(span >> width_bits) + 1 > wanted) ++width_bits;
+    while (rank_shift + width_bits < 31 && static_cast<size_t>(span >> width_bits) + 1 > wanted) ++width_bits;
     bin_shift = rank_shift + width_bits;
     key_base = (kmin >> rank_shift) << rank_shift;
     num_bins = static_cast<size_t>(span >> width_bits) + 1;
