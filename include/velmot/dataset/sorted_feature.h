@@ -310,6 +310,17 @@ public:
     return gathered_only ? Gathered::packed : Gathered::sorted;
   }
   const GatheredKeys& gathered_keys() const { return gathered; }
+  // The point a gathered key's rank field stands for.
+  SortedPoint<F> gathered_point(uint32_t rank) const {
+    SortedPoint<F> point;
+    point.ranked = gathered.ranked;
+    if (gathered.ranked) {
+      point.rank = rank;
+    } else {
+      point.value = static_cast<F>(rank);  // a byte value is its own rank
+    }
+    return point;
+  }
   // Whether sort_gathered would count the keys into cells, not sort them.
   bool would_count_gathered() const {
     const GatheredKeys& g = gathered;

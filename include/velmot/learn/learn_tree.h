@@ -129,6 +129,19 @@ struct SplitCandidate {
   SortedPoint<F> lower, upper;
 };
 
+// A feature's best split as the node's candidate; point_of turns the keys
+// around its boundary into points.
+template <class F, class Key, class PointOf>
+SplitCandidate<F> candidate_of(int feature, const FeatureSplit<Key>& split, PointOf point_of) {
+  SplitCandidate<F> candidate;
+  candidate.feature_index = feature;
+  candidate.impurity = split.impurity;
+  candidate.is_seed = split.where.is_seed;
+  candidate.lower = point_of(split.where.lower);
+  candidate.upper = point_of(split.where.upper);
+  return candidate;
+}
+
 // Scratch of the split search, reused across the nodes of a tree.
 template <class D>
 struct SearchWorkspace {
@@ -172,23 +185,8 @@ bool pruned_search(NodeLabels<Criterion>& labels, LeafLimit limit, int fte, doub
   const SegmentedKeys input{
       sorted.sort_kept(kept, kept_min, kept_max), kept, keys.label_bits, keys.weight_bits, first_rank, &workspace.bins};
   const FeatureSplit<uint32_t> split = best_segmented_split(input, labels.statistics(), labels.initial_score(), limit);
-  const bool ranked = keys.ranked;
-  auto point_of = [ranked](uint32_t key) {
-    SortedPoint<F> point;
-    point.ranked = ranked;
-    if (ranked) {
-      point.rank = key;
-    } else {
-      point.value = static_cast<F>(key);  // a byte value is its own rank
-    }
-    return point;
-  };
   score = split.score;
-  candidate.feature_index = fte;
-  candidate.impurity = split.impurity;
-  candidate.is_seed = split.where.is_seed;
-  candidate.lower = point_of(split.where.lower);
-  candidate.upper = point_of(split.where.upper);
+  candidate = candidate_of<F>(fte, split, [&sorted](uint32_t key) { return sorted.gathered_point(key); });
   return true;
 }
 
@@ -337,13 +335,7 @@ Tracker<SplitCandidate<typename D::feature_type>, std::less<double>> search_feat
     candidate = sorted.search([&](const auto& input, auto point_of) {
       const auto split = labels.best_split(input, criteria, limit);
       score = split.score;
-      SplitCandidate<F> c;
-      c.feature_index = fte;
-      c.impurity = split.impurity;
-      c.is_seed = split.where.is_seed;
-      c.lower = point_of(split.where.lower);
-      c.upper = point_of(split.where.upper);
-      return c;
+      return candidate_of<F>(fte, split, point_of);
     });
     best_over_features.try_candidate_break_ties(score, candidate, random);
     ++kk;

@@ -53,27 +53,13 @@ template <class Sides>
     // sides restart before it.
     const size_t lead_bin = bins.bin_of(key[i]);
     sides.restart(bins.left_before(lead_bin));
-    int run_label = label_of(key[i]);
-    bool new_label = false;
-    uint32_t previous = key[i] >> rank_shift;
-    sides.move(run_label, weight_of(key[i]));
+    SweepRun<uint32_t, int, false> run;
+    run.start(sides, key[i] >> rank_shift, label_of(key[i]), weight_of(key[i]));
     for (++i; i < n; ++i) {
       const uint32_t k = key[i];
       const size_t bin = bins.bin_of(k);
       if (bin != lead_bin && !bins.kept(bin)) break;
-      const uint32_t rank = k >> rank_shift;
-      const int label = label_of(k);
-      new_label |= label != run_label;
-      const bool admissible = new_label & (previous != rank) & sides.within_limit();
-      if (sides.offer(admissible, previous, rank)) {
-        result.is_seed = false;
-        result.lower = previous;
-        result.upper = rank;
-      }
-      run_label = admissible ? label : run_label;
-      new_label &= !admissible;
-      sides.move(label, weight_of(k));
-      previous = rank;
+      run.step(sides, result, k >> rank_shift, label_of(k), weight_of(k));
     }
   }
   return result;
