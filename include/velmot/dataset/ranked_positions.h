@@ -44,8 +44,8 @@ class RankedPositions {
 public:
   // Room for n >= 2 positions of a feature whose ranks lie below num_ranks.
   uint32_t* prepare(size_t n, size_t num_ranks) {
-    const int rank_bits = bit_width(num_ranks == 0 ? 0 : num_ranks - 1);
-    const int position_bits = bit_width(n - 1);
+    const int rank_bits = sort_detail::bit_width(num_ranks == 0 ? 0 : num_ranks - 1);
+    const int position_bits = sort_detail::bit_width(n - 1);
     packed = rank_bits + position_bits <= 32;
     if (packed) {
       key_shift = position_bits;
@@ -143,8 +143,6 @@ private:
     sort_by_network(small_sorted, key, n);
     return small_sorted;
   }
-
-  static int bit_width(uint64_t x) { return x == 0 ? 0 : 64 - __builtin_clzll(x); }
 
   bool has_equal_ranks() const {
     return visit([this](auto key_at, auto) {

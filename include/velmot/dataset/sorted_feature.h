@@ -430,19 +430,14 @@ private:
   static constexpr size_t far_prefetch_distance = 96;
   static constexpr size_t far_prefetch_column_bytes = 256 * 1024;
 
-  static int bit_width(uint64_t x) {
-    int bits = 0;
-    while (bits < 64 && (x >> bits) != 0) ++bits;
-    return bits;
-  }
 
   // Whether (rank, label + 1) and, with weights, the weight fit one 32-bit
   // key for every rank up to largest_rank and every label of the data set;
   // sets label_bits and weight_bits.
   bool packable(const Sample& sample, uint64_t largest_rank) {
     const uint64_t largest_code = static_cast<uint64_t>(sample.get_num_classes()) + 1;
-    const int labels = std::max(1, std::min(32, bit_width(largest_code)));
-    const int weights = sample.position_weights.empty() ? 0 : bit_width(sample.largest_weight);
+    const int labels = std::max(1, std::min(32, sort_detail::bit_width(largest_code)));
+    const int weights = sample.position_weights.empty() ? 0 : sort_detail::bit_width(sample.largest_weight);
     const int low_bits = labels + weights;
     if (low_bits >= 32 || (largest_rank >> (32 - low_bits)) != 0) return false;
     label_bits = labels;

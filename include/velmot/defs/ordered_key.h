@@ -55,8 +55,10 @@ OrderedKey<F> ordered_bits(F value) {
     Bits bits;
     std::memcpy(&bits, &value, sizeof bits);
     // Negative values: every bit flipped (a larger magnitude, a smaller
-    // key); positive values: above every negative one.
-    return (bits & sign) != 0 ? Bits(~bits) : Bits(bits | sign);
+    // key); positive values: above every negative one. A mask, not a
+    // branch: signs come in no order.
+    const Bits negative = Bits(0) - Bits(bits >> (8 * sizeof(Bits) - 1));
+    return Bits(bits ^ (negative | sign));
   } else if constexpr (std::is_signed<F>::value) {
     return Bits(Bits(value) ^ sign);
   } else {
