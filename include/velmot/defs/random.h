@@ -53,7 +53,11 @@ public:
 
   // |r| in two's complement: the most negative value stays itself (and its
   // remainders stay non-positive, exactly as the signed division gives).
-  static int64_t magnitude(int64_t r) { return r < 0 ? static_cast<int64_t>(0 - static_cast<uint64_t>(r)) : r; }
+  // By a mask of the sign, not a branch: the sign is random.
+  static int64_t magnitude(int64_t r) {
+    const uint64_t negative = static_cast<uint64_t>(r >> 63);  // all ones for r < 0
+    return static_cast<int64_t>((static_cast<uint64_t>(r) ^ negative) - negative);
+  }
 
 private:
   XorShiftState state;
