@@ -250,6 +250,30 @@ public:
     if (walk.active()) walk.leave();
   }
 
+  // Asks the cache for the whole rank rows (dataset/feature_ranks.h) of a
+  // small node, where the rows span a few cache lines. Each of a small
+  // node's instances is a miss of its own, and the reads of one feature
+  // after another would wait for each in turn; asked for together, the
+  // misses overlap. One thread, both harnesses' builds at once on the two
+  // cores, eight rounds: W5's regression trees (13 features a node) took
+  // 4% less CPU time with nodes of up to 4, 16 or 64 positions, W1's (6
+  // features) 1% less.
+  void prefetch_rows(const Sample& sample, size_t begin, size_t end) {
+    const FeatureRanks<F>* table = sample.ranks;
+    constexpr size_t line = 64 / sizeof(uint32_t);
+    if (table == nullptr || !table->has_rows() || end - begin > max_prefetched_node) return;
+    const size_t stride = table->row_stride();
+    if (stride > max_prefetched_row_lines * line) return;
+    const uint32_t* rows = table->row_ranks(0);
+    const uint32_t* position = sample.indices.data();
+    for (size_t p = begin; p < end; ++p) {
+      const uint32_t* row = rows + static_cast<size_t>(position[p]) * stride;
+      for (size_t f = 0; f < stride; f += line) __builtin_prefetch(row + f);
+      __builtin_prefetch(row + stride - 1);
+    }
+    rows_prefetched = end - begin;  // a side effect: a function of prefetches alone is dropped as pure
+  }
+
   // Sorts the pairs of the feature at the sample's positions [begin, end),
   // unless the feature is constant there (then false, and nothing to
   // search). The sample's ranks, where it has them, stand in for values.
@@ -612,6 +636,9 @@ private:
   std::vector<L> label_copy;
   std::vector<uint32_t> weight_copy;
   PackedRankSort packed_sort;
+  static constexpr size_t max_prefetched_node = 64;
+  static constexpr size_t max_prefetched_row_lines = 4;
+  size_t rows_prefetched = 0;
   int label_bits = 0;
   // Low bits of a packed key that hold its position's weight (with weights).
   int weight_bits = 0;

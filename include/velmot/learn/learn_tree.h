@@ -270,6 +270,7 @@ Tracker<SplitCandidate<typename D::feature_type>, std::less<double>> search_feat
   SortedFeature<D>& sorted = workspace.sorted;
   Tracker<SplitCandidate<F>, std::less<double>> best_over_features;
   drawn.clear();
+  sorted.prefetch_rows(*range.dataset, range.begin_i, range.end_i);
   std::optional<SmallNodeSearch<D>> small;
   if constexpr (SmallNodeSearch<D>::possible) {
     if (SmallNodeSearch<D>::serves(*range.dataset, range.end_i - range.begin_i)) small.emplace(range, workspace.small);
