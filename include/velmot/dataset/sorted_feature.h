@@ -251,13 +251,15 @@ public:
   }
 
   // Asks the cache for the whole rank rows (dataset/feature_ranks.h) of a
-  // small node, where the rows span a few cache lines. Each of a small
+  // small node, where the rows span a few cache lines; the grower asks for
+  // the next node's while it searches the current one. Each of a small
   // node's instances is a miss of its own, and the reads of one feature
-  // after another would wait for each in turn; asked for together, the
-  // misses overlap. One thread, both harnesses' builds at once on the two
-  // cores, eight rounds: W5's regression trees (13 features a node) took
-  // 4% less CPU time with nodes of up to 4, 16 or 64 positions, W1's (6
-  // features) 1% less.
+  // after another would wait for each in turn; asked for together, ahead,
+  // the misses overlap. One thread, builds with and without at once on the
+  // two cores: W5's regression trees (13 features a node) took 4% less CPU
+  // time with the node's own rows asked for at its start (nodes of up to
+  // 4, 16 or 64 positions alike), and 2% less again with the next node's
+  // asked for instead; W1's (6 features) 1 to 2% less.
   void prefetch_rows(const Sample& sample, size_t begin, size_t end) {
     const FeatureRanks<F>* table = sample.ranks;
     constexpr size_t line = 64 / sizeof(uint32_t);

@@ -270,7 +270,6 @@ Tracker<SplitCandidate<typename D::feature_type>, std::less<double>> search_feat
   SortedFeature<D>& sorted = workspace.sorted;
   Tracker<SplitCandidate<F>, std::less<double>> best_over_features;
   drawn.clear();
-  sorted.prefetch_rows(*range.dataset, range.begin_i, range.end_i);
   std::optional<SmallNodeSearch<D>> small;
   if constexpr (SmallNodeSearch<D>::possible) {
     if (SmallNodeSearch<D>::serves(*range.dataset, range.end_i - range.begin_i)) small.emplace(range, workspace.small);
@@ -421,6 +420,12 @@ Node<typename D::label_type>* grow_tree_in_place(IndexedDataSet<D>& indexed_data
     while (!to_learn.empty()) {
       const NodeLearnTask<L> task = to_learn.front();
       to_learn.pop_front();
+      // The next node's rank rows come in while this one is searched.
+      if (!to_learn.empty()) {
+        const NodeLearnTask<L>& next = to_learn.front();
+        workspace.sorted.prefetch_rows(indexed_data, static_cast<size_t>(next.begin_i),
+                                       static_cast<size_t>(next.end_i));
+      }
       Node<L>* node = task.node;
       RangeDataSet<I> range(&indexed_data, static_cast<size_t>(task.begin_i), static_cast<size_t>(task.end_i));
 
