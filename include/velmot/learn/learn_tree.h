@@ -61,6 +61,7 @@
 #include "velmot/defs/exception.h"
 #include "velmot/defs/int32_limits.h"
 #include "velmot/defs/random.h"
+#include "velmot/defs/sorting_network.h"
 #include "velmot/defs/tracker.h"
 #include "velmot/learn/gini_bins.h"
 #include "velmot/learn/growth_limits.h"
@@ -190,9 +191,15 @@ bool pruned_search(NodeLabels<Criterion>& labels, LeafLimit limit, int fte, doub
   return true;
 }
 
-// A node of two to SmallNodeSplits::max_positions positions with real
+// A node of two to SmallNodeSearch::max_positions positions with real
 // labels, whose ranked features sort as ranked_positions
-// (dataset/sorted_feature.h): their splits come from SmallNodeSplits.
+// (dataset/sorted_feature.h): each feature's positions are put in rank
+// order by a sorting network and swept in place, without the sorted form's
+// gathers and copies; a node of up to SmallNodeSplits::max_positions
+// sweeps each order once (learn/small_node_splits.h). W5's trees, one
+// thread, builds with and without at once on the two cores, twenty
+// rounds: 2% less CPU time than with nodes of five to eight positions
+// taking the sorted form; up to 16 positions, no less.
 template <class D>
 class SmallNodeSearch {
 public:
@@ -201,7 +208,7 @@ public:
 
   static constexpr bool possible = learns_with_ranks<F, L>() && !std::is_integral<L>::value;
 
-  static constexpr size_t max_positions = SmallNodeSplits::max_positions;
+  static constexpr size_t max_positions = 8;
 
   static bool serves(const IndexedDataSet<D>& sample, size_t positions) {
     return possible && sample.ranks != nullptr && positions >= 2 && positions <= max_positions;
@@ -226,14 +233,17 @@ public:
     uint32_t rank[max_positions];
     uint8_t order[max_positions];
     for (size_t i = 0; i < n; ++i) rank[i] = sample.ranks->rank(feature, sample.indices[begin + i]);
-    if (!SmallNodeSplits::order_of(rank, n, order)) return false;
-    const FeatureSplit<uint32_t>& split = splits.split(order, [&](const uint8_t* o) {
+    if (!order_of(feature, rank, order)) return false;
+    const auto sweep = [&](const uint8_t* o) {
       return labels.best_split(
           distinct_sorted_keys<L>(
               n, [](size_t i) { return static_cast<uint32_t>(i); }, [this, o](size_t i) { return label[o[i]]; },
               [this, o](size_t i) { return weight[o[i]]; }),
           criteria, limit);
-    });
+    };
+    FeatureSplit<uint32_t> unkept;
+    const FeatureSplit<uint32_t>& split =
+        n <= SmallNodeSplits::max_positions ? splits.split(order, sweep) : (unkept = sweep(order));
     score = split.score;
     candidate.feature_index = f;
     candidate.impurity = split.impurity;
@@ -245,6 +255,26 @@ public:
   }
 
 private:
+  // The node's positions in ascending rank of the feature; false if two
+  // ranks are equal. Beyond a few positions, keys (rank, position) through
+  // the sorting network, where the ranks leave room for the position.
+  bool order_of(size_t feature, const uint32_t* rank, uint8_t* order) const {
+    constexpr int position_bits = 4;
+    static_assert(max_positions <= (size_t(1) << position_bits), "a position fits its bits");
+    if (n <= SmallNodeSplits::max_positions || sample.ranks->num_ranks(feature) > (size_t(1) << (32 - position_bits))) {
+      return SmallNodeSplits::order_of(rank, n, order);
+    }
+    uint32_t key[max_positions];
+    for (size_t i = 0; i < n; ++i) key[i] = (rank[i] << position_bits) | static_cast<uint32_t>(i);
+    sort_by_network(key, key, n);
+    unsigned equal = 0;
+    for (size_t j = 0; j < n; ++j) {
+      order[j] = static_cast<uint8_t>(key[j] & ((1u << position_bits) - 1));
+      equal |= j > 0 && (key[j] >> position_bits) == (key[j - 1] >> position_bits);
+    }
+    return equal == 0;
+  }
+
   const IndexedDataSet<D>& sample;
   size_t begin, n;
   SmallNodeSplits& splits;
