@@ -3,6 +3,7 @@
 #include <unistd.h>
 #include <cstdio>
 #include <cstdlib>
+#include <limits>
 #include <string>
 #include <type_traits>
 #include <vector>
@@ -36,6 +37,17 @@ TEST(GeneratorPool, FileSeedSkipsZeroWordsTakesMagnitudesAndNamesAShortFile) {
   EXPECT_NE(short_pool.get_generator(0), nullptr);
   EXPECT_EQ(short_pool.get_generator(1), nullptr);
   std::remove(name);
+}
+
+// Draws reduce |word| modulo the bound; the most negative word stays itself.
+TEST(Generator, MagnitudeOfEveryWordAsTwosComplement) {
+  using Velmot::XorShiftRNG;
+  const int64_t lowest = std::numeric_limits<int64_t>::min();
+  EXPECT_EQ(XorShiftRNG::magnitude(-7), 7);
+  EXPECT_EQ(XorShiftRNG::magnitude(7), 7);
+  EXPECT_EQ(XorShiftRNG::magnitude(0), 0);
+  EXPECT_EQ(XorShiftRNG::magnitude(lowest + 1), std::numeric_limits<int64_t>::max());
+  EXPECT_EQ(XorShiftRNG::magnitude(lowest), lowest);
 }
 
 // The root is deliberately not a std::exception.

@@ -13,10 +13,11 @@
 
 namespace {
 
-// Comparison (small), buckets, clustered keys (radix instead), dense keys
-// (one counting pass), 32-bit keys (three radix passes), and keys with 3
-// weight bits, (rank << 2 | label + 1) << 3 | weight, which sort above
-// their weight bits and otherwise keep the multiset.
+// At most 16 keys (the sorting network), buckets, clustered keys (radix
+// instead), dense keys (one counting pass), 32-bit keys (three radix
+// passes), and keys with 3 weight bits, (rank << 2 | label + 1) << 3 |
+// weight, which sort above their weight bits and otherwise keep the
+// multiset.
 TEST(PackedRankSort, SortsLikeStdSortOnEveryPath) {
   Velmot::XorShiftRNG gen(Velmot::XorShiftState{9, 8, 7, 6});
   auto draw = [&gen](uint32_t bound) { return static_cast<uint32_t>(gen.next_int(static_cast<int64_t>(bound))); };
@@ -33,6 +34,8 @@ TEST(PackedRankSort, SortsLikeStdSortOnEveryPath) {
       {3000, [&](size_t) { return 40 + draw(700); }, 0},
       {20000, [&](size_t) { return draw(1u << 20); }, 0},
       {5000, [&](size_t) { return draw(0x7fffffffu) * 2 + draw(2); }, 0},
+      {11, [&](size_t) { return draw(1u << 20); }, 0},
+      {16, any_weighted, 3},
       {30, any_weighted, 3},
       {3000, any_weighted, 3},
       {9000, any_weighted, 3},
