@@ -92,9 +92,8 @@ template <class S, class F>
 size_t partition_by_rank(S& sample, const FeatureRanks<F>& ranks, size_t feature_index, size_t begin, size_t end,
                          uint32_t first_right_rank) {
   const auto by_rank = [&](const auto* rank_of, auto stride) {
-    return partition_positions(sample, begin, end, [&](uint64_t i) {
-      return static_cast<uint32_t>(rank_of[i * stride]) < first_right_rank;
-    });
+    return partition_positions(
+        sample, begin, end, [&](uint64_t i) { return static_cast<uint32_t>(rank_of[i * stride]) < first_right_rank; });
   };
   if (ranks.rows_serve(end - begin)) return by_rank(ranks.row_ranks(feature_index), ranks.row_stride());
   return ranks.visit_ranks(feature_index,

@@ -456,7 +456,6 @@ private:
   static constexpr size_t far_prefetch_distance = 96;
   static constexpr size_t far_prefetch_column_bytes = 256 * 1024;
 
-
   // Whether (rank, label + 1) and, with weights, the weight fit one 32-bit
   // key for every rank up to largest_rank and every label of the data set;
   // sets label_bits and weight_bits.
