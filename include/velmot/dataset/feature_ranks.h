@@ -8,14 +8,12 @@
 // the ranks order exactly as the values do, so the sorted pairs are those a
 // comparison sort gives.
 //
-// A rank's value is that of any instance holding it (value_at), and is
-// kept in a table of each feature's values by rank (rank_value), which the
-// grower reads at every split: read at instances that hold the ranks, the
-// two values around a split missed the cache and the TLB apart, and the
-// table's pair shares a cache line (its memory: one value per distinct
-// value, as much as the data at most). Equal values other than zero have
-// equal bits; the two zeros share a rank, whose value is the zero of the
-// feature's last instance holding a zero, as when a table of values is
+// A rank's value is read at any instance that holds it (value_at): the
+// grower finds one among the node's instances while it partitions them, so
+// no table from ranks to values or instances is kept (at 500,000 instances
+// it would take as much memory as the ranks). Equal values other than zero
+// have equal bits; the two zeros share a rank, whose value is the zero of
+// the feature's last instance holding a zero, as when a table of values is
 // filled in instance order.
 //
 // A feature holding a not-a-number value gets no ranks (has_ranks false):
@@ -243,12 +241,7 @@ public:
       ranked[feature] = 1;
     });
     narrow_columns();
-    fill_rank_values(data);
   }
-
-  // The value a rank of a ranked feature stands for (value_at at any
-  // instance that holds it).
-  F rank_value(size_t feature, uint32_t rank) const { return rank_values.data()[value_offset[feature] + rank]; }
 
   // Turns the ranks instance-major (row i: instance i's rank of every
   // feature, 0 for unranked ones, 4 bytes each) and frees the columns. A
@@ -339,29 +332,6 @@ private:
     }
   }
 
-  // Each ranked feature's values by rank, in one block (huge pages).
-  template <class D>
-  void fill_rank_values(const D& data) {
-    const size_t nf = ranked.size();
-    value_offset.assign(nf, 0);
-    size_t total = 0;
-    for (size_t f = 0; f < nf; ++f) {
-      value_offset[f] = total;
-      if (ranked[f]) total += rank_count[f];
-    }
-    if (total == 0) return;
-    rank_values = RandomAccessTable<F>(total);
-    for_each_index(static_cast<int64_t>(nf), default_team_size(), [&](int64_t j, const Worker&) {
-      const size_t feature = static_cast<size_t>(j);
-      if (!ranked[feature]) return;
-      const F* column = data.column(feature);
-      F* values = rank_values.data() + value_offset[feature];
-      visit_columns(feature, [&](const auto* rank_of) {
-        for (size_t i = 0; i < num_instances; ++i) values[rank_of[i]] = value_at(column, feature, i);
-      });
-    });
-  }
-
   // Step 5: each ranked column, written 4 bytes a rank at feature * ni * 4,
   // moves to table_end in its own width; columns start at multiples of 4
   // bytes. A column's new place never passes its old one, and each rank is
@@ -409,8 +379,6 @@ private:
   RandomAccessTable<uint32_t> row_table;
   size_t num_instances = 0;
   std::vector<uint32_t> rank_count;
-  RandomAccessTable<F> rank_values;
-  std::vector<size_t> value_offset;
   // Per feature, the zero its rank of zero stands for (see above).
   std::vector<F> zero;
   std::vector<F> middle_value;

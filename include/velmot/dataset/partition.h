@@ -87,17 +87,47 @@ size_t partition_by_value(S& sample, size_t feature_index, size_t begin, size_t 
 // The same for a ranked feature, given the first rank whose value is not
 // below the threshold (among the ranks present in the range): reads ranks
 // (1 to 4 bytes) instead of values, from the rows where there are
-// (FeatureRanks::rows_serve).
+// (FeatureRanks::rows_serve). On the way, holder[k]
+// becomes an instance of the range holding rank watched[k] (unchanged if
+// none does), where the caller reads that rank's value (FeatureRanks::
+// value_at).
 template <class S, class F>
 size_t partition_by_rank(S& sample, const FeatureRanks<F>& ranks, size_t feature_index, size_t begin, size_t end,
-                         uint32_t first_right_rank) {
+                         uint32_t first_right_rank, const uint32_t (&watched)[2], uint64_t (&holder)[2]) {
   const auto by_rank = [&](const auto* rank_of, auto stride) {
-    return partition_positions(
-        sample, begin, end, [&](uint64_t i) { return static_cast<uint32_t>(rank_of[i * stride]) < first_right_rank; });
+    uint64_t first = holder[0], second = holder[1];
+    const size_t left = partition_positions(sample, begin, end, [&](uint64_t i) {
+      const uint32_t rank = static_cast<uint32_t>(rank_of[i * stride]);
+      first = rank == watched[0] ? i : first;
+      second = rank == watched[1] ? i : second;
+      return rank < first_right_rank;
+    });
+    holder[0] = first;
+    holder[1] = second;
+    return left;
   };
   if (ranks.rows_serve(end - begin)) return by_rank(ranks.row_ranks(feature_index), ranks.row_stride());
   return ranks.visit_ranks(feature_index,
                            [&](const auto* rank_of) { return by_rank(rank_of, std::integral_constant<size_t, 1>()); });
+}
+
+// Puts the positions [begin, end) back in ascending instance order, their
+// followed labels and weights with them: the order the grower keeps, for a
+// partition that is to be made again another way.
+template <class S>
+void sort_positions(S& sample, size_t begin, size_t end) {
+  const size_t n = end - begin;
+  std::vector<size_t> order(n);
+  for (size_t k = 0; k < n; ++k) order[k] = k;
+  const uint32_t* index = sample.indices.data() + begin;
+  std::sort(order.begin(), order.end(), [index](size_t a, size_t b) { return index[a] < index[b]; });
+  const auto permute = [&order, n](auto* values) {
+    const std::vector<std::remove_pointer_t<decltype(values)>> copy(values, values + n);
+    for (size_t k = 0; k < n; ++k) values[k] = copy[order[k]];
+  };
+  permute(sample.indices.data() + begin);
+  if (sample.labels_follow) permute(sample.position_labels.data() + begin);
+  if (!sample.position_weights.empty()) permute(sample.position_weights.data() + begin);
 }
 
 }  // namespace Velmot
