@@ -42,12 +42,11 @@
 // a feature's pairs come sorted in value-then-label order whatever the
 // slice's order (dataset/sorted_feature.h); each feature's sweep
 // (learn/sweep.h) keeps only its score and the points around its best
-// boundary, and the threshold is looked up for the node's winner alone
-// (in the values by rank, dataset/feature_ranks.h); under real labels, a
-// node of up to eight positions orders them per feature by a sorting
-// network, and one of two to four sweeps each order once
-// (learn/small_node_splits.h); the next small node's rank rows are asked
-// for while the current one is searched.
+// boundary, and the threshold is looked up for the node's winner alone;
+// under real labels, a node of up to eight positions orders them per
+// feature by a sorting network, and one of two to four sweeps each order
+// once (learn/small_node_splits.h); the next small node's rank rows are
+// asked for while the current one is searched.
 
 #include <algorithm>
 #include <cstdint>
