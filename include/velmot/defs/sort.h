@@ -429,10 +429,10 @@ private:
 // matter.
 //
 // Steps: the caller fills keys() (n of them, smallest kmin, largest kmax);
-// small nodes are sorted by comparison; mid-sized ones by buckets; the
-// others by one counting pass when the keys, lowered by kmin with its label
-// bits cleared, need at most 11 bits, else by two or three radix passes of
-// equal digit widths, all histograms counted in one read.
+// up to 16 keys go through a sorting network; mid-sized ones are sorted by
+// buckets; the others by one counting pass when the keys, lowered by kmin
+// with its label bits cleared, need at most 11 bits, else by two or three
+// radix passes of equal digit widths, all histograms counted in one read.
 class PackedRankSort {
 public:
   void prepare(size_t n) {

@@ -196,9 +196,10 @@ bool pruned_search(NodeLabels<Criterion>& labels, LeafLimit limit, int fte, doub
 // A node of two to SmallNodeSearch::max_positions positions with real
 // labels, whose ranked features sort as ranked_positions
 // (dataset/sorted_feature.h): each feature's positions are put in rank
-// order by a sorting network and swept in place, without the sorted form's
-// gathers and copies; a node of up to SmallNodeSplits::max_positions
-// sweeps each order once (learn/small_node_splits.h). W5's trees, one
+// order (beyond four positions by a sorting network) and swept in place,
+// without the sorted form's gathers and copies; a node of up to
+// SmallNodeSplits::max_positions sweeps each order once
+// (learn/small_node_splits.h). W5's trees, one
 // thread, builds with and without at once on the two cores, twenty
 // rounds: 2% less CPU time than with nodes of five to eight positions
 // taking the sorted form; up to 16 positions, no less.
