@@ -1,6 +1,7 @@
 // FeatureRanks against a comparison-sort ranking: the same ranks (in the
-// columns and in the instance-major copy) and the same value of each rank,
-// bit for bit, on data that reaches every path of the radix sort (skipped digits,
+// columns and in the instance-major copy) and the same value of each rank
+// (read at instances, and from the table of a feature of few values), bit
+// for bit, on data that reaches every path of the radix sort (skipped digits,
 // runs of equal high halves, both zeros, ties).
 
 #include <gtest/gtest.h>
@@ -48,6 +49,11 @@ void expect_reference_ranks(const std::vector<std::vector<F>>& columns, int thre
     // first instance, whose zero may differ from the last one's.
     std::vector<F> found(values.size());
     for (size_t i = expected.size(); i-- > 0;) found[expected[i]] = ranks.value_at(columns[j].data(), j, i);
+    ASSERT_EQ(std::memcmp(values.data(), found.data(), values.size() * sizeof(F)), 0);
+    // A feature of few values keeps the same values by rank.
+    ASSERT_EQ(ranks.has_values_by_rank(j), values.size() <= Velmot::FeatureRanks<F>::few_values_limit);
+    if (!ranks.has_values_by_rank(j)) continue;
+    for (uint32_t r = 0; r < values.size(); ++r) found[r] = ranks.value_of_rank(j, r);
     ASSERT_EQ(std::memcmp(values.data(), found.data(), values.size() * sizeof(F)), 0);
   }
 }

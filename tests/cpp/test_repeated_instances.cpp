@@ -153,14 +153,18 @@ TEST(RepeatedInstances, EveryPathLearnsAsCopies) {
 }
 
 // Midpoints of neighbouring doubles round onto the lower one, and those of
-// the largest overflow: such thresholds split by value, as without ranks.
+// the largest overflow: such thresholds split by value, as without ranks,
+// whether the values come from a feature's values by rank (few levels) or
+// from instances found while partitioning.
 TEST(RepeatedInstances, RoundedThresholdsSplitAsWithoutRanks) {
-  auto [data, draws] = make_case<double, int>(3000, 2, 40, 3000, 13);
-  for (double& x : data.features[0]) x = 1.0 + x * std::numeric_limits<double>::epsilon();
-  for (double& x : data.features[1]) x = (x - 20.0) * 9e306;
-  const auto ranked = learn(data, draws, true, false, 1, Velmot::TwoSplitGiniImpurity());
-  const auto values = learn(data, draws, false, false, 1, Velmot::TwoSplitGiniImpurity());
-  EXPECT_TRUE(VelmotTest::same_tree(ranked.tree, values.tree));
+  for (const int levels : {40, 1000}) {
+    auto [data, draws] = make_case<double, int>(3000, 2, levels, 3000, 13);
+    for (double& x : data.features[0]) x = 1.0 + x * std::numeric_limits<double>::epsilon();
+    for (double& x : data.features[1]) x = (x - levels / 2) * (3.5e306 * (100.0 / levels));
+    const auto ranked = learn(data, draws, true, false, 1, Velmot::TwoSplitGiniImpurity());
+    const auto values = learn(data, draws, false, false, 1, Velmot::TwoSplitGiniImpurity());
+    EXPECT_TRUE(VelmotTest::same_tree(ranked.tree, values.tree)) << levels;
+  }
 }
 
 }  // namespace

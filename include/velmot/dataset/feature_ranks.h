@@ -14,7 +14,11 @@
 // it would take as much memory as the ranks). Equal values other than zero
 // have equal bits; the two zeros share a rank, whose value is the zero of
 // the feature's last instance holding a zero, as when a table of values is
-// filled in instance order.
+// filled in instance order. A feature of at most few_values_limit distinct
+// values does keep its values by rank (value_of_rank; 2 KB at most): there
+// a node's instances hold the two ranks around a split so often that
+// watching for them mispredicts, and reading their values at instances
+// misses the cache, which the small table does not.
 //
 // A feature holding a not-a-number value gets no ranks (has_ranks false):
 // NaN has no place in an order, and its nodes use the value sort instead.
@@ -47,8 +51,9 @@
 //   3. Keys of 64 bits: sort each group of entries with one high half whose
 //      keys are out of order by (key, instance).
 //   4. Walk the sorted entries: the rank grows by one at each new run.
-//      Keep the zero of the last instance holding one (see above), and the
-//      value at the middle entry (upper_median).
+//      Keep the zero of the last instance holding one (see above), the
+//      value at the middle entry (upper_median) and, for few values, each
+//      run's value.
 //   5. After all features: narrow each column to its width, in place and in
 //      feature order (a column never moves past where it was written).
 //
@@ -192,6 +197,9 @@ constexpr bool learns_with_ranks() {
 template <class F>
 class FeatureRanks {
 public:
+  // Features of at most this many distinct values keep them by rank.
+  static constexpr size_t few_values_limit = 256;
+
   FeatureRanks() = default;
 
   // D offers get_num_features(), get_num_instances() (fewer than 2^32) and
@@ -201,6 +209,7 @@ public:
       : rank_count(data.get_num_features(), 0),
         zero(data.get_num_features(), F(0)),
         middle_value(data.get_num_features(), F(0)),
+        few_values(data.get_num_features()),
         ranked(data.get_num_features(), 0) {
     namespace detail = feature_ranks_detail;
     const int64_t nf = static_cast<int64_t>(data.get_num_features());
@@ -235,6 +244,15 @@ public:
         if (column[i] == F(0)) {
           zero[feature] = column[i];
           break;
+        }
+      }
+      if (current < few_values_limit) {
+        std::vector<F>& values = few_values[feature];
+        values.reserve(current + 1);
+        for (size_t k = 0; k < ni; ++k) {
+          if (k == 0 || entries[k].key != entries[k - 1].key) {
+            values.push_back(value_at(column, feature, entries[k].instance));
+          }
         }
       }
       middle_value[feature] = value_at(column, feature, entries[ni / 2].instance);
@@ -309,6 +327,11 @@ public:
     const F value = column[instance];
     return value == F(0) ? zero[feature] : value;
   }
+  // Whether a ranked feature keeps its values by rank: one of at most
+  // few_values_limit distinct values.
+  bool has_values_by_rank(size_t feature) const { return !few_values[feature].empty(); }
+  // The value rank `rank` stands for (as value_at), where has_values_by_rank.
+  F value_of_rank(size_t feature, uint32_t rank) const { return few_values[feature][rank]; }
   // Number of distinct values of a ranked feature: its ranks lie below it.
   size_t num_ranks(size_t feature) const { return rank_count[feature]; }
   // The value at position n / 2 of a ranked feature's n sorted values (the
@@ -382,6 +405,8 @@ private:
   // Per feature, the zero its rank of zero stands for (see above).
   std::vector<F> zero;
   std::vector<F> middle_value;
+  // Per feature of few distinct values, its values by rank; empty otherwise.
+  std::vector<std::vector<F>> few_values;
   std::vector<char> ranked;
 };
 

@@ -111,6 +111,21 @@ size_t partition_by_rank(S& sample, const FeatureRanks<F>& ranks, size_t feature
                            [&](const auto* rank_of) { return by_rank(rank_of, std::integral_constant<size_t, 1>()); });
 }
 
+// The same for a ranked feature that keeps its values by rank, whose
+// caller reads the split's values there: nothing to watch for.
+template <class S, class F>
+size_t partition_by_rank(S& sample, const FeatureRanks<F>& ranks, size_t feature_index, size_t begin, size_t end,
+                         uint32_t first_right_rank) {
+  const auto by_rank = [&](const auto* rank_of, auto stride) {
+    return partition_positions(sample, begin, end, [rank_of, stride, first_right_rank](uint64_t i) {
+      return static_cast<uint32_t>(rank_of[i * stride]) < first_right_rank;
+    });
+  };
+  if (ranks.rows_serve(end - begin)) return by_rank(ranks.row_ranks(feature_index), ranks.row_stride());
+  return ranks.visit_ranks(feature_index,
+                           [&](const auto* rank_of) { return by_rank(rank_of, std::integral_constant<size_t, 1>()); });
+}
+
 // Puts the positions [begin, end) back in ascending instance order, their
 // followed labels and weights with them: the order the grower keeps, for a
 // partition that is to be made again another way.

@@ -382,8 +382,9 @@ Tracker<SplitCandidate<typename D::feature_type>, std::less<double>> search_feat
 // threshold between the two values around the boundary. Ranks stand in for
 // values when the threshold lies above the lower value and not above the
 // upper one (or for the seed), which the usual midpoint does; the two
-// values are read at instances found during that partition. Any other
-// rounding partitions again by value.
+// values come from the feature's values by rank where it keeps them, else
+// they are read at instances found during that partition. Any other
+// rounding partitions (again) by value.
 template <class D>
 std::pair<size_t, typename D::feature_type> split_by_winner(const RangeDataSet<IndexedDataSet<D>>& range,
                                                             const SplitCandidate<typename D::feature_type>& c) {
@@ -396,6 +397,14 @@ std::pair<size_t, typename D::feature_type> split_by_winner(const RangeDataSet<I
     return {partition_by_value(sample, f, begin, end, t), t};
   }
   const FeatureRanks<F>& ranks = *sample.ranks;
+  if (ranks.has_values_by_rank(f)) {
+    const F lower = ranks.value_of_rank(f, c.lower.rank);
+    if (c.is_seed) return {partition_by_rank(sample, ranks, f, begin, end, c.lower.rank), lower};
+    const F upper = ranks.value_of_rank(f, c.upper.rank);
+    const F t = ThresholdInfo<F>::get_less_than_threshold(lower, upper);
+    if (lower < t && !(upper < t)) return {partition_by_rank(sample, ranks, f, begin, end, c.upper.rank), t};
+    return {partition_by_value(sample, f, begin, end, t), t};
+  }
   const F* column = sample.dataset->column(f);
   uint64_t holder[2] = {0, 0};
   const size_t left = partition_by_rank(sample, ranks, f, begin, end, c.is_seed ? c.lower.rank : c.upper.rank,
