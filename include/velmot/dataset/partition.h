@@ -34,10 +34,29 @@ struct PartitionScratch {
   std::vector<uint32_t> weights;
 };
 
+// Asks for nothing ahead.
+struct NothingAhead {
+  void operator()(uint64_t) const {}
+};
+
+// How far ahead a partition asks for what goes_left will read.
+constexpr size_t partition_prefetch_distance = 16;
+
+// Asks for an instance's rank in the rank rows. The rows exist where the
+// ranks outgrow the cache, and a large node's rows have left it since its
+// gathers: W1 (100,000 x 40 doubles, one thread) 2% faster. The columns
+// are asked for nothing: there it was 2% slower.
+struct RowsAhead {
+  const uint32_t* rows;
+  size_t stride;
+  void operator()(uint64_t i) const { __builtin_prefetch(rows + i * stride); }
+};
+
 // Stable partition of positions [begin, end) by goes_left(instance); returns
-// the left count.
-template <class S, class GoesLeft>
-size_t partition_positions(S& sample, size_t begin, size_t end, GoesLeft goes_left) {
+// the left count. ahead(instance) is called partition_prefetch_distance
+// positions before goes_left(instance), to ask for what that will read.
+template <class S, class GoesLeft, class Ahead = NothingAhead>
+size_t partition_positions(S& sample, size_t begin, size_t end, GoesLeft goes_left, Ahead ahead = Ahead()) {
   typedef typename S::label_type L;
   PartitionScratch<L>& right_part = sample.partition_scratch;
   uint32_t* index = sample.indices.data();
@@ -53,7 +72,7 @@ size_t partition_positions(S& sample, size_t begin, size_t end, GoesLeft goes_le
   L* right_label = right_part.labels.data();
   uint32_t* right_weight = right_part.weights.data();
   size_t left = begin, right = 0;
-  for (size_t p = begin; p < end; ++p) {
+  const auto place = [&](size_t p) {
     const uint32_t i = index[p];
     const bool to_left = goes_left(i);
     index[left] = i;
@@ -68,7 +87,15 @@ size_t partition_positions(S& sample, size_t begin, size_t end, GoesLeft goes_le
     }
     left += to_left;
     right += !to_left;
+  };
+  // Slots after p are not yet written over. The loop is split where the
+  // asking ends, so that no position pays for a test of its own.
+  size_t p = begin;
+  for (; p + partition_prefetch_distance < end; ++p) {
+    ahead(index[p + partition_prefetch_distance]);
+    place(p);
   }
+  for (; p < end; ++p) place(p);
   const auto moved = static_cast<std::ptrdiff_t>(right);
   std::copy(right_part.indices.begin(), right_part.indices.begin() + moved, index + left);
   if (label != nullptr) std::copy(right_part.labels.begin(), right_part.labels.begin() + moved, label + left);
@@ -94,21 +121,41 @@ size_t partition_by_value(S& sample, size_t feature_index, size_t begin, size_t 
 template <class S, class F>
 size_t partition_by_rank(S& sample, const FeatureRanks<F>& ranks, size_t feature_index, size_t begin, size_t end,
                          uint32_t first_right_rank, const uint32_t (&watched)[2], uint64_t (&holder)[2]) {
-  const auto by_rank = [&](const auto* rank_of, auto stride) {
+  // The holders' values are asked for as soon as they are found, so that
+  // the rest of the partition hides their cache misses. A feature with
+  // more than a few distinct values holds the watched ranks at few
+  // positions: the branches are taken rarely.
+  const F* column = sample.dataset->column(feature_index);
+  const auto by_rank = [&](const auto* rank_of, auto stride, auto ahead) {
     uint64_t first = holder[0], second = holder[1];
-    const size_t left = partition_positions(sample, begin, end, [&](uint64_t i) {
-      const uint32_t rank = static_cast<uint32_t>(rank_of[i * stride]);
-      first = rank == watched[0] ? i : first;
-      second = rank == watched[1] ? i : second;
-      return rank < first_right_rank;
-    });
+    const uint32_t watch_first = watched[0], watch_second = watched[1];
+    const size_t left = partition_positions(
+        sample, begin, end,
+        [&, rank_of, stride](uint64_t i) {
+          const uint32_t rank = static_cast<uint32_t>(rank_of[i * stride]);
+          if (rank == watch_first) {
+            first = i;
+            __builtin_prefetch(column + i);
+          }
+          if (rank == watch_second) {
+            second = i;
+            __builtin_prefetch(column + i);
+          }
+          return rank < first_right_rank;
+        },
+        ahead);
     holder[0] = first;
     holder[1] = second;
     return left;
   };
-  if (ranks.rows_serve(end - begin)) return by_rank(ranks.row_ranks(feature_index), ranks.row_stride());
-  return ranks.visit_ranks(feature_index,
-                           [&](const auto* rank_of) { return by_rank(rank_of, std::integral_constant<size_t, 1>()); });
+  if (ranks.rows_serve(end - begin)) {
+    const uint32_t* rows = ranks.row_ranks(feature_index);
+    const size_t stride = ranks.row_stride();
+    return by_rank(rows, stride, RowsAhead{rows, stride});
+  }
+  return ranks.visit_ranks(feature_index, [&](const auto* rank_of) {
+    return by_rank(rank_of, std::integral_constant<size_t, 1>(), NothingAhead());
+  });
 }
 
 // The same for a ranked feature that keeps its values by rank, whose
@@ -116,14 +163,22 @@ size_t partition_by_rank(S& sample, const FeatureRanks<F>& ranks, size_t feature
 template <class S, class F>
 size_t partition_by_rank(S& sample, const FeatureRanks<F>& ranks, size_t feature_index, size_t begin, size_t end,
                          uint32_t first_right_rank) {
-  const auto by_rank = [&](const auto* rank_of, auto stride) {
-    return partition_positions(sample, begin, end, [rank_of, stride, first_right_rank](uint64_t i) {
-      return static_cast<uint32_t>(rank_of[i * stride]) < first_right_rank;
-    });
+  const auto by_rank = [&](const auto* rank_of, auto stride, auto ahead) {
+    return partition_positions(
+        sample, begin, end,
+        [rank_of, stride, first_right_rank](uint64_t i) {
+          return static_cast<uint32_t>(rank_of[i * stride]) < first_right_rank;
+        },
+        ahead);
   };
-  if (ranks.rows_serve(end - begin)) return by_rank(ranks.row_ranks(feature_index), ranks.row_stride());
-  return ranks.visit_ranks(feature_index,
-                           [&](const auto* rank_of) { return by_rank(rank_of, std::integral_constant<size_t, 1>()); });
+  if (ranks.rows_serve(end - begin)) {
+    const uint32_t* rows = ranks.row_ranks(feature_index);
+    const size_t stride = ranks.row_stride();
+    return by_rank(rows, stride, RowsAhead{rows, stride});
+  }
+  return ranks.visit_ranks(feature_index, [&](const auto* rank_of) {
+    return by_rank(rank_of, std::integral_constant<size_t, 1>(), NothingAhead());
+  });
 }
 
 // Puts the positions [begin, end) back in ascending instance order, their
