@@ -507,20 +507,32 @@ private:
     const int weights = weight_bits;
     uint32_t kmin = std::numeric_limits<uint32_t>::max(), kmax = 0;
     const bool far_prefetch = sample.dataset->get_num_instances() * sizeof(Rank) > far_prefetch_column_bytes;
-    auto gather = [&](auto key_of) {
+    // The labels come from the positions (followed) or from the instances:
+    // one loop for each, with no test per key.
+    auto gather = [&](auto key_of, auto label_of) {
       auto take = [&](size_t i) {
         const uint32_t k = key_of(i, (static_cast<uint32_t>(rank_of[position[i] * stride]) << shift) |
-                                         static_cast<uint32_t>(sample.get_label(begin + i) + 1));
+                                         static_cast<uint32_t>(label_of(i) + 1));
         key[i] = k;
         kmin = std::min(kmin, k);
         kmax = std::max(kmax, k);
       };
       gather_prefetched(rank_of, position, stride, n, far_prefetch, take);
     };
+    const auto with_labels = [&](auto key_of) {
+      if (sample.labels_follow) {
+        const L* followed = sample.position_labels.data() + begin;
+        gather(key_of, [followed](size_t i) { return followed[i]; });
+      } else {
+        const auto& data = *sample.dataset;
+        gather(key_of, [&data, position](size_t i) { return data.get_label(position[i]); });
+      }
+    };
     if (weight == nullptr) {
-      gather([](size_t, uint32_t rank_and_label) { return rank_and_label; });
+      with_labels([](size_t, uint32_t rank_and_label) { return rank_and_label; });
     } else {
-      gather([weight, weights](size_t i, uint32_t rank_and_label) { return (rank_and_label << weights) | weight[i]; });
+      with_labels(
+          [weight, weights](size_t i, uint32_t rank_and_label) { return (rank_and_label << weights) | weight[i]; });
     }
     if ((kmin >> (shift + weights)) == (kmax >> (shift + weights))) return false;
     if (defer_packed_sort) {
