@@ -160,7 +160,7 @@ TEST(RepeatedInstances, RoundedThresholdsSplitAsWithoutRanks) {
   for (const int levels : {40, 1000}) {
     auto [data, draws] = make_case<double, int>(3000, 2, levels, 3000, 13);
     for (double& x : data.features[0]) x = 1.0 + x * std::numeric_limits<double>::epsilon();
-    for (double& x : data.features[1]) x = (x - levels / 2) * (3.5e306 * (100.0 / levels));
+    for (double& x : data.features[1]) x = (x - 0.5 * levels) * (3.5e306 * (100.0 / levels));
     const auto ranked = learn(data, draws, true, false, 1, Velmot::TwoSplitGiniImpurity());
     const auto values = learn(data, draws, false, false, 1, Velmot::TwoSplitGiniImpurity());
     EXPECT_TRUE(VelmotTest::same_tree(ranked.tree, values.tree)) << levels;
