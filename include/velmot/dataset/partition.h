@@ -111,9 +111,24 @@ size_t partition_by_value(S& sample, size_t feature_index, size_t begin, size_t 
   return partition_positions(sample, begin, end, [column, threshold](uint64_t i) { return column[i] < threshold; });
 }
 
-// The same for a ranked feature, given the first rank whose value is not
-// below the threshold (among the ranks present in the range): reads ranks
-// (1 to 4 bytes) instead of values, from the rows where there are
+// Returns by_rank(rank_of, stride, ahead) over a ranked feature's ranks
+// for a node of node_size positions: rank_of[i * stride] is instance i's,
+// from the rows, asked for ahead, where they serve, else from the column.
+template <class F, class ByRank>
+size_t with_rank_source(const FeatureRanks<F>& ranks, size_t feature_index, size_t node_size, ByRank&& by_rank) {
+  if (ranks.rows_serve(node_size)) {
+    const uint32_t* rows = ranks.row_ranks(feature_index);
+    const size_t stride = ranks.row_stride();
+    return by_rank(rows, stride, RowsAhead{rows, stride});
+  }
+  return ranks.visit_ranks(feature_index, [&](const auto* rank_of) {
+    return by_rank(rank_of, std::integral_constant<size_t, 1>(), NothingAhead());
+  });
+}
+
+// partition_by_value for a ranked feature, given the first rank whose value
+// is not below the threshold (among the ranks present in the range): reads
+// ranks (1 to 4 bytes) instead of values, from the rows where there are
 // (FeatureRanks::rows_serve). On the way, holder[k]
 // becomes an instance of the range holding rank watched[k] (unchanged if
 // none does), where the caller reads that rank's value (FeatureRanks::
@@ -148,14 +163,7 @@ size_t partition_by_rank(S& sample, const FeatureRanks<F>& ranks, size_t feature
     holder[1] = second;
     return left;
   };
-  if (ranks.rows_serve(end - begin)) {
-    const uint32_t* rows = ranks.row_ranks(feature_index);
-    const size_t stride = ranks.row_stride();
-    return by_rank(rows, stride, RowsAhead{rows, stride});
-  }
-  return ranks.visit_ranks(feature_index, [&](const auto* rank_of) {
-    return by_rank(rank_of, std::integral_constant<size_t, 1>(), NothingAhead());
-  });
+  return with_rank_source(ranks, feature_index, end - begin, by_rank);
 }
 
 // The same for a ranked feature that keeps its values by rank, whose
@@ -171,14 +179,7 @@ size_t partition_by_rank(S& sample, const FeatureRanks<F>& ranks, size_t feature
         },
         ahead);
   };
-  if (ranks.rows_serve(end - begin)) {
-    const uint32_t* rows = ranks.row_ranks(feature_index);
-    const size_t stride = ranks.row_stride();
-    return by_rank(rows, stride, RowsAhead{rows, stride});
-  }
-  return ranks.visit_ranks(feature_index, [&](const auto* rank_of) {
-    return by_rank(rank_of, std::integral_constant<size_t, 1>(), NothingAhead());
-  });
+  return with_rank_source(ranks, feature_index, end - begin, by_rank);
 }
 
 // Puts the positions [begin, end) back in ascending instance order, their
